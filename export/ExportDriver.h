@@ -1,0 +1,27 @@
+// The one road of every export: from the identity of a stored edit to one
+// saved XML file.
+#pragma once
+
+#include <vector>
+
+#include "export/XMLWriter.h"
+#include "host/Cookie.h"
+
+namespace XML {
+
+struct ExportResult {
+    int status = 1;
+    // The file written, for the host to show; at most one entry.
+    std::vector<LightweightString<wchar_t>> files;
+};
+
+// Exports the edit `source` as `options` say. `options` is not changed: the
+// run works on a copy.
+ExportResult XMLExportFiles(const Cookie& source, XMLExportOptions& options, LoggerHandle log);
+
+// Makes the writer of the flavour: 2 fcpxml, 3 xmeml, any other the native
+// format. Always 1.
+int getAnXMLWriter(Qv::Ptr<XMLWriter>& writer, XMLExportOptions& options, Qv::FrameRate rate,
+                   LoggerHandle log);
+
+}  // namespace XML

@@ -1,0 +1,86 @@
+// The output layer that every writer builds its document through.
+//
+// A document is built in memory by a tinyxml2 printer and saved in one write.
+// Elements close at the end of their scope, so that the nesting of the code is
+// the nesting of the XML. Attributes are handed over as ready-made strings of
+// the form name="value"; the printer escapes the value when it writes it.
+#pragma once
+
+#include <tinyxml2.h>
+
+#include <utility>
+#include <vector>
+
+#include "host/LightweightString.h"
+#include "host/OS.h"
+
+namespace XML {
+
+using AttribList = std::vector<LightweightString<wchar_t>>;
+
+// The printer, made safe against closing more elements than were opened (the
+// root of a document that no writer began, say): such a close does nothing.
+class Printer : public tinyxml2::XMLPrinter {
+  public:
+    Printer() : tinyxml2::XMLPrinter(nullptr, false, 0) {}
+    int openElements() const { return _stack.Size(); }
+    void CloseElement(bool compactMode = false) override {
+        if (openElements() > 0) tinyxml2::XMLPrinter::CloseElement(compactMode);
+    }
+};
+
+class XmlFile {
+  public:
+    // Starts the document with its XML declaration.
+    XmlFile();
+    XmlFile(const XmlFile&) = delete;
+    XmlFile& operator=(const XmlFile&) = delete;
+
+    // Closes the root element and writes the whole document to `file` in one
+    // call. Does nothing if no file was opened.
+    void saveAndClose();
+
+    // The document so far, for tests and for writers that look back.
+    const char* text() const { return printer.CStr(); }
+
+    Qv::Ptr<iFile> file;
+    Printer printer;
+};
+
+class xmlElement {
+  public:
+    xmlElement(XmlFile& file, const char* name);
+    xmlElement(XmlFile& file, const char* name, const AttribList& attribs);
+    ~xmlElement();
+    xmlElement(const xmlElement&) = delete;
+    xmlElement& operator=(const xmlElement&) = delete;
+
+  private:
+    XmlFile& file_;
+};
+
+// An element opened and closed at once.
+class xmlInlineElement {
+  public:
+    // With text; a null text counts as empty and still makes a start and an
+    // end tag.
+    xmlInlineElement(XmlFile& file, const char* name, const wchar_t* text);
+    xmlInlineElement(XmlFile& file, const char* name, const LightweightString<wchar_t>& text)
+        : xmlInlineElement(file, name, text.c_str()) {}
+    // Attributes and no content: a self-closed element.
+    xmlInlineElement(XmlFile& file, const char* name, const AttribList& attribs);
+    // Attributes and UTF-8 text.
+    xmlInlineElement(XmlFile& file, const char* name, const char* text, const AttribList& attribs);
+};
+
+// Splits name="value" into its name and value, in UTF-8. The character after
+// the '=' is skipped unread, the value ends at the next double quote (or the
+// end of the text), and nothing is unescaped or trimmed. Without an '=' the
+// whole text is the name and the value starts at its second character.
+std::pair<LightweightString<char>, LightweightString<char>> getAttrib(
+    const LightweightString<wchar_t>& attribute);
+
+// Builds the attribute string name="value".
+LightweightString<wchar_t> makeAttrib(const char* name, const LightweightString<wchar_t>& value);
+
+}  // namespace XML

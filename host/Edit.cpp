@@ -1,0 +1,221 @@
+#include "host/Edit.h"
+
+#include <algorithm>
+
+#include "host/Paths.h"
+
+Edit::Edit(const Cookie& c) : cookie(convertCookie(c, kCookieEdit, 255)) {}
+
+int Edit::getNumChans(unsigned int mask) const {
+    int n = 0;
+    for (const StoredChannel& ch : channels)
+        if (static_cast<unsigned>(ch.type) & mask) ++n;
+    return n;
+}
+
+bool Edit::getTrackOriginInfo_Filename(const IdStamp&, LightweightString<char>& out) const {
+    if (trackOriginFilename.empty()) return false;
+    out = trackOriginFilename;
+    return true;
+}
+
+EditLabel Edit::getVideoTimecodeLabel() const {
+    return labels.empty() ? EditLabel() : labels.front();
+}
+
+double Edit::getEndTime() const {
+    if (length > 0) return length;
+    double end = 0;
+    for (const StoredChannel& ch : channels)
+        for (const CelData& c : ch.cels)
+            end = std::max(end, c.editOut);
+    return end;
+}
+
+const StoredChannel* Edit::findChannel(unsigned int index) const {
+    for (const StoredChannel& ch : channels)
+        if (ch.index == index) return &ch;
+    return nullptr;
+}
+
+void Edit::verifyClipLength() {
+    if (!(length > 0)) length = getEndTime();
+}
+
+LightweightString<char> Edit::getConfig(const std::string& key) const {
+    auto it = config.find(key);
+    return it == config.end() ? LightweightString<char>() : it->second;
+}
+
+void EditPtr::i_open(const Cookie& cookie, eEditOpenBehaviour) {
+    i_close();
+    if (!cookie.isValid() || cookie.isMagic()) return;
+    EditStore& store = EditStore::current();
+    edit_ = store.find(cookie);
+    if (edit_) {
+        ++edit_->openCount;
+        opened_ = true;
+        store.noteOpen();
+    }
+}
+
+void EditPtr::i_close() {
+    if (opened_ && edit_) {
+        --edit_->openCount;
+        EditStore::current().noteClose();
+    }
+    opened_ = false;
+    edit_.reset();
+}
+
+EditPtr& EditPtr::operator=(Edit* e) {
+    i_close();
+    edit_ = Qv::Ptr<Edit>(e);
+    return *this;
+}
+
+namespace {
+EditStore*& currentStore() {
+    static EditStore* store = new EditStore;
+    return store;
+}
+// splitmix64: small, fast and good enough for identities.
+std::uint64_t nextRandom(std::uint64_t& state) {
+    std::uint64_t z = (state += 0x9E3779B97F4A7C15ull);
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    return z ^ (z >> 31);
+}
+}  // namespace
+
+EditStore::EditStore(std::uint64_t seed) : state_(seed) {}
+
+EditStore& EditStore::current() {
+    return *currentStore();
+}
+void EditStore::setCurrent(EditStore* store) {
+    currentStore() = store;
+}
+
+Qv::UUID EditStore::newIdentity() {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    Qv::UUID id;
+    do {
+        std::uint64_t a = nextRandom(state_), b = nextRandom(state_);
+        id.words[0] = static_cast<std::uint32_t>(a >> 32);
+        id.words[1] = static_cast<std::uint32_t>(a);
+        id.words[2] = static_cast<std::uint32_t>(b >> 32);
+        id.words[3] = static_cast<std::uint32_t>(b);
+        // Never a magic identity, never all zero.
+    } while (id.words[1] == kMagicWord ||
+             (id.words[0] | id.words[1] | id.words[2] | id.words[3]) == 0);
+    return id;
+}
+
+void EditStore::reseed(std::uint64_t seed) {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    state_ = seed;
+}
+
+std::uint64_t EditStore::generatorState() const {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    return state_;
+}
+
+void EditStore::add(Qv::Ptr<Edit> edit) {
+    if (!edit) return;
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    for (Qv::Ptr<Edit>& e : edits_) {
+        if (e->cookie.sameIdentity(edit->cookie)) {
+            e = edit;
+            return;
+        }
+    }
+    edits_.push_back(std::move(edit));
+}
+
+bool EditStore::remove(const Cookie& cookie) {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    auto it = std::find_if(edits_.begin(), edits_.end(),
+                           [&](const Qv::Ptr<Edit>& e) { return e->cookie.sameIdentity(cookie); });
+    if (it == edits_.end()) return false;
+    edits_.erase(it);
+    return true;
+}
+
+void EditStore::clear() {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    edits_.clear();
+}
+
+Qv::Ptr<Edit> EditStore::find(const Cookie& cookie) const {
+    if (!cookie.isValid()) return nullptr;
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    for (const Qv::Ptr<Edit>& e : edits_)
+        if (e->cookie.sameIdentity(cookie)) return e;
+    return nullptr;
+}
+
+Qv::Ptr<Edit> EditStore::findByName(const LightweightString<wchar_t>& name) const {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    for (const Qv::Ptr<Edit>& e : edits_)
+        if (e->name == name) return e;
+    return nullptr;
+}
+
+Qv::Ptr<Edit> EditStore::findShotByMedia(const LightweightString<wchar_t>& path) const {
+    if (path.empty()) return nullptr;
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    for (const Qv::Ptr<Edit>& e : edits_)
+        if (e->isShot() && e->mediaPath == path) return e;
+    return nullptr;
+}
+
+std::vector<Qv::Ptr<Edit>> EditStore::edits() const {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    return edits_;
+}
+
+std::size_t EditStore::size() const {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    return edits_.size();
+}
+
+ScopedCurrentStore::ScopedCurrentStore(EditStore& store) : previous_(&EditStore::current()) {
+    EditStore::setCurrent(&store);
+}
+ScopedCurrentStore::~ScopedCurrentStore() {
+    EditStore::setCurrent(previous_);
+}
+
+namespace SystemCache {
+
+Qv::Ptr<FsysDirectoryEntry> findEntryForCookie(const Cookie& cookie) {
+    if (!cookie.isValid() || cookie.isMagic()) return nullptr;
+    Qv::Ptr<Edit> e = EditStore::current().find(cookie);
+    if (!e || e->mediaPath.empty()) return nullptr;
+    return Qv::Ptr<FsysDirectoryEntry>(new FsysDirectoryEntry(e->mediaPath));
+}
+
+LightweightString<wchar_t> getPhysicalHighResMedia(const Cookie& cookie) {
+    Qv::Ptr<FsysDirectoryEntry> entry = findEntryForCookie(cookie);
+    return entry ? entry->getPhysicalFilename(true) : LightweightString<wchar_t>();
+}
+
+}  // namespace SystemCache
+
+bool getPrimaryURLLocator(LightweightString<wchar_t>& locator, Cookie& cookie) {
+    LightweightString<wchar_t> path = SystemCache::getPhysicalHighResMedia(cookie);
+    if (path.empty()) return false;
+    locator = locator_IsLocal(path) ? localPathToURL(path) : path;
+    return !locator.empty();
+}
+
+bool getHistoricURLLocator(LightweightString<wchar_t>& locator, Cookie& cookie) {
+    if (!cookie.isValid() || cookie.isMagic()) return false;
+    Qv::Ptr<Edit> e = EditStore::current().find(cookie);
+    if (!e || e->historicLocator.empty()) return false;
+    locator = locator_IsLocal(e->historicLocator) ? localPathToURL(e->historicLocator)
+                                                  : e->historicLocator;
+    return !locator.empty();
+}

@@ -1,0 +1,234 @@
+#include "host/Logger.h"
+
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+namespace {
+
+// Appends one printf conversion, formatted by the C library.
+template <typename T>
+void appendConverted(std::string& out, const std::string& spec, T value) {
+    char small[128];
+    int n = std::snprintf(small, sizeof small, spec.c_str(), value);
+    if (n < 0) return;
+    if (static_cast<size_t>(n) < sizeof small) {
+        out.append(small, static_cast<size_t>(n));
+        return;
+    }
+    std::string big(static_cast<size_t>(n) + 1, '\0');
+    std::snprintf(big.data(), big.size(), spec.c_str(), value);
+    out.append(big.data(), static_cast<size_t>(n));
+}
+
+}  // namespace
+
+LightweightString<char> formatTextV(const char* format, va_list args) {
+    std::string out;
+    if (!format) return {};
+    va_list ap;
+    va_copy(ap, args);
+    for (const char* p = format; *p;) {
+        if (*p != '%') {
+            out.push_back(*p++);
+            continue;
+        }
+        // Collect one conversion specification: flags, width, precision,
+        // length modifier and conversion letter.
+        const char* start = p++;
+        if (*p == '%') {
+            out.push_back('%');
+            ++p;
+            continue;
+        }
+        while (*p && std::strchr("-+ #0", *p))
+            ++p;
+        bool starWidth = false, starPrecision = false;
+        if (*p == '*') {
+            starWidth = true;
+            ++p;
+        }
+        while (*p >= '0' && *p <= '9')
+            ++p;
+        if (*p == '.') {
+            ++p;
+            if (*p == '*') {
+                starPrecision = true;
+                ++p;
+            }
+            while (*p >= '0' && *p <= '9')
+                ++p;
+        }
+        std::string length;
+        while (*p && std::strchr("hlLqjzt", *p))
+            length.push_back(*p++);
+        char conv = *p ? *p++ : '\0';
+        if (!conv) break;
+        // Star widths are resolved into the specification itself.
+        std::string spec(start, static_cast<size_t>(p - start));
+        if (starWidth || starPrecision) {
+            std::string resolved;
+            for (char c : spec) {
+                if (c == '*')
+                    resolved += std::to_string(va_arg(ap, int));
+                else
+                    resolved.push_back(c);
+            }
+            spec = resolved;
+        }
+        switch (conv) {
+            case 'd':
+            case 'i':
+            case 'u':
+            case 'x':
+            case 'X':
+            case 'o':
+            case 'c':
+                if (length == "l")
+                    appendConverted(out, spec, va_arg(ap, long));
+                else if (length == "ll" || length == "j" || length == "z" || length == "t" ||
+                         length == "q")
+                    appendConverted(out, spec, va_arg(ap, long long));
+                else
+                    appendConverted(out, spec, va_arg(ap, int));
+                break;
+            case 'e':
+            case 'E':
+            case 'f':
+            case 'F':
+            case 'g':
+            case 'G':
+            case 'a':
+            case 'A':
+                if (length == "L")
+                    appendConverted(out, spec, va_arg(ap, long double));
+                else
+                    appendConverted(out, spec, va_arg(ap, double));
+                break;
+            case 'p':
+                appendConverted(out, spec, va_arg(ap, void*));
+                break;
+            case 'S':
+            case 's':
+                if (conv == 'S' || length == "l") {
+                    const wchar_t* w = va_arg(ap, const wchar_t*);
+                    LightweightString<char> u = toUTF8(std::wstring_view(w ? w : L"(null)"));
+                    // Width and precision count characters of the UTF-8 text.
+                    std::string narrowSpec = spec.substr(0, spec.size() - 1 - length.size());
+                    narrowSpec.push_back('s');
+                    appendConverted(out, narrowSpec, u.c_str());
+                } else {
+                    const char* s = va_arg(ap, const char*);
+                    appendConverted(out, spec, s ? s : "(null)");
+                }
+                break;
+            default:
+                // Unknown conversion: keep the text as written.
+                out.append(spec);
+                break;
+        }
+    }
+    va_end(ap);
+    return LightweightString<char>(out);
+}
+
+LightweightString<char> formatText(const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    LightweightString<char> s = formatTextV(format, ap);
+    va_end(ap);
+    return s;
+}
+
+namespace {
+// The host's messages end their lines themselves; a sink wants bare lines.
+LightweightString<char> withoutTrailingNewlines(LightweightString<char> text) {
+    std::string s(text.view());
+    while (!s.empty() && (s.back() == '\n' || s.back() == '\r'))
+        s.pop_back();
+    return LightweightString<char>(s);
+}
+}  // namespace
+
+#define QV_LOG_FORWARD(kind)                                                         \
+    va_list ap;                                                                      \
+    va_start(ap, format);                                                            \
+    LightweightString<char> text = withoutTrailingNewlines(formatTextV(format, ap)); \
+    va_end(ap);                                                                      \
+    emit(kind, text, -1)
+
+void LoggerBase::Out(const char* format, ...) {
+    QV_LOG_FORWARD(LogKind::Info);
+}
+void LoggerBase::WarningOut(const char* format, ...) {
+    QV_LOG_FORWARD(LogKind::Warning);
+}
+void LoggerBase::ErrorOut(const char* format, ...) {
+    QV_LOG_FORWARD(LogKind::Error);
+}
+
+LoggerHandle::LoggerHandle(Qv::Ptr<iLogSink> sink) : state_(new State) {
+    state_->sink = std::move(sink);
+}
+
+void LoggerHandle::emit(LogKind kind, const LightweightString<char>& text, int type) {
+    if (!hasSink()) return;
+    state_->sink->line(kind, state_->indent, text, type);
+}
+
+void LoggerHandle::write(const LightweightString<wchar_t>& text, eOutputType type) {
+    emit(LogKind::Written, toUTF8(text), type);
+}
+
+void LoggerHandle::incIndent() {
+    if (state_) ++state_->indent;
+}
+void LoggerHandle::decIndent() {
+    if (state_ && state_->indent > 0) --state_->indent;
+}
+int LoggerHandle::indent() const {
+    return state_ ? state_->indent : 0;
+}
+
+void LoggerHandle::progress(double fraction) {
+    if (hasSink()) state_->sink->progress(fraction);
+}
+
+bool CapturingLogSink::contains(const char* text) const {
+    for (const Line& l : lines)
+        if (l.text.find(text) != LightweightString<char>::npos) return true;
+    return false;
+}
+
+int CapturingLogSink::count(LogKind kind) const {
+    int n = 0;
+    for (const Line& l : lines)
+        n += l.kind == kind;
+    return n;
+}
+
+namespace {
+std::mutex& appLogMutex() {
+    static std::mutex m;
+    return m;
+}
+Qv::Ptr<iLogSink>& appLog() {
+    static Qv::Ptr<iLogSink> sink;
+    return sink;
+}
+}  // namespace
+
+void setApplicationLog(Qv::Ptr<iLogSink> sink) {
+    std::lock_guard<std::mutex> lock(appLogMutex());
+    appLog() = std::move(sink);
+}
+
+void LogBoth(const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    LightweightString<char> text = withoutTrailingNewlines(formatTextV(format, ap));
+    va_end(ap);
+    std::lock_guard<std::mutex> lock(appLogMutex());
+    if (appLog()) appLog()->line(LogKind::Info, 0, text, -1);
+}

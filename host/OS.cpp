@@ -1,0 +1,163 @@
+#include "host/OS.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <new>
+
+#include "host/Paths.h"
+
+namespace {
+
+class Memory final : public iMemory {
+  public:
+    void* allocate(std::size_t size) override {
+        void* p = std::malloc(size ? size : 1);
+        if (!p) throw std::bad_alloc();
+        live_.fetch_add(1, std::memory_order_relaxed);
+        total_.fetch_add(1, std::memory_order_relaxed);
+        return p;
+    }
+    void free(void* block) override {
+        if (!block) return;
+        live_.fetch_sub(1, std::memory_order_relaxed);
+        std::free(block);
+    }
+    std::int64_t liveBlocks() const override { return live_.load(); }
+    std::int64_t totalAllocations() const override { return total_.load(); }
+
+  private:
+    std::atomic<std::int64_t> live_{0};
+    std::atomic<std::int64_t> total_{0};
+};
+
+class Atomics final : public iAtomics {
+  public:
+    int increment(int* count) override { return __atomic_add_fetch(count, 1, __ATOMIC_ACQ_REL); }
+    int decrement(int* count) override { return __atomic_sub_fetch(count, 1, __ATOMIC_ACQ_REL); }
+};
+
+class PosixFile final : public iFile {
+  public:
+    explicit PosixFile(int fd) : fd_(fd) {}
+    ~PosixFile() override { ::close(fd_); }
+
+    unsigned read(void* buffer, unsigned count) override {
+        unsigned done = 0;
+        while (done < count) {
+            ssize_t n = ::read(fd_, static_cast<char*>(buffer) + done, count - done);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            done += static_cast<unsigned>(n);
+        }
+        return done;
+    }
+    unsigned write(const void* buffer, unsigned count) override {
+        unsigned done = 0;
+        while (done < count) {
+            ssize_t n = ::write(fd_, static_cast<const char*>(buffer) + done, count - done);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            done += static_cast<unsigned>(n);
+        }
+        return done;
+    }
+    std::uint64_t size() override {
+        struct stat st;
+        return ::fstat(fd_, &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
+    }
+
+  private:
+    int fd_;
+};
+
+class FileSystem final : public iFileSystem {
+  public:
+    bool exists(const LightweightString<wchar_t>& path) override {
+        if (path.empty()) return false;
+        struct stat st;
+        return ::stat(toUTF8(path).c_str(), &st) == 0;
+    }
+    bool remove(const LightweightString<wchar_t>& path) override {
+        return !path.empty() && ::unlink(toUTF8(path).c_str()) == 0;
+    }
+    Qv::Ptr<iFile> open(const LightweightString<wchar_t>& path, int access, int /*sharing*/,
+                        int disposition, int /*flags*/) override {
+        if (path.empty()) return nullptr;
+        int mode;
+        if (access == 2) {
+            // Writing: disposition 3 creates the file or truncates it.
+            mode = O_WRONLY | O_CREAT | (disposition == 3 ? O_TRUNC : 0);
+        } else {
+            mode = O_RDONLY;
+        }
+        int fd = ::open(toUTF8(path).c_str(), mode | O_CLOEXEC, 0666);
+        if (fd < 0) return nullptr;
+        struct stat st;
+        if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+            ::close(fd);
+            return nullptr;
+        }
+        return Qv::Ptr<iFile>(new PosixFile(fd));
+    }
+};
+
+class Layer final : public iOS {
+  public:
+    iMemory* memory() override { return &memory_; }
+    iAtomics* atomics() override { return &atomics_; }
+    iFileSystem* files() override { return &files_; }
+
+  private:
+    Memory memory_;
+    Atomics atomics_;
+    FileSystem files_;
+};
+
+class PlatformFileSystem final : public iPlatformFileSystem {
+  public:
+    LightweightString<wchar_t> platformForm(const LightweightString<wchar_t>& locator) override {
+        return locatorToPlatformForm(locator);
+    }
+};
+
+class PrivateLayer final : public iOSPrivate {
+  public:
+    iPlatformFileSystem* fileSystem() override { return &fs_; }
+
+  private:
+    PlatformFileSystem fs_;
+};
+
+}  // namespace
+
+// The layer is never destroyed: strings and handles may be released during
+// the destruction of other statics, in any order.
+iOS* OS() {
+    static Layer* layer = new Layer;
+    return layer;
+}
+
+iOSPrivate* OSPrivate() {
+    static PrivateLayer* layer = new PrivateLayer;
+    return layer;
+}
+
+namespace QvOS {
+void* allocate(std::size_t size) {
+    return OS()->memory()->allocate(size);
+}
+void free(void* block) {
+    OS()->memory()->free(block);
+}
+int atomicIncrement(int* count) {
+    return OS()->atomics()->increment(count);
+}
+int atomicDecrement(int* count) {
+    return OS()->atomics()->decrement(count);
+}
+}  // namespace QvOS

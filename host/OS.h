@@ -1,0 +1,87 @@
+// The host's operating-system layer: memory, atomic counts and files.
+//
+// Everything that crosses between the host and the plug-in allocates through
+// OS()->memory(), so that a block made on one side can be freed on the other.
+// Files are reached through OS()->files(), which knows two ways of opening a
+// file: reading an existing one, and creating (or truncating) one for writing.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "host/LightweightString.h"
+#include "host/OSCore.h"
+#include "host/Ptr.h"
+
+class iMemory {
+  public:
+    virtual ~iMemory() = default;
+    virtual void* allocate(std::size_t size) = 0;
+    virtual void free(void* block) = 0;
+    // Live blocks and the total ever handed out; used by tests and benchmarks.
+    virtual std::int64_t liveBlocks() const = 0;
+    virtual std::int64_t totalAllocations() const = 0;
+};
+
+class iAtomics {
+  public:
+    virtual ~iAtomics() = default;
+    // Both return the new value.
+    virtual int increment(int* count) = 0;
+    virtual int decrement(int* count) = 0;
+};
+
+// An open file. A null handle is how the file service says no.
+class iFile : public iObject {
+  public:
+    virtual unsigned read(void* buffer, unsigned count) = 0;
+    virtual unsigned write(const void* buffer, unsigned count) = 0;
+    virtual std::uint64_t size() = 0;
+};
+
+// Access arguments of iFileSystem::open. The host passes four numbers; only
+// these two combinations are in use.
+struct FileAccess {
+    int access, sharing, disposition, flags;
+};
+inline constexpr FileAccess kOpenForReading{1, 0, 1, 0};
+inline constexpr FileAccess kCreateForWriting{2, 3, 3, 0};
+
+class iFileSystem {
+  public:
+    virtual ~iFileSystem() = default;
+    // True for files and directories alike.
+    virtual bool exists(const LightweightString<wchar_t>& path) = 0;
+    virtual bool remove(const LightweightString<wchar_t>& path) = 0;
+    virtual Qv::Ptr<iFile> open(const LightweightString<wchar_t>& path, int access, int sharing,
+                                int disposition, int flags) = 0;
+    Qv::Ptr<iFile> open(const LightweightString<wchar_t>& path, FileAccess a) {
+        return open(path, a.access, a.sharing, a.disposition, a.flags);
+    }
+};
+
+class iOS {
+  public:
+    virtual ~iOS() = default;
+    virtual iMemory* memory() = 0;
+    virtual iAtomics* atomics() = 0;
+    virtual iFileSystem* files() = 0;
+};
+
+iOS* OS();
+
+// The private half of the layer: turns a locator into the form that this
+// platform's file system understands (see Paths.h).
+class iPlatformFileSystem {
+  public:
+    virtual ~iPlatformFileSystem() = default;
+    virtual LightweightString<wchar_t> platformForm(const LightweightString<wchar_t>& locator) = 0;
+};
+
+class iOSPrivate {
+  public:
+    virtual ~iOSPrivate() = default;
+    virtual iPlatformFileSystem* fileSystem() = 0;
+};
+
+iOSPrivate* OSPrivate();

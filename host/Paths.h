@@ -1,0 +1,73 @@
+// Locators and paths.
+//
+// A locator says where a piece of media is, in one of three forms:
+//   local path   /media/day 1/a.mov
+//   UNC form     \\localhost\media\day 1\a.mov   (\\server\share\... for other machines)
+//   URL          file://localhost/media/day%201/a.mov
+// URLs carry spaces, non-ASCII characters and other reserved bytes
+// percent-encoded (UTF-8 bytes); local paths and UNC forms carry them as they are.
+#pragma once
+
+#include <vector>
+
+#include "host/Containers.h"
+#include "host/LightweightString.h"
+
+using WStringList =
+    std::vector<LightweightString<wchar_t>, StdAllocator<LightweightString<wchar_t>>>;
+
+bool locator_IsLocal(const LightweightString<wchar_t>& locator);
+bool locator_IsURL(const LightweightString<wchar_t>& locator);
+bool locator_LocalToUNC(LightweightString<wchar_t>& in, LightweightString<wchar_t>& out);
+bool locator_UNCToURL(LightweightString<wchar_t>& in, LightweightString<wchar_t>& out);
+bool locator_UNCToLocal(LightweightString<wchar_t>& in, LightweightString<wchar_t>& out);
+
+// The form this platform's file system understands: a file URL becomes a local
+// path (or, for another machine, a UNC form) with its escapes decoded; every
+// other locator is returned as it is.
+LightweightString<wchar_t> locatorToPlatformForm(const LightweightString<wchar_t>& locator);
+// A local path as a file URL; empty if the path is not absolute.
+LightweightString<wchar_t> localPathToURL(const LightweightString<wchar_t>& path);
+
+// Percent-encoding of the bytes of a UTF-8 text: everything but unreserved
+// characters and the separator '/' is escaped. Decoding leaves malformed
+// escapes as they stand.
+LightweightString<char> percentEncode(const LightweightString<char>& text);
+LightweightString<char> percentDecode(const LightweightString<char>& text);
+
+// Path text. Both '/' and '\' separate directories, so that UNC forms work.
+LightweightString<wchar_t> getPath(const LightweightString<wchar_t>& path);
+LightweightString<wchar_t> stripPath(const LightweightString<wchar_t>& path);
+LightweightString<wchar_t> stripExtension(const LightweightString<wchar_t>& path);
+// The extension of the last name, with its full stop if `withDot`.
+LightweightString<wchar_t> getExtension(const LightweightString<wchar_t>& path, bool withDot);
+LightweightString<wchar_t> joinPath(const LightweightString<wchar_t>& dir,
+                                    const LightweightString<wchar_t>& name);
+
+bool fileExists(const LightweightString<wchar_t>& path);
+bool isDirectory(const LightweightString<wchar_t>& path);
+
+// Flags of getDirectoryContents.
+enum : unsigned int {
+    kDirIncludeDirectories = 1,
+    kDirRecurse = 2,
+    kDirIncludeFiles = 4,
+};
+// Fills `found` with the full paths of the entries of `dir` whose names match
+// `pattern` (a shell pattern, '*' and '?'), in name order; with kDirRecurse the
+// sub-directories follow, in name order, after the entries of the directory
+// itself. An empty `dir` is the current directory.
+void getDirectoryContents(const LightweightString<wchar_t>& dir,
+                          const LightweightString<wchar_t>& pattern, WStringList& found,
+                          unsigned int flags);
+
+namespace Qv::FilespecUtils {
+// Joins a directory, a file stem and an extension (with its full stop) into a
+// path inside that directory. Characters that a file name cannot hold, and any
+// way of climbing out of the directory ('/', '\', "." and ".." as a name), are
+// replaced by `replacement`.
+LightweightString<wchar_t> makeValidFilespec(const LightweightString<wchar_t>& directory,
+                                             const LightweightString<wchar_t>& stem,
+                                             const LightweightString<wchar_t>& extension,
+                                             bool allowSeparators, wchar_t replacement);
+}  // namespace Qv::FilespecUtils

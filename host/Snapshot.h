@@ -1,0 +1,28 @@
+// A JSON snapshot of a store: every field that an export reads, written and
+// read back without loss. Users write timelines by hand in this form too, so
+// loading is forgiving where it can be (names in place of identities, plain
+// rates, defaults for what is left out) and precise in its complaints where it
+// cannot. docs/snapshot.md describes the format.
+#pragma once
+
+#include <string>
+
+#include "host/Edit.h"
+
+namespace Snapshot {
+
+struct Result {
+    bool ok = true;
+    std::string error;  // where and what, when not ok
+};
+
+// The store as JSON text.
+std::string dump(const EditStore& store);
+// Adds the snapshot's edits to the store. Relative media paths are taken
+// relative to `baseDirectory`. On failure the store is left as it was.
+Result load(EditStore& store, const std::string& text, const std::string& baseDirectory);
+
+Result loadFile(EditStore& store, const std::string& path);
+Result saveFile(const EditStore& store, const std::string& path);
+
+}  // namespace Snapshot

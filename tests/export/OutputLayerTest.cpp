@@ -1,0 +1,107 @@
+#include <gtest/gtest.h>
+
+#include "export/XMLWriter.h"
+#include "export/XmlFile.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using namespace XML;
+
+TEST(XmlFile, StartsWithTheDeclaration) {
+    XmlFile f;
+    EXPECT_STREQ(f.text(), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>");
+}
+
+TEST(XmlFile, ElementsNestByScopeAndEscape) {
+    XmlFile f;
+    {
+        xmlElement root(f, "root", {L"id=\"a<b & \"c\""});
+        xmlInlineElement(f, "empty", L"");
+        xmlInlineElement(f, "null", static_cast<const wchar_t*>(nullptr));
+        xmlInlineElement(f, "bare", AttribList{L"k=\"v\""});
+        xmlInlineElement(f, "text", L"Sn\u00f8 <1> & \"2\"");
+        xmlInlineElement(f, "utf8", "\xC3\xB8", {L"n=\"1\"", L"m=\"\u00f8\""});
+    }
+    std::string text = f.text();
+    // The quote inside the attribute value cuts it short: that is getAttrib's contract.
+    EXPECT_NE(text.find("<root id=\"a&lt;b &amp; \">"), std::string::npos) << text;
+    EXPECT_NE(text.find("<empty></empty>"), std::string::npos) << text;
+    EXPECT_NE(text.find("<null></null>"), std::string::npos) << text;
+    EXPECT_NE(text.find("<bare k=\"v\"/>"), std::string::npos) << text;
+    EXPECT_NE(text.find("<text>Sn\xC3\xB8 &lt;1&gt; &amp; \"2\"</text>"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("<utf8 n=\"1\" m=\"\xC3\xB8\">\xC3\xB8</utf8>"), std::string::npos) << text;
+    EXPECT_NE(text.find("</root>"), std::string::npos);
+}
+
+TEST(XmlFile, SavingWithoutAFileDoesNothingAndNeverUnderflows) {
+    XmlFile f;
+    f.saveAndClose();
+    f.printer.CloseElement(false);
+    EXPECT_STREQ(f.text(), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>");
+}
+
+TEST(GetAttrib, TheExactContract) {
+    auto pair = [](const wchar_t* s) {
+        auto [n, v] = getAttrib(s);
+        return n.str() + "|" + v.str();
+    };
+    EXPECT_EQ(pair(L"a=\"b\""), "a|b");
+    EXPECT_EQ(pair(L"a=\"b\"c\""), "a|b");
+    EXPECT_EQ(pair(L"a=\"b"), "a|b");
+    EXPECT_EQ(pair(L"a="), "a|");
+    EXPECT_EQ(pair(L"a =\"b\""), "a |b");     // no trimming
+    EXPECT_EQ(pair(L"abc\"d"), "abc\"d|bc");  // no '=': value from the second character
+    EXPECT_EQ(pair(L""), "|");
+    EXPECT_EQ(pair(L"a=xbc"), "a|bc");  // the character after '=' is skipped unread
+    EXPECT_EQ(pair(L"n=\"\u00f8\""), "n|\xC3\xB8");
+}
+
+TEST(WriterBase, ReelsAndImageSequences) {
+    EXPECT_TRUE(XMLWriter::isDodgyReelID("A&#38;B"));
+    EXPECT_TRUE(XMLWriter::isDodgyReelID("&#"));
+    EXPECT_FALSE(XMLWriter::isDodgyReelID("A&B"));
+    EXPECT_FALSE(XMLWriter::isDodgyReelID(""));
+    EXPECT_TRUE(XMLWriter::isImageSequence(L"frame_0001.DPX"));
+    EXPECT_TRUE(XMLWriter::isImageSequence(L"png"));
+    EXPECT_FALSE(XMLWriter::isImageSequence(L"movie.mov"));
+    EXPECT_FALSE(XMLWriter::isImageSequence(L""));
+    XMLExportOptions o;
+    XMLWriter base(LoggerHandle(), o, Qv::eFrameRate25);
+    EXPECT_EQ(base.getFileExtension(), L".xml");
+}
+
+class WriterOpen : public qvtest::StoreTest {};
+
+TEST_F(WriterOpen, ReplacesAnOldFileAndSaysSo) {
+    qvtest::TempDir dir;
+    std::string path = dir.file("out.xml");
+    qvtest::writeFile(path, "old content that is longer than the new");
+    XMLExportOptions o;
+    XMLWriter w(capturingLog(), o, Qv::eFrameRate25);
+    ASSERT_EQ(w.open(fromUTF8(path.c_str())), 1);
+    EXPECT_EQ(qvtest::readFile(path), "") << "the old file is gone before anything is written";
+    w.xmlFile.printer.OpenElement("root", false);
+    w.saveAndClose();
+    w.xmlFile.file.reset();
+    EXPECT_EQ(qvtest::readFile(path), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<root/>\n");
+    EXPECT_TRUE(sink->contains(("Creating XML file \"" + path + "\"").c_str()));
+}
+
+TEST_F(WriterOpen, FailureIs2001AndTheMessageStillStands) {
+    qvtest::TempDir dir;
+    XMLExportOptions o;
+    XMLWriter w(capturingLog(), o, Qv::eFrameRate25);
+    EXPECT_EQ(w.open(dir.wpath() + L"/no/such/dir/out.xml"), 2001);
+    EXPECT_TRUE(sink->contains("Creating XML file"));
+
+    XMLExportOptions quiet;
+    quiet.silent = true;
+    sink->lines.clear();
+    XMLWriter s(capturingLog(), quiet, Qv::eFrameRate25);
+    EXPECT_EQ(s.open(dir.wpath() + L"/ok.xml"), 1);
+    EXPECT_TRUE(sink->lines.empty());
+}
+
+}  // namespace

@@ -1,0 +1,121 @@
+#include <gtest/gtest.h>
+
+#include "host/OS.h"
+#include "host/Paths.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using WS = LightweightString<wchar_t>;
+
+TEST(Locators, LocalPathsSurviveTheUrlRoundTrip) {
+    for (const wchar_t* p : {L"/media/day 1/take #3.mov", L"/m\u00e9dia/sn\u00f8/\u65e5\u672c.mxf",
+                             L"/a/100% b?.wav", L"/plain.mov"}) {
+        WS local(p), unc, url;
+        ASSERT_TRUE(locator_LocalToUNC(local, unc)) << toUTF8(local).c_str();
+        ASSERT_TRUE(locator_UNCToURL(unc, url));
+        EXPECT_TRUE(locator_IsURL(url));
+        EXPECT_EQ(url.find(L' '), WS::npos) << "spaces are escaped";
+        for (wchar_t c : url.view())
+            EXPECT_LT(static_cast<unsigned>(c), 128u) << "URLs are ASCII";
+        EXPECT_EQ(locatorToPlatformForm(url), local);
+        WS back;
+        ASSERT_TRUE(locator_UNCToLocal(unc, back));
+        EXPECT_EQ(back, local);
+    }
+    WS unc(L"\\\\localhost\\media\\day 1\\a.mov"), url;
+    locator_UNCToURL(unc, url);
+    EXPECT_EQ(url, L"file://localhost/media/day%201/a.mov");
+}
+
+TEST(Locators, Classification) {
+    EXPECT_TRUE(locator_IsLocal(L"/a/b.mov"));
+    EXPECT_TRUE(locator_IsLocal(L"relative/b.mov"));
+    EXPECT_FALSE(locator_IsLocal(L"\\\\server\\share\\b.mov"));
+    EXPECT_FALSE(locator_IsLocal(L"file:///a/b.mov"));
+    EXPECT_TRUE(locator_IsURL(L"file:/a/b.mov"));
+    EXPECT_TRUE(locator_IsURL(L"https://host/b.mov"));
+    EXPECT_FALSE(locator_IsURL(L"C:\\media\\b.mov"));
+    // Another machine's file stays a UNC form, decoded.
+    EXPECT_EQ(locatorToPlatformForm(L"file://server/share/a%20b.mov"),
+              L"\\\\server\\share\\a b.mov");
+    EXPECT_EQ(locatorToPlatformForm(L"file:///Volumes/X/a.mov"), L"/Volumes/X/a.mov");
+    EXPECT_EQ(locatorToPlatformForm(L"http://host/a%20b"), L"http://host/a%20b");
+    WS unc(L"\\\\server\\share\\a.mov"), local;
+    EXPECT_FALSE(locator_UNCToLocal(unc, local));
+}
+
+TEST(PathText, PartsOfAPath) {
+    EXPECT_EQ(getPath(L"/a/b/c.mov"), L"/a/b");
+    EXPECT_EQ(getPath(L"/c.mov"), L"/");
+    EXPECT_EQ(getPath(L"c.mov"), L"");
+    EXPECT_EQ(stripPath(L"\\\\srv\\a\\c.mov"), L"c.mov");
+    EXPECT_EQ(stripExtension(L"/a.b/c"), L"/a.b/c");
+    EXPECT_EQ(stripExtension(L"/a/Cut 1.5.xml"), L"/a/Cut 1.5");
+    EXPECT_EQ(stripExtension(L"/a/.hidden"), L"/a/.hidden");
+    EXPECT_EQ(getExtension(L"/a/clip.MXF", false), L"MXF");
+    EXPECT_EQ(getExtension(L"/a/clip.mxf", true), L".mxf");
+    EXPECT_EQ(getExtension(L"/a/clip", false), L"");
+}
+
+TEST(PathText, UserFileNamesCannotClimbOut) {
+    using Qv::FilespecUtils::makeValidFilespec;
+    EXPECT_EQ(makeValidFilespec(L"/out", L"../../etc/passwd", L".xml", false, L'_'),
+              L"/out/.._.._etc_passwd.xml");
+    EXPECT_EQ(makeValidFilespec(L"/out/", L"..", L".xml", false, L'_'), L"/out/__.xml");
+    EXPECT_EQ(makeValidFilespec(L"/out", L"", L".xml", false, L'_'), L"/out/_.xml");
+    EXPECT_EQ(makeValidFilespec(L"/out", L"a:b*c?", L".xml", false, L'_'), L"/out/a_b_c_.xml");
+    EXPECT_EQ(makeValidFilespec(L"/out", L"sub/../../x", L".xml", true, L'_'),
+              L"/out/sub/__/__/x.xml");
+    EXPECT_EQ(makeValidFilespec(L"/out", L"Sn\u00f8 1", L".xml", false, L'_'),
+              L"/out/Sn\u00f8 1.xml");
+}
+
+TEST(Directories, ContentsAreSortedAndRecursionIsOptIn) {
+    qvtest::TempDir dir;
+    qvtest::writeFile(dir.file("b.mov"), "x");
+    qvtest::writeFile(dir.file("a.mov"), "x");
+    ASSERT_EQ(::mkdir(dir.file("sub").c_str(), 0755), 0);
+    qvtest::writeFile(dir.file("sub/a.mov"), "x");
+    WStringList found;
+    getDirectoryContents(dir.wpath(), L"a.mov", found, kDirIncludeFiles);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0], dir.wpath() + L"/a.mov");
+    found.clear();
+    getDirectoryContents(dir.wpath(), L"a.mov", found, kDirIncludeFiles | kDirRecurse);
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_EQ(found[1], dir.wpath() + L"/sub/a.mov");
+    found.clear();
+    getDirectoryContents(dir.wpath(), L"*.mov", found, kDirIncludeFiles);
+    EXPECT_EQ(found.size(), 2u);
+    EXPECT_TRUE(fileExists(dir.wpath() + L"/a.mov"));
+    EXPECT_FALSE(fileExists(dir.wpath() + L"/sub"));
+    EXPECT_TRUE(OS()->files()->exists(dir.wpath() + L"/sub"));
+}
+
+TEST(Files, TheTwoWaysOfOpening) {
+    qvtest::TempDir dir;
+    WS path = dir.wpath() + L"/f\u00f8.txt";
+    iFileSystem* fs = OS()->files();
+    EXPECT_FALSE(fs->open(path, kOpenForReading));
+    {
+        Qv::Ptr<iFile> out = fs->open(path, kCreateForWriting);
+        ASSERT_TRUE(out);
+        EXPECT_EQ(out->write("hello", 5), 5u);
+    }
+    {
+        Qv::Ptr<iFile> out = fs->open(path, kCreateForWriting);  // truncates
+        out->write("hi", 2);
+    }
+    Qv::Ptr<iFile> in = fs->open(path, kOpenForReading);
+    ASSERT_TRUE(in);
+    EXPECT_EQ(in->size(), 2u);
+    char buf[8] = {};
+    EXPECT_EQ(in->read(buf, 8), 2u);
+    EXPECT_STREQ(buf, "hi");
+    EXPECT_FALSE(fs->open(dir.wpath(), kOpenForReading)) << "a directory is no file";
+    EXPECT_TRUE(fs->remove(path));
+    EXPECT_FALSE(fs->exists(path));
+}
+
+}  // namespace

@@ -1,0 +1,76 @@
+// Helpers shared by the tests: a fresh store per test, temporary directories,
+// files, and quick builders of shots and sequences.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "host/Config.h"
+#include "host/Edit.h"
+#include "host/Logger.h"
+
+namespace qvtest {
+
+// A directory that is removed with everything in it at the end of its life.
+class TempDir {
+  public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    LightweightString<wchar_t> wpath() const { return fromUTF8(path_.c_str()); }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+  private:
+    std::string path_;
+};
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& content);
+bool exists(const std::string& path);
+std::vector<std::string> listDirectory(const std::string& dir);
+
+// Each test gets a store of its own, made current, and clean configuration.
+class StoreTest : public ::testing::Test {
+  protected:
+    StoreTest() : scope_(store) { resetConfiguration(); }
+    ~StoreTest() override { resetConfiguration(); }
+
+    // A log that keeps its lines.
+    LoggerHandle capturingLog() { return LoggerHandle(Qv::Ptr<iLogSink>(sink)); }
+
+    EditStore store;
+    Qv::Ptr<CapturingLogSink> sink{new CapturingLogSink};
+
+  private:
+    ScopedCurrentStore scope_;
+};
+
+// Channel kinds for the builders, in channel order.
+struct ChannelSpec {
+    EditChanType type;
+    const char* name = "";
+};
+
+// A shot of `length` seconds at `rate` frames a second, with one cel per
+// channel playing its own material whole.
+Qv::Ptr<Edit> addShot(EditStore& store, const std::wstring& name, double rate, double length,
+                      std::vector<ChannelSpec> channels = {{kChanVideo, "V1"}, {kChanAudio, "A1"}},
+                      const std::wstring& mediaPath = L"");
+// An empty sequence at `rate` with the channels given.
+Qv::Ptr<Edit> addSequence(EditStore& store, const std::wstring& name, Qv::FrameRate rate,
+                          std::vector<ChannelSpec> channels = {{kChanVideo, "V1"},
+                                                               {kChanAudio, "A1"}});
+// A sub-clip of `shot` covering [in, in + length) of it.
+Qv::Ptr<Edit> addSubclip(EditStore& store, const std::wstring& name, const Qv::Ptr<Edit>& shot,
+                         double in, double length);
+// The cookie a cel uses to play channel `index` of `source`.
+Cookie playCookie(const Qv::Ptr<Edit>& source, unsigned index);
+// Appends a cel to channel `channel` of `seq`.
+CelData& addCel(const Qv::Ptr<Edit>& seq, unsigned channel, const Cookie& cookie, double editIn,
+                double editOut, double sourceIn, float speed = 1.0f);
+
+}  // namespace qvtest
