@@ -1,0 +1,58 @@
+// The host's XML reader: answers questions by element name over a text.
+//
+// A parser is built over a text (a whole document, or a fragment such as the
+// inner text of an element: many top-level elements with plain text around
+// them) and indexes its elements once, in the constructor. Questions then ask
+// by element name, at any depth, in document order; an outer element comes
+// before the elements nested in it.
+//
+// The text of an element with child elements is its raw inner text, markup
+// kept, so that it can be fed to a new parser. The text of a leaf element has
+// its entity and character references decoded and CDATA unwrapped. Attribute
+// values are decoded. An element that is not there gives a Value with empty
+// text and no attributes.
+//
+// The parser never throws and never crashes: malformed, truncated, hostile or
+// deeply nested input only makes questions find less. The caller keeps the
+// text alive as long as the parser.
+#pragma once
+
+#include <list>
+#include <vector>
+
+#include "host/LightweightString.h"
+
+class XMLParser {
+public:
+    struct Tag {
+        LightweightString<char> name;
+        LightweightString<char> value;
+    };
+
+    struct Value {
+        std::list<LightweightString<char>> strings;  // not used by the plug-in
+        LightweightString<char> text;
+        std::vector<Tag> attributes;  // in document order
+    };
+
+    // `length` -1 means up to the terminating zero.
+    XMLParser(const char* text, int length);
+    ~XMLParser();
+    XMLParser(const XMLParser&) = delete;
+    XMLParser& operator=(const XMLParser&) = delete;
+
+    // The `index`-th element of that name (from 0), at any depth.
+    Value getValue(const LightweightString<char>& tag, unsigned int index) const;
+    // Every element of that name, at any depth, in document order.
+    std::vector<Value> getValues(const LightweightString<char>& tag) const;
+    // As getValue and getValues, for elements that have children.
+    Value getSection(const LightweightString<char>& tag, unsigned int index) const;
+    std::vector<Value> getSections(const LightweightString<char>& tag) const;
+    // Only the elements of that name that are not inside another element of
+    // the text.
+    std::vector<Value> getSections_TopLevel(const LightweightString<char>& tag) const;
+
+private:
+    struct Index;
+    Index* index_;
+};
