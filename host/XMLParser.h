@@ -23,7 +23,7 @@
 #include "host/LightweightString.h"
 
 class XMLParser {
-public:
+  public:
     struct Tag {
         LightweightString<char> name;
         LightweightString<char> value;
@@ -52,7 +52,7 @@ public:
     // the text.
     std::vector<Value> getSections_TopLevel(const LightweightString<char>& tag) const;
 
-private:
+  private:
     struct Index;
     Index* index_;
 };

@@ -1,0 +1,367 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <fstream>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "host/XMLParser.h"
+
+namespace {
+
+using Values = std::vector<XMLParser::Value>;
+
+std::vector<std::string> texts(const Values& values) {
+    std::vector<std::string> out;
+    for (const auto& v : values)
+        out.push_back(v.text.str());
+    return out;
+}
+
+std::string first(const std::string& doc, const char* tag) {
+    XMLParser parser(doc.c_str(), -1);
+    return parser.getValue(tag, 0).text.str();
+}
+
+std::vector<std::pair<std::string, std::string>> attributes(const XMLParser::Value& v) {
+    std::vector<std::pair<std::string, std::string>> out;
+    for (const auto& a : v.attributes)
+        out.emplace_back(a.name.str(), a.value.str());
+    return out;
+}
+
+std::string corpus(const char* name) {
+    std::ifstream in(std::string(QVXML_CORPUS) + "/xmeml/" + name, std::ios::binary);
+    if (!in) return {};
+    std::ostringstream all;
+    all << in.rdbuf();
+    return all.str();
+}
+
+// Compares answers by text and attributes.
+bool same(const Values& a, const Values& b) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i)
+        if (a[i].text.view() != b[i].text.view() || attributes(a[i]) != attributes(b[i]))
+            return false;
+    return true;
+}
+
+// The distinct element names of a document, found the crude way.
+std::set<std::string> elementNames(const std::string& doc) {
+    std::set<std::string> names;
+    for (std::size_t at = doc.find('<'); at != std::string::npos; at = doc.find('<', at + 1)) {
+        std::size_t end = doc.find_first_of(" \t\r\n/>", at + 1);
+        if (end == std::string::npos || end == at + 1) continue;
+        std::string name = doc.substr(at + 1, end - at - 1);
+        if (name[0] != '!' && name[0] != '?' && name[0] != '/') names.insert(name);
+    }
+    return names;
+}
+
+TEST(XMLParser, MissingElementsAndEmptyElementsGiveEmptyValues) {
+    XMLParser parser("<a x='1'><b/><c></c><d>d</d></a>", -1);
+    for (const char* tag : {"missing", "b", "c", ""}) {
+        XMLParser::Value v = parser.getValue(tag, 0);
+        EXPECT_TRUE(v.text.empty()) << tag;
+        EXPECT_TRUE(v.attributes.empty()) << tag;
+    }
+    EXPECT_TRUE(parser.getValue("d", 1).text.empty());  // past the last one
+    EXPECT_TRUE(parser.getValues("missing").empty());
+    EXPECT_TRUE(parser.getSections_TopLevel("d").empty());  // d is not at the top
+    EXPECT_EQ(parser.getValues("b").size(), 1u);            // present, though empty
+
+    XMLParser none(nullptr, -1), empty("", -1), zero("<a>x</a>", 0);
+    EXPECT_TRUE(none.getValue("a", 0).text.empty());
+    EXPECT_TRUE(empty.getValues("a").empty());
+    EXPECT_TRUE(zero.getValues("a").empty());
+}
+
+TEST(XMLParser, FindsByExactNameAtAnyDepthInDocumentOrder) {
+    const std::string doc =
+        "<r><a>1<a>2</a></a><A>upper</A><fcp:a-b.c_d>ns</fcp:a-b.c_d><a>3</a><ab>no</ab></r>";
+    XMLParser parser(doc.c_str(), -1);
+    // An outer element comes before the ones nested in it.
+    EXPECT_EQ(texts(parser.getValues("a")), (std::vector<std::string>{"1<a>2</a>", "2", "3"}));
+    EXPECT_EQ(parser.getValue("a", 1).text.str(), "2");
+    EXPECT_EQ(parser.getValue("a", 2).text.str(), "3");
+    EXPECT_EQ(parser.getValue("A", 0).text.str(), "upper");
+    EXPECT_EQ(parser.getValue("fcp:a-b.c_d", 0).text.str(), "ns");
+    EXPECT_TRUE(parser.getValue("fcp", 0).text.empty());
+    EXPECT_TRUE(same(parser.getSections("a"), parser.getValues("a")));
+    EXPECT_EQ(parser.getSection("r", 0).text.str(), parser.getValue("r", 0).text.str());
+}
+
+TEST(XMLParser, NameOfAClipItemIsTheFirstInDocumentOrder) {
+    // The item has no name of its own before its file's name.
+    const std::string item =
+        "<masterclipid>m1</masterclipid><file id=\"f1\"><name>file.mov</name></file>"
+        "<name>item</name>";
+    XMLParser parser(item.c_str(), -1);
+    EXPECT_EQ(parser.getValue("name", 0).text.str(), "file.mov");
+    EXPECT_EQ(parser.getValue("name", 1).text.str(), "item");
+    const XMLParser::Value fileValue = parser.getSection("file", 0);
+    XMLParser file(fileValue.text.c_str(), -1);
+    EXPECT_EQ(file.getValue("name", 0).text.str(), "file.mov");
+}
+
+TEST(XMLParser, TopLevelSectionsLeaveOutItemsOfNestedSequences) {
+    const std::string track =
+        "<enabled>TRUE</enabled>"
+        "<clipitem id=\"c1\"><name>one</name></clipitem>"
+        "<clipitem id=\"c2\"><name>nest</name><sequence><media><video><track>"
+        "<clipitem id=\"n1\"><name>inner</name></clipitem>"
+        "<clipitem id=\"n2\"/>"
+        "</track></video></media></sequence></clipitem>"
+        "<transitionitem/><clipitem id=\"c3\"><name>three</name></clipitem>";
+    XMLParser parser(track.c_str(), -1);
+    auto ids = [](const Values& values) {
+        std::vector<std::string> out;
+        for (const auto& v : values)
+            out.push_back(v.attributes.at(0).value.str());
+        return out;
+    };
+    EXPECT_EQ(ids(parser.getSections_TopLevel("clipitem")),
+              (std::vector<std::string>{"c1", "c2", "c3"}));
+    EXPECT_EQ(ids(parser.getSections("clipitem")),
+              (std::vector<std::string>{"c1", "c2", "n1", "n2", "c3"}));
+    EXPECT_EQ(parser.getSections_TopLevel("transitionitem").size(), 1u);
+}
+
+TEST(XMLParser, AttributesKeepOrderAndAreDecoded) {
+    const std::string doc =
+        "<xmeml version=\"5\" xmlns:x='urn:x' z=\"last\">"
+        "<e a = \"1\" b='two words' c=\"&lt;&amp;&quot;&#65;&#x42;\" d='say \"hi\"' e=\"\"/>"
+        "<f bare=unquoted flag g='&bogus; & x'>t</f></xmeml>";
+    XMLParser parser(doc.c_str(), -1);
+    using Pairs = std::vector<std::pair<std::string, std::string>>;
+    EXPECT_EQ(attributes(parser.getValue("xmeml", 0)),
+              (Pairs{{"version", "5"}, {"xmlns:x", "urn:x"}, {"z", "last"}}));
+    EXPECT_EQ(
+        attributes(parser.getValue("e", 0)),
+        (Pairs{{"a", "1"}, {"b", "two words"}, {"c", "<&\"AB"}, {"d", "say \"hi\""}, {"e", ""}}));
+    EXPECT_EQ(attributes(parser.getValue("f", 0)),
+              (Pairs{{"bare", "unquoted"}, {"flag", ""}, {"g", "&bogus; & x"}}));
+}
+
+TEST(XMLParser, LeafTextIsDecodedButNotTrimmed) {
+    EXPECT_EQ(first("<a> &amp;&lt;&gt;&quot;&apos; </a>", "a"), " &<>\"' ");
+    EXPECT_EQ(first("<a>&#65;&#x41;&#xe9;&#8364;&#x1F600;</a>", "a"),
+              "AA\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80");
+    // Code points XML cannot carry become U+FFFD; malformed references stay.
+    EXPECT_EQ(first("<a>&#0;&#xD800;&#x110000;&#99999999999999999999;</a>", "a"),
+              "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");
+    EXPECT_EQ(first("<a>&nbsp; &#; &#x; &#12 &amp &</a>", "a"), "&nbsp; &#; &#x; &#12 &amp &");
+    EXPECT_EQ(first("<a>x<![CDATA[<b>&amp;</b>]]>y</a>", "a"), "x<b>&amp;</b>y");
+    EXPECT_EQ(first("<a>x<!-- <b>c</b> -->y<?pi <b>?>z</a>", "a"), "xyz");
+    EXPECT_EQ(first("<a>\r\n\t</a>", "a"), "\r\n\t");
+}
+
+TEST(XMLParser, SectionTextKeepsItsMarkup) {
+    const std::string inner = "\n <b k=\"&amp;\">x &amp; y</b><!-- c --><![CDATA[<z>]]><c/>\n";
+    EXPECT_EQ(first("<a>" + inner + "</a>", "a"), inner);
+}
+
+TEST(XMLParser, MarkupInsideCommentsCDATAAndDeclarationsIsNotAnElement) {
+    const std::string doc =
+        "\xEF\xBB\xBF<?xml version=\"1.0\"?>\n"
+        "<!DOCTYPE xmeml [ <!ELEMENT b (#PCDATA)> <!-- '> <b> --> <!ENTITY e \"<b>\"> ]>\n"
+        "<!-- <b>comment</b> --><r><?pi <b>pi</b> ?><![CDATA[<b>cdata</b>]]><b>real</b></r>";
+    XMLParser parser(doc.c_str(), -1);
+    EXPECT_EQ(texts(parser.getValues("b")), std::vector<std::string>{"real"});
+    EXPECT_EQ(parser.getSections_TopLevel("r").size(), 1u);  // the BOM did no harm
+}
+
+TEST(XMLParser, DamagedMarkupOnlyFindsLess) {
+    // An unclosed element runs to the end of the text.
+    EXPECT_EQ(first("<a><b>x</b>tail", "a"), "<b>x</b>tail");
+    // A closing tag closes the nearest open element of its name; elements
+    // left open inside it end there.
+    {
+        XMLParser parser("<a><b>1<c>2</a><b>3</b>", -1);
+        EXPECT_EQ(texts(parser.getValues("b")), (std::vector<std::string>{"1<c>2", "3"}));
+        EXPECT_EQ(parser.getValue("c", 0).text.str(), "2");
+        EXPECT_EQ(parser.getSections_TopLevel("b").size(), 1u);
+    }
+    // A closing tag with nothing to close is ignored.
+    EXPECT_EQ(first("</x><a>1</y>2</a>", "a"), "1</y>2");
+    // Stray '<' and broken tags are text; the tag after them is still found.
+    EXPECT_EQ(first("<a>1 < 2 <3 <b c=\"x<b>in</b></a>", "b"), "in");
+    EXPECT_EQ(first("<a b=\"1\" <a c=\"2\">t</a>", "a"), "t");
+    EXPECT_EQ(first("<a>x</a", "a"), "x</a");
+    // The length bounds the text; NUL bytes inside it are just bytes.
+    const char buffer[] = "<a>x\0y</a><b>cut</b>";
+    XMLParser withNul(buffer, 10);
+    EXPECT_EQ(withNul.getValue("a", 0).text.str(), std::string("x\0y", 3));
+    EXPECT_TRUE(withNul.getValues("b").empty());
+}
+
+// A nested parser over the raw text of an element answers as the outer one
+// does inside that element, also for damaged documents.
+TEST(XMLParser, NestedParserAgreesWithOuter) {
+    int checked = 0;
+    for (const char* name : {"premiere_example.xml", "Final Cut Pro XMEML 2.xml"}) {
+        const std::string doc = corpus(name);
+        if (doc.empty()) continue;
+        for (std::size_t cut : {doc.size(), doc.size() * 2 / 3, doc.size() / 3}) {
+            const std::string text = doc.substr(0, cut);
+            XMLParser outer(text.c_str(), -1);
+            XMLParser::Value root = outer.getValue("xmeml", 0);
+            ASSERT_FALSE(root.text.empty());
+            XMLParser inner(root.text.c_str(), -1);
+            for (const std::string& tag : elementNames(text)) {
+                if (tag == "xmeml") continue;
+                EXPECT_TRUE(same(outer.getValues(tag), inner.getValues(tag))) << name << " " << tag;
+                ++checked;
+            }
+            // Each track's own parser sees a run of the outer clip items.
+            const Values all = outer.getSections("clipitem");
+            for (const auto& track : outer.getSections("track")) {
+                XMLParser t(track.text.c_str(), -1);
+                const Values items = t.getSections("clipitem");
+                auto run = std::search(
+                    all.begin(), all.end(), items.begin(), items.end(),
+                    [](const auto& a, const auto& b) { return a.text.view() == b.text.view(); });
+                EXPECT_TRUE(items.empty() || run != all.end()) << name;
+            }
+        }
+    }
+    if (checked == 0) GTEST_SKIP() << "corpus not found";
+}
+
+TEST(XMLParser, ReadsARealDocumentLevelByLevel) {
+    const std::string doc = corpus("premiere_example.xml");
+    if (doc.empty()) GTEST_SKIP() << "corpus not found";
+    XMLParser parser(doc.c_str(), -1);
+    const XMLParser::Value sequenceValue = parser.getSection("sequence", 0);
+    XMLParser sequence(sequenceValue.text.c_str(), -1);
+    EXPECT_EQ(sequence.getValue("name", 0).text.str(), "sc01_sh010_layerA");
+    const XMLParser::Value rateValue = sequence.getSection("rate", 0);
+    XMLParser rate(rateValue.text.c_str(), -1);
+    EXPECT_EQ(rate.getValue("timebase", 0).text.str(), "30");
+    const XMLParser::Value videoValue = sequence.getSection("video", 0);
+    XMLParser video(videoValue.text.c_str(), -1);
+    Values tracks = video.getSections_TopLevel("track");
+    ASSERT_FALSE(tracks.empty());
+    EXPECT_EQ(attributes(tracks[0]).at(0).first, "TL.SQTrackShy");
+    XMLParser track(tracks[0].text.c_str(), -1);
+    Values items = track.getSections_TopLevel("clipitem");
+    ASSERT_FALSE(items.empty());
+    EXPECT_EQ(attributes(items[0]).at(0),
+              (std::pair<std::string, std::string>{"id", "clipitem-1"}));
+    XMLParser item(items[0].text.c_str(), -1);
+    EXPECT_EQ(item.getValue("name", 0).text.str(), "sc01_sh010_anim.mov");
+    EXPECT_EQ(item.getValue("in", 0).text.str(), "0");
+    EXPECT_EQ(item.getValue("out", 0).text.str(), "50");
+}
+
+// Reads a text level by level as the readers do, asking a few questions of
+// each parser, with a bound on the number of parsers at each level.
+void walk(const char* text, int length) {
+    XMLParser document(text, length);
+    (void)document.getValue("xmeml", 0).attributes;
+    Values sequences = document.getSections("sequence");
+    sequences.resize(std::min<std::size_t>(sequences.size(), 4));
+    for (const auto& sequence : sequences) {
+        XMLParser s(sequence.text.c_str(), -1);
+        (void)s.getValue("name", 0);
+        const XMLParser::Value rateValue = s.getSection("rate", 0);
+        XMLParser rate(rateValue.text.c_str(), -1);
+        (void)rate.getValue("timebase", 0);
+        Values tracks = s.getSections("track");
+        tracks.resize(std::min<std::size_t>(tracks.size(), 16));
+        for (const auto& track : tracks) {
+            XMLParser t(track.text.c_str(), -1);
+            Values items = t.getSections_TopLevel("clipitem");
+            items.resize(std::min<std::size_t>(items.size(), 16));
+            for (const auto& item : items) {
+                XMLParser i(item.text.c_str(), -1);
+                for (const char* tag : {"name", "in", "out", "start", "end"})
+                    (void)i.getValue(tag, 0);
+                const XMLParser::Value fileValue = i.getSection("file", 0);
+                XMLParser file(fileValue.text.c_str(), -1);
+                (void)file.getValues("pathurl");
+            }
+        }
+    }
+}
+
+TEST(XMLParserFuzz, TruncatedAndMutatedDocumentsDoNotHurt) {
+    const std::string doc = corpus("premiere_example.xml");
+    if (doc.empty()) GTEST_SKIP() << "corpus not found";
+    // Every byte of the first few hundred, then cuts spread over the rest.
+    for (std::size_t cut = 0; cut < doc.size(); cut += cut < 400 ? 1 : 397)
+        walk(doc.data(), static_cast<int>(cut));
+
+    std::mt19937 random(20240611);
+    const std::string tricky("<>/!?&#;\"'=[]-x \0", 17);
+    const std::string sample = doc.substr(0, 6000);
+    for (int round = 0; round < 300; ++round) {
+        std::string bytes = sample;
+        int changes = 1 + static_cast<int>(random() % 8);
+        for (int i = 0; i < changes; ++i) {
+            std::size_t at = random() % bytes.size();
+            char c =
+                random() % 2 ? tricky[random() % tricky.size()] : static_cast<char>(random() % 256);
+            switch (random() % 3) {
+                case 0:
+                    bytes[at] = c;
+                    break;
+                case 1:
+                    bytes.insert(at, 1, c);
+                    break;
+                default:
+                    bytes.erase(at, 1 + random() % 16);
+                    break;
+            }
+            if (bytes.empty()) bytes = "<";
+        }
+        walk(bytes.data(), static_cast<int>(bytes.size()));
+    }
+}
+
+TEST(XMLParserFuzz, HostileShapesDoNotHurt) {
+    const int depth = 200000;
+    auto repeat = [](const std::string& s, int n) {
+        std::string out;
+        out.reserve(s.size() * n);
+        for (int i = 0; i < n; ++i)
+            out += s;
+        return out;
+    };
+    {
+        const std::string deep = repeat("<a>", depth) + "x" + repeat("</a>", depth);
+        XMLParser parser(deep.c_str(), -1);
+        EXPECT_EQ(parser.getValue("a", depth - 1).text.str(), "x");
+        EXPECT_EQ(parser.getSections_TopLevel("a").size(), 1u);
+        EXPECT_EQ(parser.getValue("a", 0).text.size(), deep.size() - 7);
+    }
+    {
+        // Unclosed, closed by the wrong names, and closed all at once by an
+        // outer element.
+        const std::string deep = "<o>" + repeat("<a><b>", depth) + repeat("</c>", depth) + "</o>";
+        XMLParser parser(deep.c_str(), -1);
+        EXPECT_EQ(parser.getValue("b", depth - 1).text.str(), repeat("</c>", depth));
+        EXPECT_EQ(parser.getSections_TopLevel("o").size(), 1u);
+        const std::string open = repeat("<a x='1'>", depth);
+        XMLParser unclosed(open.c_str(), -1);
+        EXPECT_EQ(unclosed.getValue("a", depth - 1).attributes.size(), 1u);
+    }
+    using namespace std::string_literals;
+    for (const std::string& piece : {"<"s, "<a b=\""s, "</a"s, "<!DOCTYPE ["s, "&#"s, "<![CDATA["s,
+                                     "<!--"s, "<?"s, "<a/"s, "<a\0>"s}) {
+        const std::string text = repeat(piece, 20000);
+        XMLParser parser(text.data(), static_cast<int>(text.size()));
+        (void)parser.getValues("a");
+    }
+    const std::string many = "<a" + repeat(" x='1'", 100000) + ">t</a>";
+    XMLParser parser(many.c_str(), -1);
+    EXPECT_EQ(parser.getValue("a", 0).attributes.size(), 100000u);
+    EXPECT_EQ(parser.getValue("a", 0).text.str(), "t");
+}
+
+}  // namespace
