@@ -6,14 +6,9 @@
 
 #include "export/XMLWriter.h"
 #include "host/Cookie.h"
+#include "plugin/Results.h"
 
 namespace XML {
-
-struct ExportResult {
-    int status = 1;
-    // The file written, for the host to show; at most one entry.
-    std::vector<LightweightString<wchar_t>> files;
-};
 
 // Exports the edit `source` as `options` say. `options` is not changed: the
 // run works on a copy.

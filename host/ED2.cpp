@@ -61,6 +61,12 @@ void CED2::WriteCuesData(EditModifier& edit) {
 
 void CED2::WriteLabels(const EditPtr& edit, MediumRollMedium medium, double) {
     if (!edit) return;
+    // A record without labels leaves the edit's own (a media file's
+    // timecode, say) as they are.
+    bool any = false;
+    for (int i = 0; i < labelCount; ++i)
+        any |= labels[i].is_valid();
+    if (!any) return;
     edit->labels.clear();
     for (int i = 0; i < labelCount; ++i) {
         EditLabel l = labels[i];
@@ -281,7 +287,10 @@ int CED2List::WriteAllED2s(Qv::FrameRate rate) {
         }
         Qv::Ptr<Edit> e(new Edit(r->cookie));
         storeFields(*r, *e);
-        e->frameRate = rate;
+        // A sequence or ghost whose record knows its own rate keeps it.
+        Qv::FrameRate own =
+            r->shotVideoMetadataSet ? r->shotVideoMetadata.getFrameRate() : Qv::eFrameRateNone;
+        e->frameRate = !shot && Qv::isKnownFrameRate(own) ? own : rate;
         if (shot) {
             e->logType = kLogTypeShot;
             e->rate = r->rate > 0 ? r->rate : Qv::getFramesPerSecond(rate);
@@ -291,7 +300,7 @@ int CED2List::WriteAllED2s(Qv::FrameRate rate) {
                     if (ch->mediaFilenameSet) e->historicLocator = ch->mediaFilename;
         } else {
             e->logType = r->isGhost ? kLogTypeSubclip : kLogTypeSequence;
-            e->rate = r->rate > 0 ? r->rate : Qv::getFramesPerSecond(rate);
+            e->rate = r->rate > 0 ? r->rate : Qv::getFramesPerSecond(e->frameRate);
         }
         storeChannels(*r, *e, shot);
         e->length = r->get_editLength();

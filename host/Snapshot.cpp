@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -659,8 +660,12 @@ Result loadFile(EditStore& store, const std::string& path) {
     if (!in) return {false, "cannot read \"" + path + "\""};
     std::stringstream buffer;
     buffer << in.rdbuf();
-    LightweightString<wchar_t> dir = getPath(fromUTF8(path.c_str()));
-    return load(store, buffer.str(), toUTF8(dir).str());
+    // Media paths in the snapshot are relative to its folder, made absolute
+    // so that the store's media paths are.
+    LightweightString<wchar_t> file = fromUTF8(path.c_str());
+    if (!file.startsWith(L"/"))
+        file = joinPath(fromUTF8(std::filesystem::current_path().c_str()), file);
+    return load(store, buffer.str(), toUTF8(getPath(file)).str());
 }
 
 Result saveFile(const EditStore& store, const std::string& path) {
