@@ -122,38 +122,47 @@ std::uint64_t EditStore::generatorState() const {
     return state_;
 }
 
+std::size_t EditStore::IdentityHash::operator()(const Qv::UUID& id) const noexcept {
+    std::uint64_t h = 0;
+    for (std::uint32_t w : id.words)
+        h = (h ^ w) * 0x100000001B3ull;
+    return static_cast<std::size_t>(h ^ (h >> 29));
+}
+
 void EditStore::add(Qv::Ptr<Edit> edit) {
     if (!edit) return;
     std::lock_guard<std::recursive_mutex> lock(mutex_);
-    for (Qv::Ptr<Edit>& e : edits_) {
-        if (e->cookie.sameIdentity(edit->cookie)) {
-            e = edit;
-            return;
-        }
+    auto [it, fresh] = index_.try_emplace(edit->cookie.uuid, edits_.size());
+    if (!fresh) {
+        edits_[it->second] = std::move(edit);
+        return;
     }
     edits_.push_back(std::move(edit));
 }
 
 bool EditStore::remove(const Cookie& cookie) {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
-    auto it = std::find_if(edits_.begin(), edits_.end(),
-                           [&](const Qv::Ptr<Edit>& e) { return e->cookie.sameIdentity(cookie); });
-    if (it == edits_.end()) return false;
-    edits_.erase(it);
+    auto it = index_.find(cookie.uuid);
+    if (it == index_.end()) return false;
+    std::size_t at = it->second;
+    index_.erase(it);
+    edits_.erase(edits_.begin() + static_cast<std::ptrdiff_t>(at));
+    for (auto& entry : index_)
+        if (entry.second > at) --entry.second;
     return true;
 }
 
 void EditStore::clear() {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     edits_.clear();
+    index_.clear();
 }
 
 Qv::Ptr<Edit> EditStore::find(const Cookie& cookie) const {
     if (!cookie.isValid()) return nullptr;
     std::lock_guard<std::recursive_mutex> lock(mutex_);
-    for (const Qv::Ptr<Edit>& e : edits_)
-        if (e->cookie.sameIdentity(cookie)) return e;
-    return nullptr;
+    auto it = index_.find(cookie.uuid);
+    return it == index_.end() ? nullptr : edits_[it->second];
 }
 
 Qv::Ptr<Edit> EditStore::findByName(const LightweightString<wchar_t>& name) const {

@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "host/Audio.h"
@@ -188,6 +189,12 @@ class EditStore {
   private:
     mutable std::recursive_mutex mutex_;
     std::vector<Qv::Ptr<Edit>> edits_;
+    // The place in edits_ of each identity, so that look-ups need not walk
+    // the whole store.
+    struct IdentityHash {
+        std::size_t operator()(const Qv::UUID& id) const noexcept;
+    };
+    std::unordered_map<Qv::UUID, std::size_t, IdentityHash> index_;
     std::uint64_t state_;
     std::int64_t opens_ = 0, closes_ = 0;
 };

@@ -1,0 +1,108 @@
+// The xmeml writer's map of registered shots, and Premiere's marker colours.
+#include <cstring>
+
+#include "host/Edit.h"
+#include "host/Paths.h"
+#include "xmeml/FCP5XMLWriter.h"
+
+namespace XML {
+
+CED2ClipRefMapRec::CED2ClipRefMapRec(const LightweightString<wchar_t>& r, CED2* shot, bool ghost)
+    : ced2(shot), isGhost(ghost), ref(r), nextSameRef_(CED2ClipRefMap::npos) {}
+
+LightweightString<wchar_t> CED2ClipRefMapRec::getFileElementRef(unsigned int) const {
+    return ref + L"_0";
+}
+
+void CED2ClipRefMapRec::makeMarks() {
+    if (chanDefined) return;
+    chanCount = ced2 ? ced2->channels.size() : 0;
+    chanDefined.reset(new unsigned char[chanCount ? chanCount : 1]);
+    std::memset(chanDefined.get(), 0, chanCount ? chanCount : 1);
+}
+
+bool CED2ClipRefMapRec::isChanFileDefined(unsigned int channel) {
+    makeMarks();
+    // A shot with no video numbers its sound channels from 1.
+    long index = static_cast<long>(channel);
+    if (ced2 && ced2->GetNumVideoChannels() == 0) --index;
+    if (index < 0 || static_cast<std::size_t>(index) >= chanCount) return false;
+    return chanDefined[static_cast<std::size_t>(index)] != 0;
+}
+
+void CED2ClipRefMapRec::defineAll() {
+    makeMarks();
+    std::memset(chanDefined.get(), 1, chanCount);
+}
+
+void CED2ClipRefMapRec::dropMarks() {
+    chanDefined.reset();
+    chanCount = 0;
+}
+
+void CED2ClipRefMap::addRef(LightweightString<wchar_t> ref, CED2* ced2, bool isGhost) {
+    CED2ClipRefMapRec rec(ref, ced2, isGhost);
+    // MXF media is told by the extension of the first cel's file, in either
+    // of its two usual spellings only.
+    if (ced2) {
+        for (CChannel* ch : each<CChannel>(ced2->channels)) {
+            CED2Cell* cel = ch->firstCel();
+            if (!cel) continue;
+            LightweightString<wchar_t> ext =
+                getExtension(SystemCache::getPhysicalHighResMedia(cel->cookie), false);
+            if (ext == L"mxf" || ext == L"MXF") {
+                rec.isMxf = true;
+                break;
+            }
+        }
+    }
+    std::size_t at = records_.size();
+    records_.push_back(std::move(rec));
+    auto [it, fresh] = index_.try_emplace(records_.back().ref, Chain{at, at});
+    if (!fresh) {
+        records_[it->second.last].nextSameRef_ = at;
+        it->second.last = at;
+    }
+}
+
+bool CED2ClipRefMap::findRef(const LightweightString<wchar_t>& ref, CED2ClipRefMapRec** rec) {
+    auto it = index_.find(ref);
+    if (it == index_.end()) return false;
+    if (rec) *rec = &records_[it->second.first];
+    return true;
+}
+
+void CED2ClipRefMap::setDefined(LightweightString<wchar_t> ref, unsigned int) {
+    auto it = index_.find(ref);
+    if (it == index_.end()) return;
+    for (std::size_t i = it->second.first; i != npos; i = records_[i].nextSameRef_)
+        records_[i].defineAll();
+}
+
+void CED2ClipRefMap::clear() {
+    index_.clear();
+    records_.clear();
+}
+
+const pproColour::Row pproColour::table[] = {
+    {0xFFFFFF, L"4294967295"},  // white
+    {0xFF0000, L"4281740498"},  // red
+    {0xFFFF00, L"4281049552"},  // yellow
+    {0x00FF00, L"4200000000"},  // green
+    {0x00FFFF, L"4292277273"},  // cyan
+    {0x0000FF, L"4294741314"},  // blue
+    {0xFF00FF, L"4289825711"},  // magenta
+    {0x000000, L"4200000000"},  // black, sharing green's text
+    {0, L""},
+};
+
+bool pproColour::getStr(unsigned int colour, LightweightString<wchar_t>* str) {
+    for (const Row* row = table; row->text[0] != L'\0'; ++row) {
+        if (row->colour != colour) continue;
+        if (str) *str = row->text;
+        return true;
+    }
+    return false;
+}
+
+}  // namespace XML

@@ -1,0 +1,47 @@
+// Small element helpers shared by the parts of the xmeml writer.
+#pragma once
+
+#include <cstdio>
+
+#include "export/XmlFile.h"
+#include "host/Cookie.h"
+#include "host/ED2.h"
+
+namespace XML::fcp5 {
+
+// A leaf with UTF-8 text.
+inline void leaf(XmlFile& f, const char* name, const char* text) {
+    xmlInlineElement(f, name, text, AttribList{});
+}
+inline void leaf(XmlFile& f, const char* name, const LightweightString<char>& text) {
+    leaf(f, name, text.c_str());
+}
+// A leaf with wide text, converted to UTF-8 by the output layer.
+inline void leaf(XmlFile& f, const char* name, const LightweightString<wchar_t>& text) {
+    xmlInlineElement(f, name, text);
+}
+// A leaf with a whole number, "%d".
+inline void leaf(XmlFile& f, const char* name, int value) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%d", value);
+    leaf(f, name, text);
+}
+
+// An element whose only attribute is `id`.
+inline AttribList idAttrib(const LightweightString<wchar_t>& id) {
+    return AttribList{makeAttrib("id", id)};
+}
+
+// The text under which a cel's material is registered: the cookie of the edit
+// that holds it.
+inline LightweightString<wchar_t> editCookieText(const Cookie& cookie) {
+    return convertCookie(cookie, kCookieEdit, 255).asWString();
+}
+
+// The first cel of the first channel: where a sub-clip's material starts.
+inline CED2Cell* firstCelOf(const CED2* ced2) {
+    CChannel* ch = ced2 ? ced2->firstChannel() : nullptr;
+    return ch ? ch->firstCel() : nullptr;
+}
+
+}  // namespace XML::fcp5

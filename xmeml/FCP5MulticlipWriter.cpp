@@ -1,0 +1,168 @@
+// The xmeml writer: a sequence that is one multi-angle group, written as one
+// clip carrying a multiclip with an angle per member of the group.
+#include "host/Edit.h"
+#include "xmeml/FCP5Elements.h"
+#include "xmeml/FCP5XMLWriter.h"
+
+namespace XML {
+
+using namespace fcp5;
+
+bool FCP5XMLWriter::writeMulticlipGroup(AlternatesList& group) {
+    if (group.list.empty()) return false;
+
+    // Every member must be a clip; nothing is written otherwise.
+    for (const AlternatesList::AltListRec& member : group.list) {
+        EditPtr edit;
+        edit.i_open(member.cookie);
+        if (!edit || edit->getLogType() != kLogTypeShot) {
+            log.ErrorOut(
+                "The components of the exported multi-clip group must be either CLIPS or "
+                "SUB-CLIPS");
+            edit.i_close();
+            return false;
+        }
+        edit.i_close();
+    }
+
+    LightweightString<wchar_t> c0 = editCookieText(group.list.front().cookie);
+    CED2ClipRefMapRec* rec = nullptr;
+    if (!map_.findRef(c0, &rec)) return false;
+    LightweightString<wchar_t> ref = rec->getFileElementRef(0);
+    CED2* shot = rec->ced2;
+    if (!shot) return false;
+    bool isGhost = rec->isGhost;
+    CED2* master = shot;
+    double subStart = 0.0;
+    if (isGhost) {
+        master = nullptr;
+        if (CED2Cell* cel = firstCelOf(shot)) {
+            subStart = cel->sourceIn;
+            CED2ClipRefMapRec* masterRec = nullptr;
+            if (map_.findRef(editCookieText(cel->cookie), &masterRec)) master = masterRec->ced2;
+        }
+    }
+    double length = shot->get_editLength();
+    LightweightString<wchar_t> masterId = L"master_" + c0;
+    auto subclipInfo = [&] {
+        if (isGhost && master)
+            printSubclipInfo(
+                celTimeToFrames(subStart, master->rate),
+                celTimeToFrames(master->get_editLength() - (subStart + length), master->rate));
+    };
+
+    xmlElement clip(xmlFile, "clip", idAttrib(L"GRP_" + c0));
+    leaf(xmlFile, "name", shot->get_editName() + L"_GRP");
+    leaf(xmlFile, "duration", celTimeToFrames(length, shot->rate));
+    printRateElement(shot->rate);
+    leaf(xmlFile, "masterclipid", masterId);
+    leaf(xmlFile, "ismasterclip", "TRUE");
+
+    int counter = 1;
+    if (!shot->channels.isEmpty()) {
+        xmlElement media(xmlFile, "media");
+        CChannel* videoChannel = nullptr;
+        for (CChannel* ch : each<CChannel>(shot->channels)) {
+            if (ch->chanType == kChanVideo) {
+                videoChannel = ch;
+                break;
+            }
+        }
+        if (videoChannel) {
+            xmlElement video(xmlFile, "video");
+            xmlElement track(xmlFile, "track");
+            xmlElement clipitem(xmlFile, "clipitem",
+                                idAttrib(L"clipitem-" + Qv::WStringFromInteger(counter++)));
+            leaf(xmlFile, "name", shot->get_editName());
+            leaf(xmlFile, "masterclipid", masterId);
+            printRateElement(shot->rate);
+            subclipInfo();
+            if (!printFileElement(master, false, ref, 0, false)) return false;
+
+            xmlElement multiclip(xmlFile, "multiclip", idAttrib(L"multiclip1"));
+            xmlInlineElement(xmlFile, "name",
+                             AttribList{makeAttrib("id", shot->get_editName() + L" - multi")});
+            leaf(xmlFile, "collapsed", "FALSE");
+            leaf(xmlFile, "synctype", "1");
+            bool firstAngle = true;
+            for (const AlternatesList::AltListRec& member : group.list) {
+                LightweightString<wchar_t> ci = editCookieText(member.cookie);
+                CED2ClipRefMapRec* angleRec = nullptr;
+                if (!map_.findRef(ci, &angleRec)) return false;
+                xmlElement angle(xmlFile, "angle");
+                if (firstAngle) {
+                    leaf(xmlFile, "activevideoangle", "TRUE");
+                    leaf(xmlFile, "activaudioangle", "TRUE");
+                    firstAngle = false;
+                }
+                LightweightString<wchar_t> angleMaster = L"master_" + ci;
+                if (!printAngle(angleRec->ced2, angleRec->isGhost, ci, angleMaster, member.offset,
+                                counter))
+                    return false;
+            }
+            leaf(xmlFile, "masterclipid", L"GRP_" + c0);
+        }
+    }
+
+    // The group's sound stands after its media, as a child of the clip.
+    if (shot->channels.size() >= 2) {
+        xmlElement audio(xmlFile, "audio");
+        int index = 0;
+        for (CChannel* ch : each<CChannel>(shot->channels)) {
+            if (ch->chanType == kChanAudio) {
+                xmlElement track(xmlFile, "track");
+                xmlElement clipitem(xmlFile, "clipitem",
+                                    idAttrib(L"clipitem-" + Qv::WStringFromInteger(counter++)));
+                leaf(xmlFile, "masterclipid", masterId);
+                leaf(xmlFile, "syncoffset", "0");
+                subclipInfo();
+                if (!printFileElement(master, false, ref, 0, false)) return false;
+                {
+                    xmlElement sourcetrack(xmlFile, "sourcetrack");
+                    leaf(xmlFile, "mediatype", "audio");
+                    leaf(xmlFile, "trackindex", index);
+                }
+                leaf(xmlFile, "multiclip", "multiclip1");
+            }
+            ++index;
+        }
+    }
+    return true;
+}
+
+bool FCP5XMLWriter::printAngle(CED2* shot, bool isGhost, LightweightString<wchar_t>& id,
+                               LightweightString<wchar_t>& masterId, int offset, int& counter) {
+    if (!shot) return false;
+    xmlElement clip(xmlFile, "clip", idAttrib(id));
+    double rate = shot->rate;
+    double length = shot->get_editLength();
+    leaf(xmlFile, "name", shot->get_editName());
+    leaf(xmlFile, "duration", celTimeToFrames(length, rate));
+    printRateElement(rate);
+    leaf(xmlFile, "masterclipid", masterId);
+    leaf(xmlFile, "ismasterclip", "TRUE");
+
+    if (isGhost) {
+        // The sub-clip's material: its first cel's cookie, as it stands.
+        CED2Cell* cel = firstCelOf(shot);
+        CED2ClipRefMapRec* masterRec = nullptr;
+        if (!cel || !map_.findRef(cel->cookie.asWString(), &masterRec)) return false;
+        shot = masterRec->ced2;
+        if (!shot) return false;
+        printSubclipInfo(celTimeToFrames(cel->sourceIn, rate),
+                         celTimeToFrames(shot->get_editLength() - (length + cel->sourceIn), rate));
+    }
+
+    xmlElement media(xmlFile, "media");
+    xmlElement video(xmlFile, "video");
+    xmlElement track(xmlFile, "track");
+    xmlElement clipitem(xmlFile, "clipitem",
+                        idAttrib(L"clipitem-" + Qv::WStringFromInteger(counter++)));
+    leaf(xmlFile, "masterclipid", masterId);
+    printRateElement(shot->rate);
+    leaf(xmlFile, "mediadelay", offset);
+    // Inside an angle the file's id is the bare reference.
+    return printFileElement(shot, false, id, 0, false);
+}
+
+}  // namespace XML
