@@ -13,11 +13,13 @@
 
 namespace {
 
+// The host's allocator is the process's global operator new: a block that a
+// plug-in allocates through it may be freed by host code with plain delete,
+// and the other way round.
 class Memory final : public iMemory {
   public:
     void* allocate(std::size_t size) override {
-        void* p = std::malloc(size ? size : 1);
-        if (!p) throw std::bad_alloc();
+        void* p = ::operator new(size ? size : 1);
         live_.fetch_add(1, std::memory_order_relaxed);
         total_.fetch_add(1, std::memory_order_relaxed);
         return p;
@@ -25,7 +27,18 @@ class Memory final : public iMemory {
     void free(void* block) override {
         if (!block) return;
         live_.fetch_sub(1, std::memory_order_relaxed);
-        std::free(block);
+        ::operator delete(block);
+    }
+    void* allocateArray(std::size_t size) override {
+        void* p = ::operator new[](size ? size : 1);
+        live_.fetch_add(1, std::memory_order_relaxed);
+        total_.fetch_add(1, std::memory_order_relaxed);
+        return p;
+    }
+    void freeArray(void* block) override {
+        if (!block) return;
+        live_.fetch_sub(1, std::memory_order_relaxed);
+        ::operator delete[](block);
     }
     std::int64_t liveBlocks() const override { return live_.load(); }
     std::int64_t totalAllocations() const override { return total_.load(); }

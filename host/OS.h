@@ -18,6 +18,10 @@ class iMemory {
     virtual ~iMemory() = default;
     virtual void* allocate(std::size_t size) = 0;
     virtual void free(void* block) = 0;
+    // Blocks for arrays, kept apart from single objects as the global
+    // operators keep them, so that either side may free the other's.
+    virtual void* allocateArray(std::size_t size) = 0;
+    virtual void freeArray(void* block) = 0;
     // Live blocks and the total ever handed out; used by tests and benchmarks.
     virtual std::int64_t liveBlocks() const = 0;
     virtual std::int64_t totalAllocations() const = 0;

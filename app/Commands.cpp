@@ -1,0 +1,393 @@
+#include "app/Commands.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <set>
+#include <thread>
+#include <tuple>
+
+#include "host/Edit.h"
+#include "host/Paths.h"
+#include "host/Snapshot.h"
+#include "plugin/Status.h"
+
+namespace qvapp {
+
+namespace {
+
+LightweightString<wchar_t> wide(const std::string& s) {
+    return fromUTF8(s.c_str());
+}
+std::string narrow(const LightweightString<wchar_t>& s) {
+    return toUTF8(s).str();
+}
+
+std::string absolute(const std::string& path) {
+    char resolved[PATH_MAX];
+    if (::realpath(path.c_str(), resolved)) return resolved;
+    return path;
+}
+
+std::string quoted(const std::string& s) {
+    return "\"" + s + "\"";
+}
+
+// What kind of document a file looks like, from its first bytes. The import
+// itself decides; this only lets the command say plainly why it cannot.
+enum class Sniffed { Unknown, Native, Xmeml, Fcpxml };
+Sniffed sniff(const std::string& path, std::string& version) {
+    std::ifstream in(path, std::ios::binary);
+    std::string head(65536, '\0');
+    in.read(head.data(), static_cast<std::streamsize>(head.size()));
+    head.resize(static_cast<size_t>(in.gcount()));
+    auto attribute = [&](size_t at) {
+        size_t v = head.find("version=\"", at);
+        if (v == std::string::npos || v > head.find('>', at)) return std::string();
+        size_t end = head.find('"', v + 9);
+        return end == std::string::npos ? std::string() : head.substr(v + 9, end - v - 9);
+    };
+    if (size_t at = head.find("<xmeml"); at != std::string::npos) {
+        version = attribute(at);
+        return Sniffed::Xmeml;
+    }
+    if (size_t at = head.find("<fcpxml"); at != std::string::npos) {
+        version = attribute(at);
+        return Sniffed::Fcpxml;
+    }
+    if (head.find("<QVXML") != std::string::npos) return Sniffed::Native;
+    return Sniffed::Unknown;
+}
+
+}  // namespace
+
+Commands::Commands(PluginLoader& plugin, Qv::Ptr<ConsoleLog> console)
+    : plugin_(plugin), console_(std::move(console)) {}
+
+int Commands::fail(int code, const std::string& sentence) {
+    console_->clearProgress();
+    std::fprintf(stderr, "qvxml: %s\n", sentence.c_str());
+    return code;
+}
+
+bool Commands::flavourOf(const std::string& to, Flavour& out, int& exitCode) {
+    if (to == "native" || to == "qvxml") {
+        out = {XML::XMLFlavourQV2, "native"};
+    } else if (to == "xmeml" || to == "fcp7") {
+        out = {XML::XMLFlavourFCP5, "xmeml"};
+    } else if (to == "fcpxml") {
+        exitCode = fail(kExitNotAvailable,
+                        "fcpxml export is not available yet in this version of qvxml; "
+                        "use --to xmeml or --to native");
+        return false;
+    } else if (to.empty()) {
+        exitCode = fail(kExitUsage,
+                        "say which format to write with --to native, --to xmeml or --to fcpxml");
+        return false;
+    } else {
+        exitCode = fail(kExitUsage,
+                        quoted(to) + " is no format qvxml writes; use native, xmeml or fcpxml");
+        return false;
+    }
+    return true;
+}
+
+int Commands::importDocuments(const std::vector<std::string>& inputs,
+                              std::vector<Qv::Ptr<Edit>>& made) {
+    iXMLResource* resource = plugin_.resource();
+    if (!resource) return fail(kExitPlugin, "the XML plug-in offers no XML resource");
+    for (const std::string& input : inputs) {
+        struct stat st;
+        if (::stat(input.c_str(), &st) != 0)
+            return fail(kExitUnreadable,
+                        "cannot read " + quoted(input) + ": there is no such file");
+        if (S_ISDIR(st.st_mode))
+            return fail(kExitUnreadable, quoted(input) + " is a folder, not a document");
+        if (st.st_size == 0) return fail(kExitUnreadable, quoted(input) + " is empty");
+        std::string version;
+        Sniffed kind = sniff(input, version);
+        if (kind == Sniffed::Xmeml)
+            return fail(kExitNotAvailable,
+                        "reading xmeml documents is not available yet in this version of qvxml (" +
+                            quoted(input) + " is xmeml version " + version + ")");
+        if (kind == Sniffed::Fcpxml)
+            return fail(
+                kExitUnknownDocument,
+                quoted(input) + " is an fcpxml document; qvxml writes fcpxml but does not read it");
+
+        ImportFileList files;
+        files.push_back(Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({wide(absolute(input))})));
+        console_->status("importing " + input);
+        XML::ImportResult r = resource->importFiles(files, log());
+        console_->clearProgress();
+        for (const EditModifier& m : r.edits)
+            made.push_back(m.ptr());
+        switch (r.status) {
+            case XML::kStatusOK:
+                break;
+            case XML::kStatusUnreadable:
+                return fail(kExitUnreadable, "cannot read " + quoted(input));
+            case XML::kStatusNoMemory:
+                return fail(kExitUnreadable, "there is not enough memory to read " + quoted(input));
+            case XML::kStatusUnknown:
+                return fail(kExitUnknownDocument,
+                            quoted(input) +
+                                " is no document qvxml reads (QVXML documents of "
+                                "version 1.0 or 2.0, with Version as the first attribute)");
+            case XML::kStatusNoReader:
+                return fail(kExitNotAvailable, "there is no reader yet for the kind of document " +
+                                                   quoted(input) + " is");
+            default:
+                return fail(kExitFailed,
+                            quoted(input) +
+                                " could not be imported: its structure is broken "
+                                "(a Shot or Edit without channels, or an empty channel)");
+        }
+    }
+    return kExitOK;
+}
+
+std::string Commands::uniqueStem(const Qv::Ptr<Edit>& edit, const std::string& extension) {
+    std::string stem = narrow(edit->name);
+    if (stem.empty()) stem = "untitled";
+    for (int n = 1;; ++n) {
+        std::string candidate = n == 1 ? stem : stem + " " + std::to_string(n);
+        std::string path = narrow(Qv::FilespecUtils::makeValidFilespec(
+            wide(usedDir_), wide(candidate), wide(extension), false, L'_'));
+        if (std::find(usedPaths_.begin(), usedPaths_.end(), path) == usedPaths_.end()) {
+            usedPaths_.push_back(path);
+            return candidate;
+        }
+    }
+}
+
+int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
+                         const std::string& fileName) {
+    QvExport::ExporterFactoryBase* factory = plugin_.exporterFactory();
+    if (!factory)
+        return fail(kExitNotAvailable,
+                    "XML export is switched off (the configuration key enableXml is 0)");
+    std::string label =
+        edit->name.empty() ? std::string("the nameless edit") : quoted(narrow(edit->name));
+    {
+        EditPtr p;
+        p.i_open(edit->cookie);
+        int why = factory->canExport(p);
+        p.i_close();
+        if (why == 4) return fail(kExitFailed, label + " is of a kind that cannot be exported");
+        if (why == 5) return fail(kExitFailed, label + " has no video or audio channels to export");
+        if (why != 0) return fail(kExitFailed, label + " cannot be exported");
+    }
+
+    XMLExportOptions options;
+    options.log = log();
+    options.directory = wide(absolute(o.outputDir));
+    options.fileName = wide(fileName);
+    options.flavour = flavour.value;
+    options.silent = o.silent;
+    options.prepareOption = o.skipOffline;
+    Qv::Ptr<QvExport::Exporter> exporter = factory->createExporter(&options);
+    auto* single = dynamic_cast<QvExport::SingleSourceExporter*>(exporter.get());
+    if (!single) return fail(kExitPlugin, "the XML plug-in made no exporter");
+
+    std::string expected = narrow(Qv::FilespecUtils::makeValidFilespec(
+        options.directory, stripExtension(options.fileName),
+        plugin_.resource() ? plugin_.resource()->getExtension(flavour.value) : L".xml", false,
+        L'_'));
+
+    Qv::Ptr<QvExport::BackgroundTask> task = single->createBackgroundTasks(edit->cookie, {});
+    const char spinner[] = "|/-\\";
+    for (int tick = 0; !task->finished(); ++tick) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (tick >= 10)
+            console_->status(std::string("exporting ") + label + " " + spinner[tick / 2 % 4]);
+    }
+    QvExport::ExportResult r = task->wait();
+    console_->clearProgress();
+
+    switch (r.status) {
+        case XML::kStatusOK:
+            break;
+        case XML::kStatusCannotCreate:
+            return fail(kExitOutput, "cannot write " + quoted(expected));
+        case XML::kStatusNoDirectory:
+            return fail(kExitOutput,
+                        "the output folder " + quoted(o.outputDir) + " does not exist");
+        case XML::kStatusUnknown:
+            return fail(kExitPlugin, "the XML plug-in offers no XML resource");
+        default:
+            return fail(kExitFailed, label + " could not be exported as " + flavour.name +
+                                         " (see the messages above)");
+    }
+    std::vector<std::string> written;
+    for (const LightweightString<wchar_t>& f : r.files)
+        written.push_back(narrow(f));
+    for (std::string& f : console_->takeWrittenPaths())
+        written.push_back(std::move(f));
+    // A silent export reports nothing; the file is where the name says.
+    if (written.empty() && fileExists(wide(expected))) written.push_back(expected);
+    if (written.empty()) {
+        std::fprintf(stdout, "%s: nothing to write\n", label.c_str());
+    }
+    for (const std::string& f : written)
+        std::fprintf(stdout, "%s\n", f.c_str());
+    std::fflush(stdout);
+    return kExitOK;
+}
+
+int Commands::convert(const Options& o) {
+    Flavour flavour;
+    int code = kExitOK;
+    if (!flavourOf(o.to, flavour, code)) return code;
+    if (o.inputs.empty()) return fail(kExitUsage, "say which documents to convert");
+    if (!isDirectory(wide(o.outputDir)))
+        return fail(kExitOutput, "the output folder " + quoted(o.outputDir) + " does not exist");
+    usedDir_ = absolute(o.outputDir);
+    std::string extension = narrow(plugin_.resource()->getExtension(flavour.value));
+
+    int result = kExitOK;
+    for (const std::string& input : o.inputs) {
+        // Each document goes into a fresh project of its own.
+        EditStore project;
+        ScopedCurrentStore scope(project);
+        std::vector<Qv::Ptr<Edit>> made;
+        int imported = importDocuments({input}, made);
+        if (imported != kExitOK) {
+            if (result == kExitOK) result = imported;
+            continue;
+        }
+        std::vector<Qv::Ptr<Edit>> toWrite = made;
+        if (toWrite.empty())
+            for (const Qv::Ptr<Edit>& e : project.edits())
+                if (e->isShot()) toWrite.push_back(e);
+        if (toWrite.empty()) {
+            std::fprintf(stderr, "qvxml: %s holds no sequences and no shots; nothing to write\n",
+                         quoted(input).c_str());
+            continue;
+        }
+        for (const Qv::Ptr<Edit>& e : toWrite) {
+            int exported = exportEdit(e, flavour, o, uniqueStem(e, extension) + extension);
+            if (exported != kExitOK && result == kExitOK) result = exported;
+        }
+    }
+    return result;
+}
+
+int Commands::import(const Options& o) {
+    if (o.inputs.empty()) return fail(kExitUsage, "say which documents to import");
+    EditStore& project = EditStore::current();
+    std::set<std::tuple<uint32_t, uint32_t, uint32_t, uint32_t>> before;
+    auto key = [](const Cookie& c) {
+        return std::make_tuple(c.uuid.words[0], c.uuid.words[1], c.uuid.words[2], c.uuid.words[3]);
+    };
+    for (const Qv::Ptr<Edit>& e : project.edits())
+        before.insert(key(e->cookie));
+
+    std::vector<Qv::Ptr<Edit>> made;
+    int code = importDocuments(o.inputs, made);
+    if (code != kExitOK) return code;
+
+    int imported = 0, offline = 0, subclips = 0;
+    for (const Qv::Ptr<Edit>& e : project.edits()) {
+        if (before.count(key(e->cookie))) continue;
+        if (e->isShot()) (e->isOffline() ? offline : imported)++;
+        if (e->logType == kLogTypeSubclip) ++subclips;
+    }
+    // Shots that were in the project already and that the new edits play.
+    std::set<std::tuple<uint32_t, uint32_t, uint32_t, uint32_t>> linked;
+    for (const Qv::Ptr<Edit>& e : project.edits()) {
+        if (before.count(key(e->cookie))) continue;
+        for (const StoredChannel& ch : e->channels)
+            for (const CelData& c : ch.cels)
+                if (Qv::Ptr<Edit> s = project.find(c.cookie);
+                    s && s->isShot() && before.count(key(s->cookie)))
+                    linked.insert(key(s->cookie));
+    }
+    std::printf("%zu sequence%s, %d shot%s imported, %zu linked, %d offline", made.size(),
+                made.size() == 1 ? "" : "s", imported, imported == 1 ? "" : "s", linked.size(),
+                offline);
+    if (subclips) std::printf(", %d sub-clip%s", subclips, subclips == 1 ? "" : "s");
+    std::printf(", %d warning%s\n", console_->warnings(), console_->warnings() == 1 ? "" : "s");
+    for (const Qv::Ptr<Edit>& e : made)
+        std::printf("  sequence %s\n", quoted(narrow(e->name)).c_str());
+    std::fflush(stdout);
+
+    if (!o.snapshot.empty()) {
+        Snapshot::Result r = Snapshot::saveFile(project, o.snapshot);
+        if (!r.ok) return fail(kExitOutput, r.error);
+        std::printf("snapshot written to %s\n", o.snapshot.c_str());
+    }
+    return kExitOK;
+}
+
+int Commands::exportSnapshot(const Options& o) {
+    Flavour flavour;
+    int code = kExitOK;
+    if (!flavourOf(o.to, flavour, code)) return code;
+    if (o.inputs.size() != 1) return fail(kExitUsage, "say which one snapshot to export from");
+    const std::string& input = o.inputs[0];
+    struct stat st;
+    if (::stat(input.c_str(), &st) != 0)
+        return fail(kExitUnreadable, "cannot read " + quoted(input) + ": there is no such file");
+    if (!isDirectory(wide(o.outputDir)))
+        return fail(kExitOutput, "the output folder " + quoted(o.outputDir) + " does not exist");
+    usedDir_ = absolute(o.outputDir);
+
+    EditStore& project = EditStore::current();
+    Snapshot::Result loaded = Snapshot::loadFile(project, input);
+    if (!loaded.ok) return fail(kExitUnknownDocument, quoted(input) + ": " + loaded.error);
+
+    Qv::Ptr<Edit> chosen;
+    if (!o.edit.empty()) {
+        chosen = project.findByName(wide(o.edit));
+        if (!chosen) chosen = project.find(Cookie(wide(o.edit), false));
+        if (!chosen)
+            return fail(kExitUsage, quoted(input) + " has no edit named " + quoted(o.edit));
+    } else {
+        std::vector<Qv::Ptr<Edit>> sequences;
+        for (const Qv::Ptr<Edit>& e : project.edits())
+            if (e->logType == kLogTypeSequence) sequences.push_back(e);
+        if (sequences.size() == 1) {
+            chosen = sequences[0];
+        } else if (sequences.empty() && project.size() == 1) {
+            chosen = project.edits()[0];
+        } else {
+            std::string names;
+            for (const Qv::Ptr<Edit>& e : sequences)
+                names += (names.empty() ? "" : ", ") + quoted(narrow(e->name));
+            return fail(kExitUsage, quoted(input) + " holds " + std::to_string(sequences.size()) +
+                                        " sequences" + (names.empty() ? "" : " (" + names + ")") +
+                                        "; say which with --edit NAME");
+        }
+    }
+    std::string extension = narrow(plugin_.resource()->getExtension(flavour.value));
+    std::string fileName = o.name.empty() ? uniqueStem(chosen, extension) + extension : o.name;
+    return exportEdit(chosen, flavour, o, fileName);
+}
+
+int Commands::rate(const Options& o) {
+    if (o.inputs.size() != 1) return fail(kExitUsage, "say which one document to look at");
+    const std::string& input = o.inputs[0];
+    struct stat st;
+    if (::stat(input.c_str(), &st) != 0)
+        return fail(kExitUnreadable, "cannot read " + quoted(input) + ": there is no such file");
+    iXMLResource* resource = plugin_.resource();
+    if (!resource) return fail(kExitPlugin, "the XML plug-in offers no XML resource");
+    Qv::FrameRate r = resource->getFrameRate(wide(absolute(input)));
+    if (r == Qv::eFrameRateNone) {
+        std::string version;
+        if (sniff(input, version) == Sniffed::Xmeml)
+            return fail(kExitNotAvailable,
+                        "reading xmeml documents is not available yet in this version of qvxml");
+        return fail(kExitUnknownDocument, "the frame rate of " + quoted(input) + " cannot be told");
+    }
+    std::printf("%s\n", narrow(Qv::getPlainString(r)).c_str());
+    return kExitOK;
+}
+
+}  // namespace qvapp

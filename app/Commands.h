@@ -1,0 +1,69 @@
+// The commands of qvxml.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "app/Console.h"
+#include "app/PluginLoader.h"
+
+namespace qvapp {
+
+// Exit statuses, each with its own kind of failure.
+enum ExitCode {
+    kExitOK = 0,
+    kExitUsage = 1,            // the command line is wrong
+    kExitUnreadable = 2,       // an input is missing, empty or unreadable
+    kExitUnknownDocument = 3,  // an input is no document of a known kind
+    kExitOutput = 4,           // the output folder is missing or a file cannot be written
+    kExitFailed = 5,           // an import or export failed on its way
+    kExitPlugin = 6,           // the plug-in could not be loaded
+    kExitNotAvailable = 7,     // what was asked for has not been built yet
+};
+
+struct Options {
+    std::vector<std::string> inputs;
+    std::string to;  // native, xmeml, fcpxml
+    std::string outputDir = ".";
+    std::string snapshot;  // import: where to write the project
+    std::string edit;      // export: which edit
+    std::string name;      // export: the file's name
+    bool silent = false;
+    bool skipOffline = false;
+    Verbosity verbosity = Verbosity::Normal;
+};
+
+class Commands {
+  public:
+    Commands(PluginLoader& plugin, Qv::Ptr<ConsoleLog> console);
+
+    int convert(const Options& o);
+    int import(const Options& o);
+    int exportSnapshot(const Options& o);
+    int rate(const Options& o);
+
+  private:
+    struct Flavour {
+        XML::XMLFlavour value;
+        const char* name;
+    };
+    // A --to value as a flavour, or a failure already reported.
+    bool flavourOf(const std::string& to, Flavour& out, int& exitCode);
+    // Imports documents into the current project. The sequences made are
+    // appended to `made`.
+    int importDocuments(const std::vector<std::string>& inputs, std::vector<Qv::Ptr<Edit>>& made);
+    // Exports one edit; prints the path of each file written.
+    int exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
+                   const std::string& fileName);
+    // A name for the edit's file that no earlier export of this run used.
+    std::string uniqueStem(const Qv::Ptr<Edit>& edit, const std::string& extension);
+    int fail(int code, const std::string& sentence);
+    LoggerHandle log() const { return LoggerHandle(Qv::Ptr<iLogSink>(console_)); }
+
+    PluginLoader& plugin_;
+    Qv::Ptr<ConsoleLog> console_;
+    std::string usedDir_;                 // the folder that file names are made for
+    std::vector<std::string> usedPaths_;  // files this run has written
+};
+
+}  // namespace qvapp

@@ -1,0 +1,56 @@
+// The command's log: the run's lines on standard error, indented as the log
+// asks, warnings and errors marked; a progress line on a terminal.
+#pragma once
+
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "host/Logger.h"
+
+namespace qvapp {
+
+enum class Verbosity { Quiet, Normal, Verbose };
+
+class ConsoleLog : public iLogSink {
+  public:
+    ConsoleLog(Verbosity verbosity, std::FILE* out);
+
+    void line(LogKind kind, int indent, const LightweightString<char>& text, int type) override;
+    void progress(double fraction) override;
+
+    // A progress line that is not a fraction: what is being done.
+    void status(const std::string& what);
+    void clearProgress();
+
+    int warnings() const { return warnings_; }
+    int errors() const { return errors_; }
+    // Paths the pipeline reported as written (output type 6).
+    std::vector<std::string> takeWrittenPaths();
+
+  private:
+    void clearLocked();
+    Verbosity verbosity_;
+    std::FILE* out_;
+    bool terminal_;
+    bool progressShown_ = false;
+    std::string task_;
+    int warnings_ = 0, errors_ = 0;
+    std::vector<std::string> written_;
+    std::mutex mutex_;
+};
+
+// Where LogBoth goes: the application's own log, shown with --verbose.
+class ApplicationLog : public iLogSink {
+  public:
+    explicit ApplicationLog(Qv::Ptr<ConsoleLog> console) : console_(std::move(console)) {}
+    void line(LogKind kind, int, const LightweightString<char>& text, int) override {
+        console_->line(kind, 0, LightweightString<char>("[app] ") + text, -1);
+    }
+
+  private:
+    Qv::Ptr<ConsoleLog> console_;
+};
+
+}  // namespace qvapp

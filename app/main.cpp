@@ -1,0 +1,202 @@
+// qvxml: converts, imports and exports timelines through the editor's XML
+// interchange plug-in, without the editor.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "app/Commands.h"
+#include "host/Config.h"
+#include "plugin/Version.h"
+
+namespace {
+
+using namespace qvapp;
+
+const char* const kUsage =
+    "usage: qvxml COMMAND [OPTIONS] ...\n"
+    "\n"
+    "Carries edit timelines between editors as XML.\n"
+    "\n"
+    "commands:\n"
+    "  convert INPUT... --to FORMAT [-o DIR]      import documents and write them as FORMAT\n"
+    "  import INPUT... [--snapshot OUT.json]       import documents and say what was made\n"
+    "  export SNAPSHOT.json --to FORMAT [--edit NAME] [-o DIR] [--name FILE]\n"
+    "                                              write an edit of a project snapshot\n"
+    "  rate INPUT                                  the frame rate of a document's first sequence\n"
+    "\n"
+    "FORMAT is native (QVXML 2.0), xmeml (Final Cut Pro 7, Premiere, Resolve) or fcpxml.\n"
+    "Run 'qvxml COMMAND --help' for a command's options, 'qvxml --version' for the version.\n"
+    "The user guide is docs/user-guide.md.\n";
+
+const char* const kCommonOptions =
+    "  --set KEY=VALUE   set a configuration key or preference (see the user guide):\n"
+    "                    enableXml, suppress_FCP7XML_multiclip_group, xml_export_limit_to_6dB,\n"
+    "                    media_scanning_behaviour, \"Import : Suppress relink existing material\"\n"
+    "  --quiet           say nothing but errors\n"
+    "  --verbose         show the whole import and export log\n"
+    "  --help            this text\n";
+
+const char* helpFor(const std::string& command) {
+    if (command == "convert")
+        return "usage: qvxml convert INPUT... --to native|xmeml|fcpxml [-o DIR] [--silent]\n"
+               "\n"
+               "Imports each document into a fresh project and writes every sequence it made\n"
+               "(or its shots, when it made none) as FORMAT into DIR (default: the current\n"
+               "folder), one file per sequence, named after it. Prints each file written.\n"
+               "\n"
+               "  --to FORMAT       the format to write\n"
+               "  -o, --output DIR  where to write\n"
+               "  --silent          export without messages; also lets a sequence that is one\n"
+               "                    multi-angle group go out as an xmeml multiclip\n"
+               "  --skip-offline    leave shots whose media is offline out of the export\n";
+    if (command == "import")
+        return "usage: qvxml import INPUT... [--snapshot OUT.json]\n"
+               "\n"
+               "Imports the documents into one project, linking their media, importing it or\n"
+               "marking it offline, and prints what was made. With --snapshot the project is\n"
+               "written as JSON (see docs/snapshot.md).\n";
+    if (command == "export")
+        return "usage: qvxml export SNAPSHOT.json --to native|xmeml|fcpxml [--edit NAME] [-o DIR]\n"
+               "                    [--name FILE] [--silent]\n"
+               "\n"
+               "Loads a project snapshot (see docs/snapshot.md) and writes one of its edits:\n"
+               "the one named by --edit, or its only sequence.\n"
+               "\n"
+               "  --edit NAME       the edit to write, by name or identity\n"
+               "  --name FILE       the file's name; the format's extension replaces its own\n"
+               "  -o, --output DIR  where to write\n"
+               "  --skip-offline    leave shots whose media is offline out of the export\n";
+    if (command == "rate")
+        return "usage: qvxml rate INPUT\n"
+               "\n"
+               "Prints the frame rate of the document's first sequence, such as 25 or 29.97.\n";
+    return nullptr;
+}
+
+int usageError(const std::string& sentence) {
+    std::fprintf(stderr, "qvxml: %s\nRun 'qvxml --help' for usage.\n", sentence.c_str());
+    return kExitUsage;
+}
+
+// KEY=VALUE: preferences take true or false, configuration keys numbers.
+bool applySetting(const std::string& setting, std::string& error) {
+    size_t eq = setting.find('=');
+    if (eq == std::string::npos || eq == 0) {
+        error = "--set wants KEY=VALUE, not \"" + setting + "\"";
+        return false;
+    }
+    std::string key = setting.substr(0, eq), value = setting.substr(eq + 1);
+    if (key == "Import : Suppress relink existing material") {
+        if (value != "true" && value != "false" && value != "1" && value != "0") {
+            error = "\"" + key + "\" is true or false";
+            return false;
+        }
+        prefs().setPreference(key.c_str(), value == "true" || value == "1");
+        return true;
+    }
+    static const char* const known[] = {"enableXml", "suppress_FCP7XML_multiclip_group",
+                                        "xml_export_limit_to_6dB", "media_scanning_behaviour"};
+    bool isKnown = false;
+    for (const char* k : known)
+        isKnown |= key == k;
+    if (!isKnown) {
+        error = "\"" + key + "\" is no configuration key qvxml knows";
+        return false;
+    }
+    char* end = nullptr;
+    long v = std::strtol(value.c_str(), &end, 10);
+    if (value.empty() || *end != '\0' || v < INT32_MIN || v > INT32_MAX) {
+        error = "\"" + key + "\" takes a whole number, not \"" + value + "\"";
+        return false;
+    }
+    set_config_int(key.c_str(), static_cast<int>(v));
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    if (args.empty()) {
+        std::fputs(kUsage, stderr);
+        return kExitUsage;
+    }
+    if (args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
+        std::fputs(kUsage, stdout);
+        return kExitOK;
+    }
+    if (args[0] == "--version") {
+        std::printf("qvxml %s\n", XML::kPluginVersion);
+        return kExitOK;
+    }
+    std::string command = args[0];
+    const char* help = helpFor(command);
+    if (!help)
+        return usageError("\"" + command +
+                          "\" is no command; the commands are convert, import, export and rate");
+
+    Options o;
+    for (size_t i = 1; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        auto value = [&](std::string& into) {
+            if (i + 1 >= args.size()) return false;
+            into = args[++i];
+            return true;
+        };
+        std::string setting, error;
+        if (a == "--help" || a == "-h") {
+            std::printf("%s\noptions of every command:\n%s", help, kCommonOptions);
+            return kExitOK;
+        } else if (a == "--to") {
+            if (!value(o.to)) return usageError("--to wants a format: native, xmeml or fcpxml");
+        } else if (a == "-o" || a == "--output") {
+            if (!value(o.outputDir)) return usageError(a + " wants a folder");
+        } else if (a == "--snapshot" && command == "import") {
+            if (!value(o.snapshot)) return usageError("--snapshot wants a file name");
+        } else if (a == "--edit" && command == "export") {
+            if (!value(o.edit)) return usageError("--edit wants an edit's name");
+        } else if (a == "--name" && command == "export") {
+            if (!value(o.name)) return usageError("--name wants a file name");
+        } else if (a == "--silent") {
+            o.silent = true;
+        } else if (a == "--skip-offline") {
+            o.skipOffline = true;
+        } else if (a == "--quiet" || a == "-q") {
+            o.verbosity = Verbosity::Quiet;
+        } else if (a == "--verbose" || a == "-v") {
+            o.verbosity = Verbosity::Verbose;
+        } else if (a == "--set") {
+            if (!value(setting)) return usageError("--set wants KEY=VALUE");
+            if (!applySetting(setting, error)) return usageError(error);
+        } else if (a.rfind("--set=", 0) == 0) {
+            if (!applySetting(a.substr(6), error)) return usageError(error);
+        } else if (a.size() > 1 && a[0] == '-') {
+            return usageError("\"" + a + "\" is no option of " + command);
+        } else {
+            o.inputs.push_back(a);
+        }
+    }
+
+    Qv::Ptr<ConsoleLog> console(new ConsoleLog(o.verbosity, stderr));
+    if (o.verbosity == Verbosity::Verbose)
+        setApplicationLog(Qv::Ptr<iLogSink>(new ApplicationLog(console)));
+
+    PluginLoader plugin;
+    if (!plugin.load(PluginLoader::defaultPath())) {
+        std::fprintf(stderr, "qvxml: %s\n", plugin.error().c_str());
+        return kExitPlugin;
+    }
+    Commands commands(plugin, console);
+    int code;
+    if (command == "convert")
+        code = commands.convert(o);
+    else if (command == "import")
+        code = commands.import(o);
+    else if (command == "export")
+        code = commands.exportSnapshot(o);
+    else
+        code = commands.rate(o);
+    setApplicationLog(nullptr);
+    return code;
+}

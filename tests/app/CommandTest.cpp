@@ -1,0 +1,165 @@
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+
+#include "export/ExportDriver.h"
+#include "host/Paths.h"
+#include "import/ImportDriver.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+// Runs the built qvxml command, which loads the plug-in through the
+// framework as the editor would.
+struct Outcome {
+    int status = -1;
+    std::string out, err;
+};
+
+Outcome qvxml(const std::string& arguments) {
+    qvtest::TempDir scratch;
+    std::string errFile = scratch.file("stderr");
+    std::string command = std::string(QVXML_BIN_DIR) + "/qvxml " + arguments + " 2>" + errFile;
+    Outcome run;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (!pipe) return run;
+    std::array<char, 4096> buffer;
+    size_t n;
+    while ((n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
+        run.out.append(buffer.data(), n);
+    int raw = ::pclose(pipe);
+    run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    run.err = qvtest::readFile(errFile);
+    return run;
+}
+
+std::string quote(const std::string& s) {
+    return "'" + s + "'";
+}
+
+const std::string kExample = std::string(QVXML_SOURCE_DIR) + "/examples/native/interview-cut.xml";
+
+class Command : public qvtest::StoreTest {
+  protected:
+    qvtest::TempDir dir;
+};
+
+TEST_F(Command, ConvertWritesWhatTheLibraryWrites) {
+    Outcome r = qvxml("convert " + quote(kExample) + " --to xmeml -o " + quote(dir.path()));
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::string written = dir.file("Interview cut.xml");
+    EXPECT_EQ(r.out, written + "\n");
+    ASSERT_TRUE(qvtest::exists(written));
+
+    // The same import and export in this process, through the library.
+    qvtest::TempDir mine;
+    EditStore project;
+    ScopedCurrentStore scope(project);
+    ImportFileList files;
+    files.push_back(
+        Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({fromUTF8(kExample.c_str())})));
+    XML::ImportResult imported = XML::XMLImportFiles(files, LoggerHandle());
+    ASSERT_EQ(imported.status, 1);
+    ASSERT_EQ(imported.edits.size(), 1u);
+    XMLExportOptions o;
+    o.directory = mine.wpath();
+    o.flavour = XML::XMLFlavourFCP5;
+    ASSERT_EQ(XML::XMLExportFiles(imported.edits[0].getCookie(), o, LoggerHandle()).status, 1);
+    EXPECT_EQ(qvtest::readFile(written), qvtest::readFile(mine.file("Interview cut.xml")));
+
+    // A second run gives the same bytes.
+    qvtest::TempDir again;
+    ASSERT_EQ(qvxml("convert " + quote(kExample) + " --to xmeml -o " + quote(again.path())).status,
+              0);
+    EXPECT_EQ(qvtest::readFile(again.file("Interview cut.xml")), qvtest::readFile(written));
+}
+
+TEST_F(Command, ImportSummarisesAndSnapshotsExportBack) {
+    std::string snapshot = dir.file("project.json");
+    Outcome r = qvxml("import " + quote(kExample) + " --snapshot " + quote(snapshot));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("1 sequence, 2 shots imported, 0 linked, 0 offline"), std::string::npos)
+        << r.out;
+    EXPECT_NE(r.out.find("sequence \"Interview cut\""), std::string::npos);
+    Outcome e = qvxml("export " + quote(snapshot) + " --to native --name cut.native -o " +
+                      quote(dir.path()));
+    ASSERT_EQ(e.status, 0) << e.err;
+    EXPECT_EQ(e.out, dir.file("cut.xml") + "\n");
+    EXPECT_NE(qvtest::readFile(dir.file("cut.xml")).find("<QVXML version=\"2\">"),
+              std::string::npos);
+}
+
+TEST_F(Command, EachFailureHasItsStatusAndOneSentence) {
+    struct Case {
+        std::string args;
+        int status;
+        const char* says;
+    };
+    std::string xmeml = std::string(QVXML_SOURCE_DIR) + "/examples/xmeml/hiero_xml_export.xml";
+    qvtest::writeFile(dir.file("notes.txt"), "not a timeline");
+    qvtest::writeFile(dir.file("empty.xml"), "");
+    qvtest::writeFile(dir.file("broken.xml"),
+                      "<QVXML Version=\"2.0\"><Edit><Name>x</Name></Edit></QVXML>");
+    const Case cases[] = {
+        {"", 1, "usage: qvxml"},
+        {"frobnicate", 1, "is no command"},
+        {"convert " + quote(kExample), 1, "say which format to write"},
+        {"convert " + quote(kExample) + " --to avid", 1, "is no format qvxml writes"},
+        {"convert " + quote(kExample) + " --to xmeml --set nope=1", 1, "is no configuration key"},
+        {"convert " + quote(dir.file("missing.xml")) + " --to xmeml -o " + quote(dir.path()), 2,
+         "there is no such file"},
+        {"convert " + quote(dir.file("empty.xml")) + " --to xmeml -o " + quote(dir.path()), 2,
+         "is empty"},
+        {"convert " + quote(dir.file("notes.txt")) + " --to xmeml -o " + quote(dir.path()), 3,
+         "is no document qvxml reads"},
+        {"convert " + quote(kExample) + " --to xmeml -o " + quote(dir.file("nowhere")), 4,
+         "does not exist"},
+        {"convert " + quote(dir.file("broken.xml")) + " --to xmeml -o " + quote(dir.path()), 5,
+         "could not be imported"},
+        {"convert " + quote(xmeml) + " --to native -o " + quote(dir.path()), 7,
+         "reading xmeml documents is not available yet"},
+        {"convert " + quote(kExample) + " --to fcpxml -o " + quote(dir.path()), 7,
+         "fcpxml export is not available yet"},
+        {"convert " + quote(kExample) + " --to xmeml --set enableXml=0 -o " + quote(dir.path()), 7,
+         "XML export is switched off"},
+    };
+    for (const Case& c : cases) {
+        Outcome r = qvxml(c.args);
+        EXPECT_EQ(r.status, c.status) << c.args << "\n" << r.err;
+        EXPECT_NE(r.err.find(c.says), std::string::npos) << c.args << "\n" << r.err;
+    }
+    EXPECT_FALSE(qvtest::exists(dir.file("x.xml")));
+}
+
+TEST_F(Command, HelpVersionAndRate) {
+    Outcome help = qvxml("convert --help");
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.out.find("usage: qvxml convert"), std::string::npos);
+    EXPECT_NE(help.out.find("--set KEY=VALUE"), std::string::npos);
+    Outcome version = qvxml("--version");
+    EXPECT_EQ(version.out, "qvxml 15.0.1.132926\n");
+    Outcome rate = qvxml("rate " + quote(kExample));
+    EXPECT_EQ(rate.status, 0) << rate.err;
+    EXPECT_EQ(rate.out, "25\n");
+}
+
+TEST_F(Command, SequencesOfOneNameGetFilesOfTheirOwn) {
+    std::string doc = qvtest::readFile(kExample);
+    size_t end = doc.rfind("</QVXML>");
+    size_t edit = doc.find("<Edit>");
+    std::string twice = doc.substr(0, end) + doc.substr(edit, end - edit) + "</QVXML>\n";
+    qvtest::writeFile(dir.file("twice.xml"), twice);
+    for (const char* name : {"interview.mov", "room-tone.wav"})
+        qvtest::writeFile(dir.file(name), qvtest::readFile(std::string(QVXML_SOURCE_DIR) +
+                                                           "/examples/native/" + name));
+    Outcome r = qvxml("convert " + quote(dir.file("twice.xml")) + " --to native --quiet -o " +
+                      quote(dir.path()));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, dir.file("Interview cut.xml") + "\n" + dir.file("Interview cut 2.xml") + "\n");
+    EXPECT_EQ(r.err, "");
+}
+
+}  // namespace
