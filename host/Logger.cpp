@@ -34,7 +34,7 @@ LightweightString<char> formatTextV(const char* format, va_list args) {
             out.push_back(*p++);
             continue;
         }
-        // Collect one conversion specification: flags, width, precision,
+        // Collect one conversion directive: flags, width, precision,
         // length modifier and conversion letter.
         const char* start = p++;
         if (*p == '%') {
@@ -65,7 +65,7 @@ LightweightString<char> formatTextV(const char* format, va_list args) {
             length.push_back(*p++);
         char conv = *p ? *p++ : '\0';
         if (!conv) break;
-        // Star widths are resolved into the specification itself.
+        // Star widths are resolved into the directive itself.
         std::string spec(start, static_cast<size_t>(p - start));
         if (starWidth || starPrecision) {
             std::string resolved;

@@ -44,6 +44,106 @@ bool readTime(const XMLParser& parser, const char* name, double rate, double& ou
     return true;
 }
 
+// A record's Rate (version 2.0): 1 when it has none, or none that is valid.
+double rateOf(const XMLParser& parser) {
+    double rate = 1.0;
+    XMLParser::Value value = parser.getValue("Rate", 0);
+    NativeReaderCore::QvXMLRationalToDouble(value, rate);
+    return rate;
+}
+
+// The speed, level and times of a cel event. False, with the cel as it was
+// made, when one of the times is missing.
+bool readEvent(const XMLParser& ep, double celRate, CED2Cell* cel) {
+    double rational = 1.0;
+    XMLParser::Value velocity = ep.getValue("Velocity", 0);
+    cel->speed = NativeReaderCore::QvXMLRationalToDouble(velocity, rational)
+                     ? narrowToFloat(rational)
+                     : 1.0f;
+    XMLParser::Value level = ep.getValue("Level", 0);
+    if (NativeReaderCore::QvXMLRationalToDouble(level, rational))
+        cel->level = cel->levelEnd = narrowToFloat(rational);
+    return readTime(ep, "EditIn", celRate, cel->editIn) &&
+           readTime(ep, "EditOut", celRate, cel->editOut) &&
+           readTime(ep, "Offset", celRate, cel->sourceIn);
+}
+
+// What a cel of an Edit plays: the text of its Ref, and for a magic cookie
+// (black, silence, a transition) the cookie itself, with the wipe code and
+// direction of its Transition.
+void readRef(const XMLParser& ep, CED2Cell* cel) {
+    LightweightString<char> ref = leaf(ep, "Ref");
+    if (ref.empty()) {
+        cel->refId = "...?...";
+        return;
+    }
+    cel->refId = ref;
+    Cookie cookie(fromUTF8(ref), false);
+    if (!cookie.isValid() || cookie.uuid.words[1] != kMagicWord) return;
+    cel->cookie = cookie;
+    XMLParser::Value transition = ep.getValue("Transition", 0);
+    if (transition.text.empty()) return;
+    XMLParser tp(transition.text.c_str(), -1);
+    LightweightString<char> id = leaf(tp, "Id");
+    if (id.empty()) return;
+    int code = 0;
+    scanInt(id, code);
+    long long magnitude = std::llabs(static_cast<long long>(code));
+    cel->SetSMPTEWipeCode(magnitude > INT_MAX ? INT_MAX : static_cast<int>(magnitude),
+                          code < 0 ? eWipeReverse : eWipeForward);
+}
+
+// The track levels of an Edit's channel; positions are divided by the Edit's
+// Duration.
+void readTrackLevels(const XMLParser& cp, CChannel* ch, int duration) {
+    XMLParser::Value effect = cp.getValue("Effect", 0);
+    if (effect.text.empty()) return;
+    XMLParser fp(effect.text.c_str(), -1);
+    if (!(leaf(fp, "Type") == "Track levels")) return;
+    ch->hasTrackLevels = true;
+    for (const XMLParser::Value& keyframe : fp.getValues("Keyframe")) {
+        XMLParser kp(keyframe.text.c_str(), -1);
+        LightweightString<char> position = leaf(kp, "Position");
+        if (position.empty()) continue;
+        CED2TrackLevel* level = new CED2TrackLevel;
+        int frames = 0;
+        scanInt(position, frames);
+        level->position = static_cast<double>(frames) / static_cast<double>(duration);
+        double value = 1.0;
+        XMLParser::Value v = kp.getValue("Value", 0);
+        level->value =
+            NativeReaderCore::QvXMLRationalToDouble(v, value) ? narrowToFloat(value) : 1.0f;
+        ch->levels.append(level);
+    }
+}
+
+// Reads the channel list of a Shot or Edit: for each Chan of a known type it
+// makes the channel, registers its Id, and hands the Chan's parser to
+// `content`. False when the list is missing or empty, or holds an empty Chan.
+template <typename Content>
+bool readChannels(const XMLParser& parser, CED2* record, RefIdMap& refs, Content content) {
+    XMLParser::Value chanList = parser.getValue("ChanList", 0);
+    if (chanList.text.empty()) return false;
+    XMLParser chans(chanList.text.c_str(), -1);
+    std::vector<XMLParser::Value> chanValues = chans.getValues("Chan");
+    if (chanValues.empty()) return false;
+    unsigned int index = 0;
+    for (const XMLParser::Value& chan : chanValues) {
+        unsigned int chanIndex = index++;  // a skipped Chan still counts
+        if (chan.text.empty()) return false;
+        XMLParser cp(chan.text.c_str(), -1);
+        LightweightString<char> type = leaf(cp, "Type");
+        EditChanType chanType = type == "Video" ? kChanVideo : type == "Audio" ? kChanAudio : 0;
+        if (chanType == 0) continue;
+        CChannel* ch = record->CreateEditChannel(chanIndex, chanType);
+        ch->name = nameOrDefault(cp);
+        if (LightweightString<char> id = leaf(cp, "Id"); !id.empty())
+            refs.addRef(id, record, true, chanIndex, chanType);
+        content(cp, ch);
+    }
+    return true;
+}
+
 }  // namespace
 
 bool NativeReaderCore::QvXMLRationalToDouble(XMLParser::Value& value, double& result) {
@@ -128,43 +228,15 @@ bool NativeReaderCore::readShot(const XMLParser::Value& shot) {
     Qv::FrameRate mediumRate = Qv::eFrameRateNone;
     if (version2_) {
         // A shot's frame counts are divided by its Rate itself, not by ticks.
-        double rate = 1.0;
-        XMLParser::Value value = parser.getValue("Rate", 0);
-        QvXMLRationalToDouble(value, rate);
+        double rate = rateOf(parser);
         celRate = rate;
         mediumRate = Qv::getEquivalentQvFrameRate(rate);
     }
-    int duration = 100;
-    if (LightweightString<char> d = leaf(parser, "Duration"); !d.empty()) scanInt(d, duration);
+    // A shot's Duration is not read: its length comes from its cels and media.
     record->sourceMedium = getMediumRollfromInputDetails(Qv::Image::eScanProgressive, mediumRate);
     readLabels(parser, record);
 
-    XMLParser::Value chanList = parser.getValue("ChanList", 0);
-    if (chanList.text.empty()) {
-        delete record;
-        return false;
-    }
-    XMLParser chans(chanList.text.c_str(), -1);
-    std::vector<XMLParser::Value> chanValues = chans.getValues("Chan");
-    if (chanValues.empty()) {
-        delete record;
-        return false;
-    }
-    unsigned int index = 0;
-    for (const XMLParser::Value& chan : chanValues) {
-        unsigned int chanIndex = index++;  // a skipped Chan still counts
-        if (chan.text.empty()) {
-            delete record;
-            return false;
-        }
-        XMLParser cp(chan.text.c_str(), -1);
-        LightweightString<char> type = leaf(cp, "Type");
-        EditChanType chanType = type == "Video" ? kChanVideo : type == "Audio" ? kChanAudio : 0;
-        if (chanType == 0) continue;
-        CChannel* ch = record->CreateEditChannel(chanIndex, chanType);
-        ch->name = nameOrDefault(cp);
-        if (LightweightString<char> id = leaf(cp, "Id"); !id.empty())
-            clipRefs.addRef(id, record, true, chanIndex, chanType);
+    bool complete = readChannels(parser, record, clipRefs, [&](const XMLParser& cp, CChannel* ch) {
         // The first locator of the shot, across all its channels, is its own.
         if (LightweightString<char> loc = leaf(cp, "Loc");
             !loc.empty() && !record->originLocatorSet) {
@@ -173,22 +245,17 @@ bool NativeReaderCore::readShot(const XMLParser::Value& shot) {
         }
         // A shot's channel has one event: only the first is read.
         XMLParser::Value event = cp.getValue("CelEvent", 0);
-        if (event.text.empty()) continue;
+        if (event.text.empty()) return;
         XMLParser ep(event.text.c_str(), -1);
         CED2Cell* cel = new CED2Cell;
-        double rational = 1.0;
-        XMLParser::Value velocity = ep.getValue("Velocity", 0);
-        cel->speed = QvXMLRationalToDouble(velocity, rational) ? narrowToFloat(rational) : 1.0f;
-        if (!readTime(ep, "EditIn", celRate, cel->editIn) ||
-            !readTime(ep, "EditOut", celRate, cel->editOut) ||
-            !readTime(ep, "Offset", celRate, cel->sourceIn)) {
+        if (readEvent(ep, celRate, cel))
+            ch->cels.append(cel);
+        else
             delete cel;
-            continue;
-        }
-        XMLParser::Value level = ep.getValue("Level", 0);
-        if (QvXMLRationalToDouble(level, rational))
-            cel->level = cel->levelEnd = narrowToFloat(rational);
-        ch->cels.append(cel);
+    });
+    if (!complete) {
+        delete record;
+        return false;
     }
 
     const std::pair<const char*, LightweightString<char>*> texts[] = {
@@ -216,20 +283,17 @@ bool NativeReaderCore::readEdit(const XMLParser::Value& edit) {
     list.append(record);
 
     double celRate = documentCelRate_;
+    Qv::FrameRate rateOfEdit = Qv::eFrameRateNone;
     if (version2_) {
-        double rate = 1.0;
-        XMLParser::Value value = parser.getValue("Rate", 0);
-        QvXMLRationalToDouble(value, rate);
+        double rate = rateOf(parser);
         // An edit's frame counts go through the ticks of its rate.
         celRate = ticksOf(rate);
-        record->shotVideoMetadata = editMetadata(Qv::getEquivalentQvFrameRate(rate));
-        record->shotVideoMetadataSet = true;
-        record->cookie = makeNewEditCookie();
-    } else {
-        record->cookie = makeNewEditCookie();
-        record->shotVideoMetadata = editMetadata(Qv::eFrameRateNone);
-        record->shotVideoMetadataSet = true;
+        rateOfEdit = Qv::getEquivalentQvFrameRate(rate);
     }
+    // The document holds no picture format: every edit gets the same one.
+    record->shotVideoMetadata = editMetadata(rateOfEdit);
+    record->shotVideoMetadataSet = true;
+    record->cookie = makeNewEditCookie();
 
     LightweightString<char> name = nameOrDefault(parser);
     record->editName = fromUTF8(name);
@@ -239,94 +303,25 @@ bool NativeReaderCore::readEdit(const XMLParser::Value& edit) {
     if (LightweightString<char> d = leaf(parser, "Duration"); !d.empty()) scanInt(d, duration);
     readLabels(parser, record);
 
-    XMLParser::Value chanList = parser.getValue("ChanList", 0);
-    if (chanList.text.empty()) {
-        dropRecord(list, record);
-        return false;
-    }
-    XMLParser chans(chanList.text.c_str(), -1);
-    std::vector<XMLParser::Value> chanValues = chans.getValues("Chan");
-    if (chanValues.empty()) {
-        dropRecord(list, record);
-        return false;
-    }
-    unsigned int index = 0;
-    for (const XMLParser::Value& chan : chanValues) {
-        unsigned int chanIndex = index++;
-        if (chan.text.empty()) {
-            dropRecord(list, record);
-            return false;
-        }
-        XMLParser cp(chan.text.c_str(), -1);
-        LightweightString<char> type = leaf(cp, "Type");
-        EditChanType chanType = type == "Video" ? kChanVideo : type == "Audio" ? kChanAudio : 0;
-        if (chanType == 0) continue;
-        CChannel* ch = record->CreateEditChannel(chanIndex, chanType);
-        ch->name = nameOrDefault(cp);
-        if (LightweightString<char> id = leaf(cp, "Id"); !id.empty())
-            clipRefs.addRef(id, record, true, chanIndex, chanType);
-
+    bool complete = readChannels(parser, record, clipRefs, [&](const XMLParser& cp, CChannel* ch) {
         std::vector<XMLParser::Value> events = cp.getValues("CelEvent");
-        if (events.empty()) continue;  // and the channel's Effect is not read
+        if (events.empty()) return;  // and the channel's Effect is not read
         for (const XMLParser::Value& event : events) {
             if (event.text.empty()) break;
             XMLParser ep(event.text.c_str(), -1);
             CED2Cell* cel = new CED2Cell;
-            LightweightString<char> ref = leaf(ep, "Ref");
-            if (ref.empty()) {
-                cel->refId = "...?...";
-            } else {
-                cel->refId = ref;
-                Cookie cookie(fromUTF8(ref), false);
-                if (cookie.isValid() && cookie.uuid.words[1] == kMagicWord) {
-                    cel->cookie = cookie;
-                    XMLParser::Value transition = ep.getValue("Transition", 0);
-                    if (!transition.text.empty()) {
-                        XMLParser tp(transition.text.c_str(), -1);
-                        if (LightweightString<char> id = leaf(tp, "Id"); !id.empty()) {
-                            int code = 0;
-                            scanInt(id, code);
-                            long long magnitude = std::llabs(static_cast<long long>(code));
-                            cel->SetSMPTEWipeCode(
-                                magnitude > INT_MAX ? INT_MAX : static_cast<int>(magnitude),
-                                code < 0 ? eWipeReverse : eWipeForward);
-                        }
-                    }
-                }
-            }
-            double rational = 1.0;
-            XMLParser::Value velocity = ep.getValue("Velocity", 0);
-            cel->speed = QvXMLRationalToDouble(velocity, rational) ? narrowToFloat(rational) : 1.0f;
-            XMLParser::Value level = ep.getValue("Level", 0);
-            if (QvXMLRationalToDouble(level, rational))
-                cel->level = cel->levelEnd = narrowToFloat(rational);
-            if (!readTime(ep, "EditIn", celRate, cel->editIn) ||
-                !readTime(ep, "EditOut", celRate, cel->editOut) ||
-                !readTime(ep, "Offset", celRate, cel->sourceIn)) {
+            readRef(ep, cel);
+            if (!readEvent(ep, celRate, cel)) {
                 delete cel;
                 break;  // the events after an incomplete one are dropped
             }
             ch->cels.append(cel);
         }
-
-        XMLParser::Value effect = cp.getValue("Effect", 0);
-        if (effect.text.empty()) continue;
-        XMLParser fp(effect.text.c_str(), -1);
-        if (!(leaf(fp, "Type") == "Track levels")) continue;
-        ch->hasTrackLevels = true;
-        for (const XMLParser::Value& keyframe : fp.getValues("Keyframe")) {
-            XMLParser kp(keyframe.text.c_str(), -1);
-            LightweightString<char> position = leaf(kp, "Position");
-            if (position.empty()) continue;
-            CED2TrackLevel* level = new CED2TrackLevel;
-            int frames = 0;
-            scanInt(position, frames);
-            level->position = static_cast<double>(frames) / static_cast<double>(duration);
-            double value = 1.0;
-            XMLParser::Value v = kp.getValue("Value", 0);
-            level->value = QvXMLRationalToDouble(v, value) ? narrowToFloat(value) : 1.0f;
-            ch->levels.append(level);
-        }
+        readTrackLevels(cp, ch, duration);
+    });
+    if (!complete) {
+        dropRecord(list, record);
+        return false;
     }
     return true;
 }

@@ -52,11 +52,7 @@ bool FCP5XMLWriter::writeMulticlipGroup(AlternatesList& group) {
     };
 
     xmlElement clip(xmlFile, "clip", idAttrib(L"GRP_" + c0));
-    leaf(xmlFile, "name", shot->get_editName() + L"_GRP");
-    leaf(xmlFile, "duration", celTimeToFrames(length, shot->rate));
-    printRateElement(shot->rate);
-    leaf(xmlFile, "masterclipid", masterId);
-    leaf(xmlFile, "ismasterclip", "TRUE");
+    printMasterClipHeader(shot->get_editName() + L"_GRP", length, shot->rate, masterId);
 
     int counter = 1;
     if (!shot->channels.isEmpty()) {
@@ -136,11 +132,7 @@ bool FCP5XMLWriter::printAngle(CED2* shot, bool isGhost, LightweightString<wchar
     xmlElement clip(xmlFile, "clip", idAttrib(id));
     double rate = shot->rate;
     double length = shot->get_editLength();
-    leaf(xmlFile, "name", shot->get_editName());
-    leaf(xmlFile, "duration", celTimeToFrames(length, rate));
-    printRateElement(rate);
-    leaf(xmlFile, "masterclipid", masterId);
-    leaf(xmlFile, "ismasterclip", "TRUE");
+    printMasterClipHeader(shot->get_editName(), length, rate, masterId);
 
     if (isGhost) {
         // The sub-clip's material: its first cel's cookie, as it stands.

@@ -146,6 +146,15 @@ void FCP5XMLWriter::printTransition(CED2Cell* cel, CChannel* channel, bool isVid
     leaf(xmlFile, "reverse", wipe && cel->GetWipeDirection() == eWipeReverse ? "TRUE" : "FALSE");
 }
 
+void FCP5XMLWriter::printEffectHeader(const char* name, const char* id, const char* category,
+                                      const char* type, const char* mediaType) {
+    leaf(xmlFile, "name", name);
+    leaf(xmlFile, "effectid", id);
+    leaf(xmlFile, "effectcategory", category);
+    leaf(xmlFile, "effecttype", type);
+    leaf(xmlFile, "mediatype", mediaType);
+}
+
 void FCP5XMLWriter::printTimeRemap(float speed, bool still, bool reverse, bool isVideo) {
     double percent = still ? 0.1 : static_cast<double>(speed) * 100.0;
     if (reverse) percent = std::fabs(percent);
@@ -157,27 +166,17 @@ void FCP5XMLWriter::printTimeRemap(float speed, bool still, bool reverse, bool i
 
     xmlElement filter(xmlFile, "filter");
     xmlElement effect(xmlFile, "effect");
-    leaf(xmlFile, "name", "Time Remap");
-    leaf(xmlFile, "effectid", "timeremap");
-    leaf(xmlFile, "effectcategory", "motion");
-    leaf(xmlFile, "effecttype", "motion");
-    leaf(xmlFile, "mediatype", isVideo ? "video" : "audio");
-    {
-        xmlElement parameter(xmlFile, "parameter");
-        leaf(xmlFile, "parameterid", "speed");
-        leaf(xmlFile, "name", "speed");
+    printEffectHeader("Time Remap", "timeremap", "motion", "motion", isVideo ? "video" : "audio");
+    auto parameter = [&](const char* id, const char* text) {
+        xmlElement element(xmlFile, "parameter");
+        leaf(xmlFile, "parameterid", id);
+        leaf(xmlFile, "name", id);
         leaf(xmlFile, "valuemin", "-100000");
         leaf(xmlFile, "valuemax", "100000");
-        leaf(xmlFile, "value", value);
-    }
-    if (reverse) {
-        xmlElement parameter(xmlFile, "parameter");
-        leaf(xmlFile, "parameterid", "reverse");
-        leaf(xmlFile, "name", "reverse");
-        leaf(xmlFile, "valuemin", "-100000");
-        leaf(xmlFile, "valuemax", "100000");
-        leaf(xmlFile, "value", "TRUE");
-    }
+        leaf(xmlFile, "value", text);
+    };
+    parameter("speed", value);
+    if (reverse) parameter("reverse", "TRUE");
 }
 
 void FCP5XMLWriter::printAudioLevels(CChannel* channel, CED2* seq, double editIn, double editOut,
@@ -188,11 +187,7 @@ void FCP5XMLWriter::printAudioLevels(CChannel* channel, CED2* seq, double editIn
     {
         xmlElement filter(xmlFile, "filter");
         xmlElement effect(xmlFile, "effect");
-        leaf(xmlFile, "name", "Audio Levels");
-        leaf(xmlFile, "effectid", "audiolevels");
-        leaf(xmlFile, "effectcategory", "audiolevels");
-        leaf(xmlFile, "effecttype", "audiolevels");
-        leaf(xmlFile, "mediatype", "audio");
+        printEffectHeader("Audio Levels", "audiolevels", "audiolevels", "audiolevels", "audio");
         xmlElement parameter(xmlFile, "parameter");
         leaf(xmlFile, "name", "Level");
         leaf(xmlFile, "parameterid", "level");

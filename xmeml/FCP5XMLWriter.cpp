@@ -190,6 +190,15 @@ void FCP5XMLWriter::printSubclipInfo(int startOffset, int endOffset) {
     leaf(xmlFile, "endoffset", endOffset);
 }
 
+void FCP5XMLWriter::printMasterClipHeader(const LightweightString<wchar_t>& name, double length,
+                                          double rate, const LightweightString<wchar_t>& masterId) {
+    leaf(xmlFile, "name", name);
+    leaf(xmlFile, "duration", celTimeToFrames(length, rate));
+    printRateElement(rate);
+    leaf(xmlFile, "masterclipid", masterId);
+    leaf(xmlFile, "ismasterclip", "TRUE");
+}
+
 bool FCP5XMLWriter::writeShotOnly(CED2List& first, CED2List& second) {
     CED2* media = first.firstRecord();
     if (!media) return false;
@@ -206,11 +215,7 @@ bool FCP5XMLWriter::writeShotOnly(CED2List& first, CED2List& second) {
     xmlElement children(xmlFile, "children");
     // The clip's id repeats the prefix that masterId already has.
     xmlElement clipElement(xmlFile, "clip", idAttrib(L"master_" + masterId));
-    leaf(xmlFile, "name", clip->get_editName());
-    leaf(xmlFile, "duration", celTimeToFrames(length, rate));
-    printRateElement(rate);
-    leaf(xmlFile, "masterclipid", masterId);
-    leaf(xmlFile, "ismasterclip", "TRUE");
+    printMasterClipHeader(clip->get_editName(), length, rate, masterId);
 
     if (isSubclip) {
         CED2Cell* cel = firstCelOf(clip);

@@ -124,10 +124,17 @@ class FCP5XMLWriter : public XMLWriter {
     CED2ClipRefMap& refMap() { return map_; }
 
   private:
+    // The first children of a master clip: name, duration, rate, masterclipid
+    // and ismasterclip.
+    void printMasterClipHeader(const LightweightString<wchar_t>& name, double length, double rate,
+                               const LightweightString<wchar_t>& masterId);
     void printSampleCharacteristics(const ShotVideoMetadata& metadata);
     void printSubclipInfo(int startOffset, int endOffset);
     void printTransition(CED2Cell* cel, CChannel* channel, bool isVideo, int number,
                          bool afterBlack);
+    // The first children of a filter's effect, in their fixed order.
+    void printEffectHeader(const char* name, const char* id, const char* category, const char* type,
+                           const char* mediaType);
     void printTimeRemap(float speed, bool still, bool reverse, bool isVideo);
     void printAudioLevels(CChannel* channel, CED2* seq, double editIn, double editOut,
                           double inValue, double rate);

@@ -13,10 +13,6 @@
 namespace {
 
 using namespace xmemltest;
-using qvtest::addCel;
-using qvtest::addSequence;
-using qvtest::addShot;
-using qvtest::playCookie;
 
 const MediumRollMedium kMedium25 = kMediumVideoBase + Qv::eFrameRate25;
 

@@ -6,10 +6,6 @@
 namespace {
 
 using namespace xmemltest;
-using qvtest::addCel;
-using qvtest::addSequence;
-using qvtest::addShot;
-using qvtest::playCookie;
 
 class XmemlMulticlip : public XmemlTest {
   protected:

@@ -17,6 +17,10 @@
 
 namespace xmemltest {
 
+using qvtest::addCel;
+using qvtest::addSequence;
+using qvtest::addShot;
+using qvtest::playCookie;
 using tinyxml2::XMLElement;
 
 // Every element called `name` below `e`, in document order.
