@@ -76,6 +76,10 @@ int Commands::fail(int code, const std::string& sentence) {
 }
 
 bool Commands::flavourOf(const std::string& to, Flavour& out, int& exitCode) {
+    if (!plugin_.resource()) {
+        exitCode = fail(kExitPlugin, "the XML plug-in offers no XML resource");
+        return false;
+    }
     if (to == "native" || to == "qvxml") {
         out = {XML::XMLFlavourQV2, "native"};
     } else if (to == "xmeml" || to == "fcp7") {
@@ -214,9 +218,9 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
         case XML::kStatusOK:
             break;
         case XML::kStatusCannotCreate:
-            return fail(kExitOutput, "cannot write " + quoted(expected));
+            return fail(kExitNotWritable, "cannot write " + quoted(expected));
         case XML::kStatusNoDirectory:
-            return fail(kExitOutput,
+            return fail(kExitNoFolder,
                         "the output folder " + quoted(o.outputDir) + " does not exist");
         case XML::kStatusUnknown:
             return fail(kExitPlugin, "the XML plug-in offers no XML resource");
@@ -246,7 +250,7 @@ int Commands::convert(const Options& o) {
     if (!flavourOf(o.to, flavour, code)) return code;
     if (o.inputs.empty()) return fail(kExitUsage, "say which documents to convert");
     if (!isDirectory(wide(o.outputDir)))
-        return fail(kExitOutput, "the output folder " + quoted(o.outputDir) + " does not exist");
+        return fail(kExitNoFolder, "the output folder " + quoted(o.outputDir) + " does not exist");
     usedDir_ = absolute(o.outputDir);
     std::string extension = narrow(plugin_.resource()->getExtension(flavour.value));
 
@@ -319,7 +323,7 @@ int Commands::import(const Options& o) {
 
     if (!o.snapshot.empty()) {
         Snapshot::Result r = Snapshot::saveFile(project, o.snapshot);
-        if (!r.ok) return fail(kExitOutput, r.error);
+        if (!r.ok) return fail(kExitNotWritable, r.error);
         std::printf("snapshot written to %s\n", o.snapshot.c_str());
     }
     return kExitOK;
@@ -335,7 +339,7 @@ int Commands::exportSnapshot(const Options& o) {
     if (::stat(input.c_str(), &st) != 0)
         return fail(kExitUnreadable, "cannot read " + quoted(input) + ": there is no such file");
     if (!isDirectory(wide(o.outputDir)))
-        return fail(kExitOutput, "the output folder " + quoted(o.outputDir) + " does not exist");
+        return fail(kExitNoFolder, "the output folder " + quoted(o.outputDir) + " does not exist");
     usedDir_ = absolute(o.outputDir);
 
     EditStore& project = EditStore::current();

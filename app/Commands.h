@@ -15,10 +15,11 @@ enum ExitCode {
     kExitUsage = 1,            // the command line is wrong
     kExitUnreadable = 2,       // an input is missing, empty or unreadable
     kExitUnknownDocument = 3,  // an input is no document of a known kind
-    kExitOutput = 4,           // the output folder is missing or a file cannot be written
-    kExitFailed = 5,           // an import or export failed on its way
-    kExitPlugin = 6,           // the plug-in could not be loaded
-    kExitNotAvailable = 7,     // what was asked for has not been built yet
+    kExitNoFolder = 4,         // the output folder does not exist
+    kExitNotWritable = 5,      // a file cannot be written
+    kExitFailed = 6,           // an import or export failed on its way
+    kExitPlugin = 7,           // the plug-in could not be loaded
+    kExitNotAvailable = 8,     // what was asked for is not built yet, or switched off
 };
 
 struct Options {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <array>
@@ -103,6 +104,9 @@ TEST_F(Command, EachFailureHasItsStatusAndOneSentence) {
     qvtest::writeFile(dir.file("empty.xml"), "");
     qvtest::writeFile(dir.file("broken.xml"),
                       "<QVXML Version=\"2.0\"><Edit><Name>x</Name></Edit></QVXML>");
+    // A folder where the file should go: it cannot be written, even by root.
+    ASSERT_EQ(::mkdir(dir.file("locked").c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir(dir.file("locked/Interview cut.xml").c_str(), 0755), 0);
     const Case cases[] = {
         {"", 1, "usage: qvxml"},
         {"frobnicate", 1, "is no command"},
@@ -117,13 +121,15 @@ TEST_F(Command, EachFailureHasItsStatusAndOneSentence) {
          "is no document qvxml reads"},
         {"convert " + quote(kExample) + " --to xmeml -o " + quote(dir.file("nowhere")), 4,
          "does not exist"},
-        {"convert " + quote(dir.file("broken.xml")) + " --to xmeml -o " + quote(dir.path()), 5,
+        {"convert " + quote(kExample) + " --to xmeml -o " + quote(dir.file("locked")), 5,
+         "cannot write"},
+        {"convert " + quote(dir.file("broken.xml")) + " --to xmeml -o " + quote(dir.path()), 6,
          "could not be imported"},
-        {"convert " + quote(xmeml) + " --to native -o " + quote(dir.path()), 7,
+        {"convert " + quote(xmeml) + " --to native -o " + quote(dir.path()), 8,
          "reading xmeml documents is not available yet"},
-        {"convert " + quote(kExample) + " --to fcpxml -o " + quote(dir.path()), 7,
+        {"convert " + quote(kExample) + " --to fcpxml -o " + quote(dir.path()), 8,
          "fcpxml export is not available yet"},
-        {"convert " + quote(kExample) + " --to xmeml --set enableXml=0 -o " + quote(dir.path()), 7,
+        {"convert " + quote(kExample) + " --to xmeml --set enableXml=0 -o " + quote(dir.path()), 8,
          "XML export is switched off"},
     };
     for (const Case& c : cases) {
