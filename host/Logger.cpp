@@ -9,16 +9,16 @@ namespace {
 
 // Appends one printf conversion, formatted by the C library.
 template <typename T>
-void appendConverted(std::string& out, const std::string& spec, T value) {
+void appendConverted(std::string& out, const std::string& directive, T value) {
     char small[128];
-    int n = std::snprintf(small, sizeof small, spec.c_str(), value);
+    int n = std::snprintf(small, sizeof small, directive.c_str(), value);
     if (n < 0) return;
     if (static_cast<size_t>(n) < sizeof small) {
         out.append(small, static_cast<size_t>(n));
         return;
     }
     std::string big(static_cast<size_t>(n) + 1, '\0');
-    std::snprintf(big.data(), big.size(), spec.c_str(), value);
+    std::snprintf(big.data(), big.size(), directive.c_str(), value);
     out.append(big.data(), static_cast<size_t>(n));
 }
 
@@ -66,16 +66,16 @@ LightweightString<char> formatTextV(const char* format, va_list args) {
         char conv = *p ? *p++ : '\0';
         if (!conv) break;
         // Star widths are resolved into the directive itself.
-        std::string spec(start, static_cast<size_t>(p - start));
+        std::string directive(start, static_cast<size_t>(p - start));
         if (starWidth || starPrecision) {
             std::string resolved;
-            for (char c : spec) {
+            for (char c : directive) {
                 if (c == '*')
                     resolved += std::to_string(va_arg(ap, int));
                 else
                     resolved.push_back(c);
             }
-            spec = resolved;
+            directive = resolved;
         }
         switch (conv) {
             case 'd':
@@ -86,12 +86,12 @@ LightweightString<char> formatTextV(const char* format, va_list args) {
             case 'o':
             case 'c':
                 if (length == "l")
-                    appendConverted(out, spec, va_arg(ap, long));
+                    appendConverted(out, directive, va_arg(ap, long));
                 else if (length == "ll" || length == "j" || length == "z" || length == "t" ||
                          length == "q")
-                    appendConverted(out, spec, va_arg(ap, long long));
+                    appendConverted(out, directive, va_arg(ap, long long));
                 else
-                    appendConverted(out, spec, va_arg(ap, int));
+                    appendConverted(out, directive, va_arg(ap, int));
                 break;
             case 'e':
             case 'E':
@@ -102,12 +102,12 @@ LightweightString<char> formatTextV(const char* format, va_list args) {
             case 'a':
             case 'A':
                 if (length == "L")
-                    appendConverted(out, spec, va_arg(ap, long double));
+                    appendConverted(out, directive, va_arg(ap, long double));
                 else
-                    appendConverted(out, spec, va_arg(ap, double));
+                    appendConverted(out, directive, va_arg(ap, double));
                 break;
             case 'p':
-                appendConverted(out, spec, va_arg(ap, void*));
+                appendConverted(out, directive, va_arg(ap, void*));
                 break;
             case 'S':
             case 's':
@@ -115,17 +115,17 @@ LightweightString<char> formatTextV(const char* format, va_list args) {
                     const wchar_t* w = va_arg(ap, const wchar_t*);
                     LightweightString<char> u = toUTF8(std::wstring_view(w ? w : L"(null)"));
                     // Width and precision count characters of the UTF-8 text.
-                    std::string narrowSpec = spec.substr(0, spec.size() - 1 - length.size());
-                    narrowSpec.push_back('s');
-                    appendConverted(out, narrowSpec, u.c_str());
+                    std::string narrowDirective = directive.substr(0, directive.size() - 1 - length.size());
+                    narrowDirective.push_back('s');
+                    appendConverted(out, narrowDirective, u.c_str());
                 } else {
                     const char* s = va_arg(ap, const char*);
-                    appendConverted(out, spec, s ? s : "(null)");
+                    appendConverted(out, directive, s ? s : "(null)");
                 }
                 break;
             default:
                 // Unknown conversion: keep the text as written.
-                out.append(spec);
+                out.append(directive);
                 break;
         }
     }
