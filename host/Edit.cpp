@@ -117,6 +117,13 @@ void EditStore::reseed(std::uint64_t seed) {
     state_ = seed;
 }
 
+Cookie EditStore::newEditCookie() {
+    Cookie c;
+    c.uuid = newIdentity();
+    c.type = kCookieEdit;
+    return c;
+}
+
 std::uint64_t EditStore::generatorState() const {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     return state_;

@@ -165,6 +165,8 @@ class EditStore {
     static void setCurrent(EditStore* store);
 
     Qv::UUID newIdentity();
+    // A new identity as an edit's cookie.
+    Cookie newEditCookie();
     void reseed(std::uint64_t seed);
     std::uint64_t generatorState() const;
 

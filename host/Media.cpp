@@ -85,11 +85,11 @@ MaterialImporter::Result MaterialImporter::importFile() {
     shot->videoMetadata = meta;
     if (probe.sampleRate > 0) {
         shot->audioSampleRate = probe.sampleRate;
-        Aud::eFactor factor = Aud::eFactor1;
+        // A file's rate is one of the base rates played as recorded.
         for (int b = Aud::eBase8000; b <= Aud::eBase96000; ++b) {
             auto base = static_cast<Aud::eBaseSampleRate>(b);
             if (Aud::SampleRate::calcBaseSampleRate(base) == probe.sampleRate)
-                shot->audioInputSampleRate = Aud::SampleRate(base, factor);
+                shot->audioInputSampleRate = Aud::SampleRate(base, Aud::eFactor1);
         }
     }
     shot->videoReelId = probe.reel;

@@ -317,7 +317,7 @@ class Reader {
     Qv::Ptr<Edit> readEdit(const json& j) {
         if (!j.is_object()) fail("", "an edit is a JSON object");
         Cookie id = j.contains("cookie") && !j["cookie"].is_null() ? cookie(j["cookie"], "cookie")
-                                                                   : makeNewEditCookieIn(store_);
+                                                                   : store_.newEditCookie();
         Qv::Ptr<Edit> e(new Edit(id));
         ifPresent(j, "name", [&](const json& v) { e->name = fromUTF8(text(v, "name").c_str()); });
         ifPresent(j, "type", [&](const json& v) { e->logType = logType(v); });
@@ -399,13 +399,6 @@ class Reader {
                 e->cues.push_back(readCue(v[i], "cues[" + std::to_string(i) + "]"));
         });
         return e;
-    }
-
-    static Cookie makeNewEditCookieIn(EditStore& store) {
-        Cookie c;
-        c.uuid = store.newIdentity();
-        c.type = kCookieEdit;
-        return c;
     }
 
     void readVideoMetadata(const json& v, ShotVideoMetadata& m) {

@@ -146,6 +146,14 @@ void FCP5XMLWriter::printTransition(CED2Cell* cel, CChannel* channel, bool isVid
     leaf(xmlFile, "reverse", wipe && cel->GetWipeDirection() == eWipeReverse ? "TRUE" : "FALSE");
 }
 
+void FCP5XMLWriter::warnBadSegment(const char* what, CChannel* channel, const EditLabel* label,
+                                   double t) {
+    LightweightString<char> tc = timecodeAt(label, t);
+    log.WarningOut("Badly defined segment - %s. Track <%s> timecode <%s>\n", what,
+                   channel->name.c_str(), tc.c_str());
+    log.WarningOut(" - Bad section replaced with black/silence\n");
+}
+
 void FCP5XMLWriter::printEffectHeader(const char* name, const char* id, const char* category,
                                       const char* type, const char* mediaType) {
     leaf(xmlFile, "name", name);
@@ -333,12 +341,7 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
 
         if (seqCelTimeToFrames(offset) < 0) {
             editIn = editIn - offset;
-            LightweightString<char> tc = timecodeAt(label, cel->editIn);
-            log.WarningOut(
-                "Badly defined segment - starts before first frame of clip. Track <%s> timecode "
-                "<%s>\n",
-                channel->name.c_str(), tc.c_str());
-            log.WarningOut(" - Bad section replaced with black/silence\n");
+            warnBadSegment("starts before first frame of clip", channel, label, cel->editIn);
             offset = 0.0;
         }
 
@@ -347,12 +350,7 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
         if (cookieCelTimeToFrames(lastSource, cel->cookie) >
             cookieCelTimeToFrames(length, cel->cookie)) {
             editOut = editOut - (lastSource - length);
-            LightweightString<char> tc = timecodeAt(label, cel->editOut);
-            log.WarningOut(
-                "Badly defined segment - ends beyond last frame of clip. Track <%s> timecode "
-                "<%s>\n",
-                channel->name.c_str(), tc.c_str());
-            log.WarningOut(" - Bad section replaced with black/silence\n");
+            warnBadSegment("ends beyond last frame of clip", channel, label, cel->editOut);
         } else {
             afterBlack = false;
         }

@@ -139,6 +139,9 @@ class FCP5XMLWriter : public XMLWriter {
     void printAudioLevels(CChannel* channel, CED2* seq, double editIn, double editOut,
                           double inValue, double rate);
     LightweightString<char> timecodeAt(const EditLabel* label, double t) const;
+    // The two warning lines of material cut off at the start or end of its
+    // shot: what was wrong, on which track at which timecode.
+    void warnBadSegment(const char* what, CChannel* channel, const EditLabel* label, double t);
 
     CED2ClipRefMap map_;
 };

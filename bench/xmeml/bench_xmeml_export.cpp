@@ -27,9 +27,7 @@ struct Timeline {
     Timeline(int cels, int shots) : scope(store) {
         std::vector<Cookie> shotCookies;
         for (int s = 0; s < shots; ++s) {
-            Cookie id;
-            id.uuid = store.newIdentity();
-            id.type = kCookieEdit;
+            Cookie id = store.newEditCookie();
             Qv::Ptr<Edit> e(new Edit(id));
             e->name = L"shot " + Qv::WStringFromInteger(s);
             e->logType = kLogTypeShot;
@@ -52,9 +50,7 @@ struct Timeline {
             store.add(e);
             shotCookies.push_back(id);
         }
-        Cookie seqId;
-        seqId.uuid = store.newIdentity();
-        seqId.type = kCookieEdit;
+        Cookie seqId = store.newEditCookie();
         seq = Qv::Ptr<Edit>(new Edit(seqId));
         seq->name = L"long cut";
         seq->logType = kLogTypeSequence;

@@ -75,9 +75,7 @@ std::vector<std::string> listDirectory(const std::string& dir) {
 
 Qv::Ptr<Edit> addShot(EditStore& store, const std::wstring& name, double rate, double length,
                       std::vector<ChannelSpec> channels, const std::wstring& mediaPath) {
-    Cookie id;
-    id.uuid = store.newIdentity();
-    id.type = kCookieEdit;
+    Cookie id = store.newEditCookie();
     Qv::Ptr<Edit> e(new Edit(id));
     e->name = name.c_str();
     e->logType = kLogTypeShot;
@@ -105,9 +103,7 @@ Qv::Ptr<Edit> addShot(EditStore& store, const std::wstring& name, double rate, d
 
 Qv::Ptr<Edit> addSequence(EditStore& store, const std::wstring& name, Qv::FrameRate rate,
                           std::vector<ChannelSpec> channels) {
-    Cookie id;
-    id.uuid = store.newIdentity();
-    id.type = kCookieEdit;
+    Cookie id = store.newEditCookie();
     Qv::Ptr<Edit> e(new Edit(id));
     e->name = name.c_str();
     e->logType = kLogTypeSequence;
@@ -127,9 +123,7 @@ Qv::Ptr<Edit> addSequence(EditStore& store, const std::wstring& name, Qv::FrameR
 
 Qv::Ptr<Edit> addSubclip(EditStore& store, const std::wstring& name, const Qv::Ptr<Edit>& shot,
                          double in, double length) {
-    Cookie id;
-    id.uuid = store.newIdentity();
-    id.type = kCookieEdit;
+    Cookie id = store.newEditCookie();
     Qv::Ptr<Edit> e(new Edit(id));
     e->name = name.c_str();
     e->logType = kLogTypeSubclip;
