@@ -209,8 +209,15 @@ namespace SystemCache {
 Qv::Ptr<FsysDirectoryEntry> findEntryForCookie(const Cookie& cookie) {
     if (!cookie.isValid() || cookie.isMagic()) return nullptr;
     Qv::Ptr<Edit> e = EditStore::current().find(cookie);
-    if (!e || e->mediaPath.empty()) return nullptr;
-    return Qv::Ptr<FsysDirectoryEntry>(new FsysDirectoryEntry(e->mediaPath));
+    if (!e) return nullptr;
+    if (!e->mediaPath.empty())
+        return Qv::Ptr<FsysDirectoryEntry>(new FsysDirectoryEntry(e->mediaPath));
+    // Offline material is known by the file it was expected in, so that a
+    // document written from it still names its media for relinking.
+    if (e->historicLocator.empty()) return nullptr;
+    LightweightString<wchar_t> expected = locatorToPlatformForm(e->historicLocator);
+    if (expected.empty()) return nullptr;
+    return Qv::Ptr<FsysDirectoryEntry>(new FsysDirectoryEntry(expected));
 }
 
 LightweightString<wchar_t> getPhysicalHighResMedia(const Cookie& cookie) {
