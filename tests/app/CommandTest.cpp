@@ -99,9 +99,10 @@ TEST_F(Command, EachFailureHasItsStatusAndOneSentence) {
         int status;
         const char* says;
     };
-    std::string xmeml = std::string(QVXML_SOURCE_DIR) + "/examples/xmeml/hiero_xml_export.xml";
     qvtest::writeFile(dir.file("notes.txt"), "not a timeline");
     qvtest::writeFile(dir.file("empty.xml"), "");
+    qvtest::writeFile(dir.file("v6.xml"), "<?xml version=\"1.0\"?>\n<xmeml version=\"6\"/>");
+    qvtest::writeFile(dir.file("other.xml"), "<!-- <xmeml version=\"5\"> --><timeline/>");
     qvtest::writeFile(dir.file("broken.xml"),
                       "<QVXML Version=\"2.0\"><Edit><Name>x</Name></Edit></QVXML>");
     // A folder where the file should go: it cannot be written, even by root.
@@ -118,15 +119,17 @@ TEST_F(Command, EachFailureHasItsStatusAndOneSentence) {
         {"convert " + quote(dir.file("empty.xml")) + " --to xmeml -o " + quote(dir.path()), 2,
          "is empty"},
         {"convert " + quote(dir.file("notes.txt")) + " --to xmeml -o " + quote(dir.path()), 3,
-         "is no document qvxml reads"},
+         "is not an XML document qvxml reads"},
+        {"convert " + quote(dir.file("v6.xml")) + " --to native -o " + quote(dir.path()), 3,
+         "is xmeml of version \"6\"; qvxml reads xmeml versions 1 to 5"},
+        {"convert " + quote(dir.file("other.xml")) + " --to native -o " + quote(dir.path()), 3,
+         "its root element is <timeline>"},
         {"convert " + quote(kExample) + " --to xmeml -o " + quote(dir.file("nowhere")), 4,
          "does not exist"},
         {"convert " + quote(kExample) + " --to xmeml -o " + quote(dir.file("locked")), 5,
          "cannot write"},
         {"convert " + quote(dir.file("broken.xml")) + " --to xmeml -o " + quote(dir.path()), 6,
          "could not be imported"},
-        {"convert " + quote(xmeml) + " --to native -o " + quote(dir.path()), 8,
-         "reading xmeml documents is not available yet"},
         {"convert " + quote(kExample) + " --to fcpxml -o " + quote(dir.path()), 8,
          "fcpxml export is not available yet"},
         {"convert " + quote(kExample) + " --to xmeml --set enableXml=0 -o " + quote(dir.path()), 8,
