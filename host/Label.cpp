@@ -74,6 +74,12 @@ int Label::posn_to_sample(double position) const {
     return truncateToInt32(std::floor(position * ticks() + 1e-6));
 }
 
+double Label::get_abs_posn(int sample) const {
+    unsigned t = ticks();
+    if (t == 0) return 0.0;
+    return (static_cast<double>(start_) + sample) / t;
+}
+
 int Label::abs_posn_to_sample(double position) const {
     return truncateToInt32(std::floor(position * ticks() + 1e-6) - start_);
 }
