@@ -127,10 +127,7 @@ bool Commands::flavourOf(const std::string& to, Flavour& out, int& exitCode) {
     } else if (to == "xmeml" || to == "fcp7") {
         out = {XML::XMLFlavourFCP5, "xmeml"};
     } else if (to == "fcpxml") {
-        exitCode = fail(kExitNotAvailable,
-                        "fcpxml export is not available yet in this version of qvxml; "
-                        "use --to xmeml or --to native");
-        return false;
+        out = {XML::XMLFlavourFCPX, "fcpxml"};
     } else if (to.empty()) {
         exitCode = fail(kExitUsage,
                         "say which format to write with --to native, --to xmeml or --to fcpxml");
@@ -243,6 +240,7 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
         plugin_.resource() ? plugin_.resource()->getExtension(flavour.value) : L".xml", false,
         L'_'));
 
+    int errorsBefore = console_->errors();
     Qv::Ptr<QvExport::BackgroundTask> task = single->createBackgroundTasks(edit->cookie, {});
     const char spinner[] = "|/-\\";
     for (int tick = 0; !task->finished(); ++tick) {
@@ -264,6 +262,13 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
         case XML::kStatusUnknown:
             return fail(kExitPlugin, "the XML plug-in offers no XML resource");
         default:
+            // fcpxml names every shot's media file; the writer tells of a
+            // shot without one in the application's log alone.
+            if (flavour.value == XML::XMLFlavourFCPX && console_->errors() == errorsBefore)
+                return fail(kExitFailed, label +
+                                             " could not be exported as fcpxml: the media file "
+                                             "of a shot is not known (--skip-offline leaves such "
+                                             "shots out)");
             return fail(kExitFailed, label + " could not be exported as " + flavour.name +
                                          " (see the messages above)");
     }

@@ -19,6 +19,12 @@ bool Edit::getTrackOriginInfo_Filename(const IdStamp&, LightweightString<char>& 
     return true;
 }
 
+Qv::FrameRate Edit::getSourceFrameRate() const {
+    if (Qv::isKnownFrameRate(sourceFrameRate)) return sourceFrameRate;
+    if (Qv::isKnownFrameRate(frameRate)) return frameRate;
+    return Qv::getEquivalentQvFrameRate(rate);
+}
+
 EditLabel Edit::getVideoTimecodeLabel() const {
     return labels.empty() ? EditLabel() : labels.front();
 }

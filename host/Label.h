@@ -29,8 +29,8 @@ class Label {
   public:
     LightweightString<char> get_string(int sample) const;
     int get_start() const { return start_; }
-    // The absolute position of a sample: cel time (seconds) counted from
-    // timecode zero.
+    // The absolute position of a sample: cel time counted from timecode zero,
+    // as abs_posn_to_sample takes it. 0 for a label without a rate.
     double get_abs_posn(int sample) const;
     // The sample at a cel-time position relative to the start of the roll.
     int posn_to_sample(double position) const;

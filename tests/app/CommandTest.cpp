@@ -5,10 +5,13 @@
 
 #include <array>
 #include <cstdio>
+#include <sstream>
+#include <vector>
 
 #include "export/ExportDriver.h"
 #include "host/Paths.h"
 #include "import/ImportDriver.h"
+#include "tests/fcpxml/FcpxmlTestSupport.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -130,8 +133,6 @@ TEST_F(Command, EachFailureHasItsStatusAndOneSentence) {
          "cannot write"},
         {"convert " + quote(dir.file("broken.xml")) + " --to xmeml -o " + quote(dir.path()), 6,
          "could not be imported"},
-        {"convert " + quote(kExample) + " --to fcpxml -o " + quote(dir.path()), 8,
-         "fcpxml export is not available yet"},
         {"convert " + quote(kExample) + " --to xmeml --set enableXml=0 -o " + quote(dir.path()), 8,
          "XML export is switched off"},
     };
@@ -141,6 +142,45 @@ TEST_F(Command, EachFailureHasItsStatusAndOneSentence) {
         EXPECT_NE(r.err.find(c.says), std::string::npos) << c.args << "\n" << r.err;
     }
     EXPECT_FALSE(qvtest::exists(dir.file("x.xml")));
+}
+
+// The documents a user can turn into fcpxml with the command, and the
+// command that does it. Add a document here and it is converted, parsed and
+// checked against the DTD of fcpxml 1.4 like the others.
+struct FcpxmlSource {
+    const char* command;
+    std::string path;
+};
+std::vector<FcpxmlSource> fcpxmlSources() {
+    return {
+        {"convert", kExample},
+        {"export", std::string(QVXML_SOURCE_DIR) + "/examples/timeline.json"},
+    };
+}
+
+TEST_F(Command, EveryExampleConvertsToFcpxml) {
+    std::string dtd = fcpxmltest::fcpxmlDtd();
+    for (const FcpxmlSource& source : fcpxmlSources()) {
+        qvtest::TempDir out;
+        Outcome r = qvxml(std::string(source.command) + " " + quote(source.path) +
+                          " --to fcpxml --quiet -o " + quote(out.path()));
+        EXPECT_EQ(r.status, 0) << source.path << "\n" << r.err;
+        std::istringstream written(r.out);
+        int files = 0;
+        for (std::string file; std::getline(written, file); ++files) {
+            EXPECT_TRUE(file.ends_with(".fcpxml")) << file;
+            tinyxml2::XMLDocument doc;
+            ASSERT_EQ(doc.LoadFile(file.c_str()), tinyxml2::XML_SUCCESS) << file;
+            EXPECT_STREQ(doc.RootElement()->Name(), "fcpxml");
+            EXPECT_FALSE(doc.RootElement()->FirstChildElement("resources")->NoChildren());
+            if (dtd.empty()) continue;
+            // Documents of shots alone have their asset clips refused; nothing
+            // else is.
+            for (const std::string& c : fcpxmltest::dtdComplaints(file, dtd, out.path()))
+                EXPECT_TRUE(fcpxmltest::isRequiredRefusal(c)) << file << ": " << c;
+        }
+        EXPECT_GT(files, 0) << source.path;
+    }
 }
 
 TEST_F(Command, HelpVersionAndRate) {
