@@ -384,8 +384,15 @@ struct XMLParser::Index {
         const char* const end = text + size;
         const char* p = base;
         if (size >= 3 && std::memcmp(p, "\xEF\xBB\xBF", 3) == 0) p += 3;
-        elements.reserve(size / 24 + 4);  // xmeml has 30 to 80 bytes an element
-        std::vector<u32> open;            // the open elements, innermost last
+        // Every element begins with a '<': counting them first sizes the table
+        // once instead of growing it by copies.
+        std::size_t marks = 0;
+        for (const char* q = p;
+             (q = static_cast<const char*>(std::memchr(q, '<', static_cast<std::size_t>(end - q))));
+             ++q)
+            ++marks;
+        elements.reserve(marks);
+        std::vector<u32> open;  // the open elements, innermost last
         auto at = [base](const char* q) { return static_cast<u32>(q - base); };
 
         while (p < end) {
@@ -525,25 +532,81 @@ struct XMLParser::Index {
     }
 };
 
-XMLParser::XMLParser(const char* text, int length) : index_(new Index(text, length)) {}
+XMLParser::XMLParser(const char* text, int length)
+    : index_(std::make_shared<Index>(text, length)),
+      root_(kNone),
+      last_(static_cast<u32>(index_->elements.size())) {}
 
-XMLParser::~XMLParser() {
-    delete index_;
+XMLParser::XMLParser(std::shared_ptr<const Index> index, unsigned int element)
+    : index_(std::move(index)), root_(element), first_(element + 1) {
+    // The elements inside one are those that begin before its inner text
+    // ends: a run that follows it in document order.
+    const std::vector<Element>& all = index_->elements;
+    u32 end = all[element].innerEnd;
+    auto past = std::partition_point(all.begin() + first_, all.end(),
+                                     [end](const Element& e) { return e.attrBegin < end; });
+    last_ = static_cast<u32>(past - all.begin());
+}
+
+XMLParser::~XMLParser() = default;
+
+std::pair<unsigned int, unsigned int> XMLParser::range(const LightweightString<char>& tag) const {
+    auto [first, last] = index_->range(tag);
+    if (root_ == kNone) return {first, last};
+    // Within a bucket the elements stand in document order.
+    const u32* b = index_->byName.data();
+    u32 lo = static_cast<u32>(std::lower_bound(b + first, b + last, first_) - b);
+    u32 hi = static_cast<u32>(std::lower_bound(b + lo, b + last, last_) - b);
+    return {lo, hi};
+}
+
+std::unique_ptr<XMLParser> XMLParser::view(unsigned int element) const {
+    const Element& e = index_->elements[element];
+    // Empty inner text: the element is there but tells nothing.
+    if (e.innerEnd <= e.attrEnd + 1) return nullptr;
+    return std::unique_ptr<XMLParser>(new XMLParser(index_, element));
+}
+
+std::unique_ptr<XMLParser> XMLParser::section(const LightweightString<char>& tag,
+                                              unsigned int index) const {
+    auto [first, last] = range(tag);
+    if (index >= last - first) return nullptr;
+    return view(index_->byName[first + index]);
+}
+
+std::vector<std::unique_ptr<XMLParser>> XMLParser::sections_TopLevel(
+    const LightweightString<char>& tag) const {
+    auto [first, last] = range(tag);
+    std::vector<std::unique_ptr<XMLParser>> out;
+    for (u32 i = first; i < last; ++i) {
+        u32 number = index_->byName[i];
+        if (index_->elements[number].parent == root_) out.push_back(view(number));
+    }
+    return out;
+}
+
+std::vector<XMLParser::Tag> XMLParser::attributes() const {
+    std::vector<Tag> out;
+    if (root_ == kNone) return out;
+    const Element& e = index_->elements[root_];
+    if (e.attrEnd > e.attrBegin)
+        parseAttributes(index_->text + e.attrBegin, index_->text + e.attrEnd, out);
+    return out;
+}
+
+unsigned int XMLParser::count(const LightweightString<char>& tag) const {
+    auto [first, last] = range(tag);
+    return last - first;
 }
 
 XMLParser::Value XMLParser::getValue(const LightweightString<char>& tag, unsigned int index) const {
-    auto [first, last] = index_->range(tag);
+    auto [first, last] = range(tag);
     if (index >= last - first) return {};
     return index_->make(index_->byName[first + index]);
 }
 
-unsigned int XMLParser::count(const LightweightString<char>& tag) const {
-    auto [first, last] = index_->range(tag);
-    return last - first;
-}
-
 std::vector<XMLParser::Value> XMLParser::getValues(const LightweightString<char>& tag) const {
-    auto [first, last] = index_->range(tag);
+    auto [first, last] = range(tag);
     std::vector<Value> values;
     values.reserve(last - first);
     for (u32 i = first; i < last; ++i)
@@ -562,11 +625,11 @@ std::vector<XMLParser::Value> XMLParser::getSections(const LightweightString<cha
 
 std::vector<XMLParser::Value> XMLParser::getSections_TopLevel(
     const LightweightString<char>& tag) const {
-    auto [first, last] = index_->range(tag);
+    auto [first, last] = range(tag);
     std::vector<Value> values;
     for (u32 i = first; i < last; ++i) {
         u32 number = index_->byName[i];
-        if (index_->elements[number].parent == kNone) values.push_back(index_->make(number));
+        if (index_->elements[number].parent == root_) values.push_back(index_->make(number));
     }
     return values;
 }

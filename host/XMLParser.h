@@ -18,6 +18,7 @@
 #pragma once
 
 #include <list>
+#include <memory>
 #include <vector>
 
 #include "host/LightweightString.h"
@@ -38,6 +39,18 @@ class XMLParser {
     // `length` -1 means up to the terminating zero.
     XMLParser(const char* text, int length);
     ~XMLParser();
+
+    // The index-th element of that name (or of the text's top level) as a
+    // parser of its own: it answers as XMLParser(getSection(tag, index).text,
+    // -1) would, but shares this parser's index, so that nothing is copied
+    // or scanned again. Null when there is no such element or its inner text
+    // is empty. The text given to the first parser must outlive it.
+    std::unique_ptr<XMLParser> section(const LightweightString<char>& tag,
+                                       unsigned int index) const;
+    std::vector<std::unique_ptr<XMLParser>> sections_TopLevel(
+        const LightweightString<char>& tag) const;
+    // For a parser made by section(): the element's attributes.
+    std::vector<Tag> attributes() const;
     XMLParser(const XMLParser&) = delete;
     XMLParser& operator=(const XMLParser&) = delete;
 
@@ -57,5 +70,13 @@ class XMLParser {
 
   private:
     struct Index;
-    Index* index_;
+    XMLParser(std::shared_ptr<const Index> index, unsigned int element);
+    std::unique_ptr<XMLParser> view(unsigned int element) const;
+    // The numbers of the elements of that name within this parser's text.
+    std::pair<unsigned int, unsigned int> range(const LightweightString<char>& tag) const;
+
+    std::shared_ptr<const Index> index_;
+    unsigned int root_;       // the element this parser reads the inside of; none for a text
+    unsigned int first_ = 0;  // the elements inside it: [first_, last_)
+    unsigned int last_ = 0;
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <set>
 #include <sstream>
@@ -231,6 +232,53 @@ TEST(XMLParser, NestedParserAgreesWithOuter) {
         }
     }
     if (checked == 0) GTEST_SKIP() << "corpus not found";
+}
+
+// A section parser shares its document's index: it must answer exactly as a
+// parser over the section's text does, for every element of the document,
+// every name, and damaged documents too.
+void expectSectionsAgree(const std::string& text, const std::string& what) {
+    XMLParser outer(text.data(), static_cast<int>(text.size()));
+    const std::set<std::string> names = elementNames(text);
+    for (const std::string& section : names) {
+        unsigned n = outer.count(section.c_str());
+        ASSERT_EQ(n, outer.getValues(section.c_str()).size());
+        for (unsigned i = 0; i < n && i < 40; ++i) {
+            XMLParser::Value value = outer.getSection(section.c_str(), i);
+            std::unique_ptr<XMLParser> view = outer.section(section.c_str(), i);
+            ASSERT_EQ(view == nullptr, value.text.empty()) << what << " " << section << i;
+            if (!view) continue;
+            XMLParser fresh(value.text.c_str(), -1);
+            EXPECT_TRUE(same({XMLParser::Value{{}, {}, view->attributes()}},
+                             {XMLParser::Value{{}, {}, value.attributes}}))
+                << what << " " << section;
+            for (const std::string& tag : names) {
+                EXPECT_TRUE(same(view->getValues(tag.c_str()), fresh.getValues(tag.c_str())))
+                    << what << ": " << tag << " in " << section << " " << i;
+                EXPECT_TRUE(same(view->getSections_TopLevel(tag.c_str()),
+                                 fresh.getSections_TopLevel(tag.c_str())))
+                    << what << ": top-level " << tag << " in " << section << " " << i;
+                std::vector<std::unique_ptr<XMLParser>> top = view->sections_TopLevel(tag.c_str());
+                EXPECT_EQ(top.size(), fresh.getSections_TopLevel(tag.c_str()).size());
+            }
+        }
+    }
+}
+
+TEST(XMLParser, SectionParsersAnswerAsParsersOverTheirText) {
+    expectSectionsAgree("<a><b x='1'><c>1</c><b><c>2</c></b></b><c>3</c><b/><b></b></a>", "nest");
+    expectSectionsAgree("<a><b><c>1</a><c>2</c></b>", "damaged");
+    expectSectionsAgree("<a><b><c>open", "cut short");
+    const std::string doc = corpus("premiere_example.xml");
+    if (doc.empty()) GTEST_SKIP() << "corpus not found";
+    expectSectionsAgree(doc.substr(0, 20000), "document");
+    std::mt19937 random(77);
+    for (int round = 0; round < 20; ++round) {
+        std::string bytes = doc.substr(0, 4000);
+        for (int i = 0; i < 6; ++i)
+            bytes.erase(random() % bytes.size(), 1 + random() % 12);
+        expectSectionsAgree(bytes, "mutated");
+    }
 }
 
 TEST(XMLParser, ReadsARealDocumentLevelByLevel) {
