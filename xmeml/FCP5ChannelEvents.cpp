@@ -52,8 +52,8 @@ bool keyOf(int start, int end, int pos, long long& key) {
 
 // One item of a track, parsed once, with its two positions.
 struct FCP5XMLReader::TrackItem {
-    const XMLParser::Value* value = nullptr;
-    std::unique_ptr<XMLParser> parser;
+    const XMLParser::Value* value = nullptr;  // when the item came as a text
+    std::unique_ptr<XMLParser> parser;        // null for an item with nothing inside
     bool hasText = false;
     int start = 0, end = 0;
 };
@@ -73,6 +73,39 @@ struct FCP5XMLReader::Track {
           const std::vector<XMLParser::Value>& transItems) {
         fill(clips, clipItems);
         fill(transitions, transItems);
+        index();
+    }
+    Track(std::vector<std::unique_ptr<XMLParser>> clipItems,
+          std::vector<std::unique_ptr<XMLParser>> transItems) {
+        fill(clips, std::move(clipItems));
+        fill(transitions, std::move(transItems));
+        index();
+    }
+
+    static void positions(Item& item) {
+        item.hasText = item.parser != nullptr;
+        if (!item.parser) return;
+        item.start = intOf(*item.parser, "start", 0);
+        item.end = intOf(*item.parser, "end", 0);
+    }
+    static void fill(std::vector<Item>& out, const std::vector<XMLParser::Value>& values) {
+        out.resize(values.size());
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            out[i].value = &values[i];
+            if (!values[i].text.empty())
+                out[i].parser = std::make_unique<XMLParser>(values[i].text.c_str(), -1);
+            positions(out[i]);
+        }
+    }
+    static void fill(std::vector<Item>& out, std::vector<std::unique_ptr<XMLParser>> parsers) {
+        out.resize(parsers.size());
+        for (std::size_t i = 0; i < parsers.size(); ++i) {
+            out[i].parser = std::move(parsers[i]);
+            positions(out[i]);
+        }
+    }
+
+    void index() {
         nextClip.assign(clips.size() + 1, clips.size());
         for (std::size_t i = clips.size(); i-- > 0;)
             nextClip[i] = clips[i].hasText ? i : nextClip[i + 1];
@@ -91,18 +124,6 @@ struct FCP5XMLReader::Track {
         }
         for (std::size_t i = leaves; i-- > 1;)
             reach[i] = std::max(reach[2 * i], reach[2 * i + 1]);
-    }
-
-    static void fill(std::vector<Item>& out, const std::vector<XMLParser::Value>& values) {
-        out.resize(values.size());
-        for (std::size_t i = 0; i < values.size(); ++i) {
-            Item& item = out[i];
-            item.value = &values[i];
-            item.hasText = !values[i].text.empty();
-            item.parser = std::make_unique<XMLParser>(values[i].text.c_str(), -1);
-            item.start = intOf(*item.parser, "start", 0);
-            item.end = intOf(*item.parser, "end", 0);
-        }
     }
 
     // The first transition at or after `from` that has text and does not lie
@@ -192,6 +213,18 @@ int FCP5XMLReader::parseEventsForChannel(bool isVideo, CChannel* channel,
                                          const std::vector<XMLParser::Value>& transItems,
                                          double seqDuration) {
     Track track(clipItems, transItems);
+    return walkTrack(track, isVideo, channel, seqDuration);
+}
+
+int FCP5XMLReader::parseEventsForChannel(bool isVideo, CChannel* channel,
+                                         std::vector<std::unique_ptr<XMLParser>> clipItems,
+                                         std::vector<std::unique_ptr<XMLParser>> transItems,
+                                         double seqDuration) {
+    Track track(std::move(clipItems), std::move(transItems));
+    return walkTrack(track, isVideo, channel, seqDuration);
+}
+
+int FCP5XMLReader::walkTrack(Track& track, bool isVideo, CChannel* channel, double seqDuration) {
     Cursor cursor;
     for (;;) {
         Track::Pick p =
@@ -199,7 +232,7 @@ int FCP5XMLReader::parseEventsForChannel(bool isVideo, CChannel* channel,
         if (!p.found) break;
         (p.transition ? cursor.transIndex : cursor.clipIndex) = static_cast<int>(p.index);
         Track::Item& item = track.at(p);
-        if (item.value->text.empty()) {
+        if (!item.hasText) {
             logger.ErrorOut("Empty track component");
             return 0;
         }

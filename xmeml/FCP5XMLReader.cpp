@@ -25,22 +25,15 @@ ShotVideoMetadata formatOfMedium(MediumRollMedium medium) {
 
 Qv::FrameRate FCP5XMLReader::getSeqFrameRate(const XMLParser& parser) {
     double value = 0;
-    XMLParser::Value sequence = parser.getValue("sequence", 0);
-    if (!sequence.text.empty()) {
-        XMLParser sp(sequence.text.c_str(), -1);
-        if (!readRate(sp, value)) return Qv::eFrameRateNone;
+    if (std::unique_ptr<XMLParser> sequence = parser.section("sequence", 0)) {
+        if (!readRate(*sequence, value)) return Qv::eFrameRateNone;
         return Qv::getEquivalentQvFrameRate(value);
     }
     // A document of clips alone: the first clip of the project stands for it.
-    LightweightString<char> text = parser.getValue("project", 0).text;
-    for (const char* tag : {"children", "clip"}) {
-        if (text.empty()) return Qv::eFrameRateNone;
-        XMLParser p(text.c_str(), -1);
-        text = p.getValue(tag, 0).text;
-    }
-    if (text.empty()) return Qv::eFrameRateNone;
-    XMLParser cp(text.c_str(), -1);
-    if (!readRate(cp, value)) return Qv::eFrameRateNone;
+    std::unique_ptr<XMLParser> project = parser.section("project", 0);
+    std::unique_ptr<XMLParser> children = project ? project->section("children", 0) : nullptr;
+    std::unique_ptr<XMLParser> clip = children ? children->section("clip", 0) : nullptr;
+    if (!clip || !readRate(*clip, value)) return Qv::eFrameRateNone;
     return Qv::getEquivalentQvFrameRate(value);
 }
 
@@ -54,32 +47,33 @@ void FCP5XMLReader::setRates(Qv::FrameRate rate) {
 int FCP5XMLReader::parseFile(const XMLParser& parser) {
     setRates(getSeqFrameRate(parser));
 
-    // The passes walk their elements one at a time, so that no more than one
-    // element's text is held beside the document.
+    // Each element is read through a parser over its inside that shares the
+    // document's index: what a parser over the element's text would answer,
+    // without copying the text or scanning it again. An element with nothing
+    // inside reads as an empty text.
+    XMLParser empty("", -1);
+    auto orEmpty = [&empty](const std::unique_ptr<XMLParser>& p) -> XMLParser& {
+        return p ? *p : empty;
+    };
+
     unsigned files = parser.count("file");
     for (unsigned i = 0; i < files; ++i)
-        readFile(parser.getValue("file", i));
+        if (std::unique_ptr<XMLParser> file = parser.section("file", i)) readFile(*file);
 
     unsigned clips = parser.count("clip");
     for (unsigned i = 0; i < clips; ++i) {
-        XMLParser::Value clip = parser.getValue("clip", i);
-        XMLParser clipParser(clip.text.c_str(), -1);
-        XMLParser::Value item = clipParser.getSection("clipitem", 0);
-        XMLParser itemParser(item.text.c_str(), -1);
-        extractShotFromClipItem(true, clipParser, itemParser);
+        std::unique_ptr<XMLParser> clip = parser.section("clip", i);
+        std::unique_ptr<XMLParser> item = clip ? clip->section("clipitem", 0) : nullptr;
+        extractShotFromClipItem(true, orEmpty(clip), orEmpty(item));
     }
 
     unsigned items = parser.count("clipitem");
     for (unsigned i = 0; i < items; ++i) {
-        XMLParser::Value item = parser.getValue("clipitem", i);
-        XMLParser itemParser(item.text.c_str(), -1);
-        extractShotFromClipItem(false, itemParser, itemParser);
+        std::unique_ptr<XMLParser> item = parser.section("clipitem", i);
+        extractShotFromClipItem(false, orEmpty(item), orEmpty(item));
     }
-    for (unsigned i = 0; i < items; ++i) {
-        XMLParser::Value item = parser.getValue("clipitem", i);
-        XMLParser itemParser(item.text.c_str(), -1);
-        extractSubClipFromClipItem(itemParser);
-    }
+    for (unsigned i = 0; i < items; ++i)
+        extractSubClipFromClipItem(orEmpty(parser.section("clipitem", i)));
 
     fileRefs.deleteAllCed2s();
     LightweightString<char> name;
@@ -88,21 +82,17 @@ int FCP5XMLReader::parseFile(const XMLParser& parser) {
 
     unsigned sequences = parser.count("sequence");
     for (unsigned i = 0; i < sequences; ++i) {
-        int status = readSequence(parser.getValue("sequence", i));
+        int status = readSequence(orEmpty(parser.section("sequence", i)));
         if (status != 1) return status;
     }
     return 1;
 }
 
-void FCP5XMLReader::readFile(const XMLParser::Value& section) {
-    // An empty `file` is a use of a file defined elsewhere.
-    if (section.text.empty()) return;
-    XMLParser fp(section.text.c_str(), -1);
-
+void FCP5XMLReader::readFile(const XMLParser& fp) {
+    std::vector<XMLParser::Tag> attributes = fp.attributes();
     LightweightString<char> id("..?..");
-    if (!section.attributes.empty() && section.attributes[0].name == "id" &&
-        !section.attributes[0].value.empty())
-        id = section.attributes[0].value;
+    if (!attributes.empty() && attributes[0].name == "id" && !attributes[0].value.empty())
+        id = attributes[0].value;
 
     // Nothing can refer to a file without a length.
     LightweightString<char> durationText = leaf(fp, "duration");
@@ -195,64 +185,43 @@ void FCP5XMLReader::completeGhosts() {
     }
 }
 
-int FCP5XMLReader::readSequence(const XMLParser::Value& section) {
+int FCP5XMLReader::readSequence(const XMLParser& sp) {
     CED2* rec = new CED2(false);
     rec->cookie = makeNewEditCookie();
 
-    // What the sequence says of itself is read first; then its text is let
-    // go, so that only the part being walked is held at a time.
-    XMLParser::Value media;
-    std::vector<XMLParser::Value> markers;
+    LightweightString<char> name = leaf(sp, "name");
+    if (name.empty()) name = "NoName";
+    rec->editName = fromUTF8(name);
+    logger.Out("Edit \"%s\"", name.c_str());
+
+    // A fixed description: xmeml's own picture characteristics are not read.
+    rec->shotVideoMetadata = ShotVideoMetadata(
+        Qv::DigitalVideoFormats::findByUID(Qv::Image::FormatUID(28)), Qv::Image::kFormatYUY2,
+        seqRate, Qv::Image::eAspectSquare, false, Qv::Image::eScanProgressive, 8);
+    rec->shotVideoMetadataSet = true;
+
     double seqDuration = 1.0;
-    {
-        XMLParser sp(section.text.c_str(), -1);
-        LightweightString<char> name = leaf(sp, "name");
-        if (name.empty()) name = "NoName";
-        rec->editName = fromUTF8(name);
-        logger.Out("Edit \"%s\"", name.c_str());
-
-        // A fixed description: xmeml's own picture characteristics are not read.
-        rec->shotVideoMetadata = ShotVideoMetadata(
-            Qv::DigitalVideoFormats::findByUID(Qv::Image::FormatUID(28)), Qv::Image::kFormatYUY2,
-            seqRate, Qv::Image::eAspectSquare, false, Qv::Image::eScanProgressive, 8);
-        rec->shotVideoMetadataSet = true;
-
-        if (LightweightString<char> d = leaf(sp, "duration"); !d.empty()) {
-            int frames = 0;
-            scanInt(d, frames);
-            rec->duration = frames * secondsPerTick;
-            seqDuration = rec->duration;
-        }
-        XMLParser::Value timecode = sp.getValue("timecode", 0);
-        if (!timecode.text.empty()) {
-            XMLParser tp(timecode.text.c_str(), -1);
-            processSequenceTimecode(rec, tp, seqDuration);
-        }
-        media = sp.getValue("media", 0);
-        markers = sp.getSections_TopLevel("marker");
+    if (LightweightString<char> d = leaf(sp, "duration"); !d.empty()) {
+        int frames = 0;
+        scanInt(d, frames);
+        rec->duration = frames * secondsPerTick;
+        seqDuration = rec->duration;
     }
+    if (std::unique_ptr<XMLParser> timecode = sp.section("timecode", 0))
+        processSequenceTimecode(rec, *timecode, seqDuration);
 
-    if (!media.text.empty()) {
-        std::vector<XMLParser::Value> videoTracks, audioTracks;
-        {
-            XMLParser mp(media.text.c_str(), -1);
-            std::vector<XMLParser::Value> video = mp.getSections_TopLevel("video");
-            if (!video.empty() && !video[0].text.empty()) {
-                XMLParser vp(video[0].text.c_str(), -1);
-                videoTracks = vp.getSections_TopLevel("track");
-            }
-            std::vector<XMLParser::Value> audio = mp.getSections_TopLevel("audio");
-            if (!audio.empty() && !audio[0].text.empty()) {
-                XMLParser ap(audio[0].text.c_str(), -1);
-                audioTracks = ap.getSections_TopLevel("track");
-            }
-        }
-        media = XMLParser::Value();
+    if (std::unique_ptr<XMLParser> media = sp.section("media", 0)) {
+        std::vector<std::unique_ptr<XMLParser>> videoTracks, audioTracks;
+        std::vector<std::unique_ptr<XMLParser>> video = media->sections_TopLevel("video");
+        if (!video.empty() && video[0]) videoTracks = video[0]->sections_TopLevel("track");
+        std::vector<std::unique_ptr<XMLParser>> audio = media->sections_TopLevel("audio");
+        if (!audio.empty() && audio[0]) audioTracks = audio[0]->sections_TopLevel("track");
 
-        auto walk = [&](const XMLParser::Value& track, CChannel* channel, bool isVideo) {
-            XMLParser tp(track.text.c_str(), -1);
-            return parseEventsForChannel(isVideo, channel, tp.getSections_TopLevel("clipitem"),
-                                         tp.getSections_TopLevel("transitionitem"), seqDuration);
+        XMLParser empty("", -1);
+        auto walk = [&](const std::unique_ptr<XMLParser>& track, CChannel* channel, bool isVideo) {
+            const XMLParser& tp = track ? *track : empty;
+            return parseEventsForChannel(isVideo, channel, tp.sections_TopLevel("clipitem"),
+                                         tp.sections_TopLevel("transitionitem"), seqDuration);
         };
         // The document's last video track is the host's first channel.
         std::size_t videoCount = videoTracks.size();
@@ -260,7 +229,6 @@ int FCP5XMLReader::readSequence(const XMLParser::Value& section) {
             CChannel* channel = rec->CreateEditChannel(static_cast<unsigned>(k), kChanVideo);
             logger.Out("Track V%d", static_cast<int>(k + 1));
             int status = walk(videoTracks[videoCount - 1 - k], channel, true);
-            videoTracks[videoCount - 1 - k] = XMLParser::Value();
             if (status != 1) {
                 delete rec;
                 return status;
@@ -271,7 +239,6 @@ int FCP5XMLReader::readSequence(const XMLParser::Value& section) {
                 rec->CreateEditChannel(static_cast<unsigned>(videoCount + i), kChanAudio);
             logger.Out("Track A%d", static_cast<int>(i + 1));
             int status = walk(audioTracks[i], channel, false);
-            audioTracks[i] = XMLParser::Value();
             if (status != 1) {
                 delete rec;
                 return status;
@@ -279,7 +246,7 @@ int FCP5XMLReader::readSequence(const XMLParser::Value& section) {
         }
     }
 
-    for (const XMLParser::Value& marker : markers)
+    for (const XMLParser::Value& marker : sp.getSections_TopLevel("marker"))
         readMarker(marker, rec);
     seqList.append(rec);
     return 1;

@@ -12,6 +12,7 @@
 // inner text, the way the host's XML reader is meant to be used.
 #pragma once
 
+#include <memory>
 #include <vector>
 
 #include "import/XMLReader.h"
@@ -52,10 +53,15 @@ class FCP5XMLReader : public XMLReader {
 
     // Writes the cels of one track onto a channel the caller made: clips,
     // transitions, black filler, speed and level keyframes. 1, or 0 after
-    // logging why the track cannot be read.
+    // logging why the track cannot be read. The items come as texts, or as
+    // parsers over them (null for an item with nothing inside).
     int parseEventsForChannel(bool isVideo, CChannel* channel,
                               const std::vector<XMLParser::Value>& clipItems,
                               const std::vector<XMLParser::Value>& transItems, double seqDuration);
+    int parseEventsForChannel(bool isVideo, CChannel* channel,
+                              std::vector<std::unique_ptr<XMLParser>> clipItems,
+                              std::vector<std::unique_ptr<XMLParser>> transItems,
+                              double seqDuration);
 
     double getSecondsPerTick() const { return secondsPerTick; }
 
@@ -69,9 +75,10 @@ class FCP5XMLReader : public XMLReader {
     struct Cursor;
 
     void setRates(Qv::FrameRate rate);
-    void readFile(const XMLParser::Value& section);
+    void readFile(const XMLParser& file);
     void completeGhosts();
-    int readSequence(const XMLParser::Value& section);
+    int readSequence(const XMLParser& sequence);
+    int walkTrack(Track& track, bool isVideo, CChannel* channel, double seqDuration);
     void readMarker(const XMLParser::Value& section, CED2* rec);
     int addClip(Track& track, Cursor& cursor, TrackItem& item, bool isVideo, CChannel* channel,
                 double seqDuration);
