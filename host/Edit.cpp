@@ -145,6 +145,7 @@ std::size_t EditStore::IdentityHash::operator()(const Qv::UUID& id) const noexce
 void EditStore::add(Qv::Ptr<Edit> edit) {
     if (!edit) return;
     std::lock_guard<std::recursive_mutex> lock(mutex_);
+    byMediaValid_ = false;
     auto [it, fresh] = index_.try_emplace(edit->cookie.uuid, edits_.size());
     if (!fresh) {
         edits_[it->second] = std::move(edit);
@@ -159,6 +160,7 @@ bool EditStore::remove(const Cookie& cookie) {
     if (it == index_.end()) return false;
     std::size_t at = it->second;
     index_.erase(it);
+    byMediaValid_ = false;
     edits_.erase(edits_.begin() + static_cast<std::ptrdiff_t>(at));
     for (auto& entry : index_)
         if (entry.second > at) --entry.second;
@@ -169,6 +171,7 @@ void EditStore::clear() {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     edits_.clear();
     index_.clear();
+    byMediaValid_ = false;
 }
 
 Qv::Ptr<Edit> EditStore::find(const Cookie& cookie) const {
@@ -188,9 +191,23 @@ Qv::Ptr<Edit> EditStore::findByName(const LightweightString<wchar_t>& name) cons
 Qv::Ptr<Edit> EditStore::findShotByMedia(const LightweightString<wchar_t>& path) const {
     if (path.empty()) return nullptr;
     std::lock_guard<std::recursive_mutex> lock(mutex_);
-    for (const Qv::Ptr<Edit>& e : edits_)
-        if (e->isShot() && e->mediaPath == path) return e;
+    if (!byMediaValid_) {
+        byMedia_.clear();
+        for (const Qv::Ptr<Edit>& e : edits_)
+            if (e->isShot() && !e->mediaPath.empty())
+                byMedia_[e->mediaPath.str()].push_back(e.get());
+        byMediaValid_ = true;
+    }
+    auto it = byMedia_.find(path.str());
+    if (it == byMedia_.end()) return nullptr;
+    for (Edit* e : it->second)
+        if (e->isShot() && e->mediaPath == path) return find(e->cookie);
     return nullptr;
+}
+
+void EditStore::noteMediaChanged() {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    byMediaValid_ = false;
 }
 
 std::vector<Qv::Ptr<Edit>> EditStore::edits() const {

@@ -179,8 +179,11 @@ class EditStore {
     // The edit of that identity, whatever the cookie's type and channel.
     Qv::Ptr<Edit> find(const Cookie& cookie) const;
     Qv::Ptr<Edit> findByName(const LightweightString<wchar_t>& name) const;
-    // The shot whose media is that file.
+    // The shot whose media is that file (the first added, when several are).
     Qv::Ptr<Edit> findShotByMedia(const LightweightString<wchar_t>& path) const;
+    // Code that changes the media of an edit already in the store says so,
+    // so that look-ups by media see the change.
+    void noteMediaChanged();
     std::vector<Qv::Ptr<Edit>> edits() const;
     std::size_t size() const;
 
@@ -201,6 +204,9 @@ class EditStore {
     std::unordered_map<Qv::UUID, std::size_t, IdentityHash> index_;
     std::uint64_t state_;
     std::int64_t opens_ = 0, closes_ = 0;
+    // Shots by media file, made when first asked for after a change.
+    mutable std::unordered_map<std::wstring, std::vector<Edit*>> byMedia_;
+    mutable bool byMediaValid_ = false;
 };
 
 // Makes a store current for the life of the object, then restores the last.

@@ -186,15 +186,19 @@ Cookie MediaFileToClipMap::findClip(const LightweightString<wchar_t>& path, eMat
     if (Qv::Ptr<Edit> shot = store.findShotByMedia(canonical)) return shot->cookie;
     if (Qv::Ptr<Edit> shot = store.findShotByMedia(path)) return shot->cookie;
     std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& [file, cookie] : links_) {
-        if ((file == canonical || file == path) && store.find(cookie)) return cookie;
+    const LightweightString<wchar_t>* keys[] = {&canonical, &path};
+    for (const LightweightString<wchar_t>* key : keys) {
+        auto it = links_.find(key->str());
+        if (it == links_.end()) continue;
+        for (const Cookie& cookie : it->second)
+            if (store.find(cookie)) return cookie;
     }
     return invalid_cookie;
 }
 
 void MediaFileToClipMap::addLink(const LightweightString<wchar_t>& path, const Cookie& cookie) {
     std::lock_guard<std::mutex> lock(mutex_);
-    links_.emplace_back(canonicalPath(path), cookie);
+    links_[canonicalPath(path).str()].push_back(cookie);
 }
 
 void FilenameLinkHandler::FNLaddNewLinkFile(const Cookie& cookie,

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 #include <mutex>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "host/Edit.h"
@@ -128,7 +130,8 @@ class MediaFileToClipMap {
   private:
     MediaFileToClipMap() = default;
     mutable std::mutex mutex_;
-    std::vector<std::pair<LightweightString<wchar_t>, Cookie>> links_;
+    // The material of each file, in the order the links were made.
+    std::unordered_map<std::wstring, std::vector<Cookie>> links_;
 };
 
 // Records which files belong to which material.
