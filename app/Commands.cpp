@@ -15,6 +15,8 @@
 #include "host/Edit.h"
 #include "host/Paths.h"
 #include "host/Snapshot.h"
+#include "otio/OtioImport.h"
+#include "otio/OtioWriter.h"
 #include "plugin/Status.h"
 
 namespace qvapp {
@@ -40,12 +42,17 @@ std::string quoted(const std::string& s) {
 
 // What kind of document a file looks like, from its first bytes. The import
 // itself decides; this only lets the command say plainly why it cannot.
-enum class Sniffed { Unknown, Native, Xmeml, Fcpxml };
+enum class Sniffed { Unknown, Native, Xmeml, Fcpxml, Otio };
 Sniffed sniff(const std::string& path, std::string& version) {
     std::ifstream in(path, std::ios::binary);
     std::string head(65536, '\0');
     in.read(head.data(), static_cast<std::streamsize>(head.size()));
     head.resize(static_cast<size_t>(in.gcount()));
+    // OpenTimelineIO: JSON whose root object has an OTIO_SCHEMA, whatever the
+    // file's name.
+    if (size_t first = head.find_first_not_of(" \t\r\n");
+        first != std::string::npos && head[first] == '{' && QvOtio::isOtioDocument(wide(path)))
+        return Sniffed::Otio;
     auto attribute = [&](size_t at) {
         size_t v = head.find("version=\"", at);
         if (v == std::string::npos || v > head.find('>', at)) return std::string();
@@ -84,6 +91,8 @@ bool Commands::flavourOf(const std::string& to, Flavour& out, int& exitCode) {
         out = {XML::XMLFlavourQV2, "native"};
     } else if (to == "xmeml" || to == "fcp7") {
         out = {XML::XMLFlavourFCP5, "xmeml"};
+    } else if (to == "otio" || to == "opentimelineio") {
+        out = {XML::XMLFlavourNone, "otio", true};
     } else if (to == "fcpxml") {
         exitCode = fail(kExitNotAvailable,
                         "fcpxml export is not available yet in this version of qvxml; "
@@ -91,11 +100,13 @@ bool Commands::flavourOf(const std::string& to, Flavour& out, int& exitCode) {
         return false;
     } else if (to.empty()) {
         exitCode = fail(kExitUsage,
-                        "say which format to write with --to native, --to xmeml or --to fcpxml");
+                        "say which format to write with --to native, --to xmeml, --to otio or "
+                        "--to fcpxml");
         return false;
     } else {
-        exitCode = fail(kExitUsage,
-                        quoted(to) + " is no format qvxml writes; use native, xmeml or fcpxml");
+        exitCode =
+            fail(kExitUsage,
+                 quoted(to) + " is no format qvxml writes; use native, xmeml, otio or fcpxml");
         return false;
     }
     return true;
@@ -127,6 +138,21 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
         ImportFileList files;
         files.push_back(Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({wide(absolute(input))})));
         console_->status("importing " + input);
+        if (kind == Sniffed::Otio) {
+            std::string why;
+            XML::ImportResult r = QvOtio::importOtioFile(wide(absolute(input)), log(), why);
+            console_->clearProgress();
+            for (const EditModifier& m : r.edits)
+                made.push_back(m.ptr());
+            if (r.status == XML::kStatusOK) continue;
+            if (r.status == XML::kStatusUnreadable)
+                return fail(kExitUnreadable, "cannot read " + quoted(input));
+            if (!why.empty())
+                return fail(kExitUnknownDocument,
+                            quoted(input) + " cannot be read as OpenTimelineIO: " + why);
+            return fail(kExitFailed,
+                        quoted(input) + " could not be imported (see the messages above)");
+        }
         XML::ImportResult r = resource->importFiles(files, log());
         console_->clearProgress();
         for (const EditModifier& m : r.edits)
@@ -170,8 +196,32 @@ std::string Commands::uniqueStem(const Qv::Ptr<Edit>& edit, const std::string& e
     }
 }
 
+std::string Commands::extensionOf(const Flavour& flavour) {
+    if (flavour.otio) return ".otio";
+    return narrow(plugin_.resource()->getExtension(flavour.value));
+}
+
+int Commands::exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName) {
+    std::string label =
+        edit->name.empty() ? std::string("the nameless edit") : quoted(narrow(edit->name));
+    LightweightString<wchar_t> path = Qv::FilespecUtils::makeValidFilespec(
+        wide(absolute(o.outputDir)), stripExtension(wide(fileName)), L".otio", false, L'_');
+    QvOtio::ExportOptions options;
+    options.skipOffline = o.skipOffline;
+    int status = QvOtio::exportOtio(edit->cookie, path, options, LoggerHandle());
+    if (status == XML::kStatusCannotCreate)
+        return fail(kExitNotWritable, "cannot write " + quoted(narrow(path)));
+    if (status != XML::kStatusOK)
+        return fail(kExitFailed, label + " could not be exported as otio (see the messages above)");
+    console_->takeWrittenPaths();
+    std::fprintf(stdout, "%s\n", narrow(path).c_str());
+    std::fflush(stdout);
+    return kExitOK;
+}
+
 int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
                          const std::string& fileName) {
+    if (flavour.otio) return exportOtio(edit, o, fileName);
     QvExport::ExporterFactoryBase* factory = plugin_.exporterFactory();
     if (!factory)
         return fail(kExitNotAvailable,
@@ -252,7 +302,10 @@ int Commands::convert(const Options& o) {
     if (!isDirectory(wide(o.outputDir)))
         return fail(kExitNoFolder, "the output folder " + quoted(o.outputDir) + " does not exist");
     usedDir_ = absolute(o.outputDir);
-    std::string extension = narrow(plugin_.resource()->getExtension(flavour.value));
+    std::string extension = extensionOf(flavour);
+    // A file written never takes the place of a document read.
+    for (const std::string& input : o.inputs)
+        usedPaths_.push_back(absolute(input));
 
     int result = kExitOK;
     for (const std::string& input : o.inputs) {
@@ -369,7 +422,8 @@ int Commands::exportSnapshot(const Options& o) {
                                         "; say which with --edit NAME");
         }
     }
-    std::string extension = narrow(plugin_.resource()->getExtension(flavour.value));
+    std::string extension = extensionOf(flavour);
+    usedPaths_.push_back(absolute(input));
     std::string fileName = o.name.empty() ? uniqueStem(chosen, extension) + extension : o.name;
     return exportEdit(chosen, flavour, o, fileName);
 }
@@ -382,7 +436,10 @@ int Commands::rate(const Options& o) {
         return fail(kExitUnreadable, "cannot read " + quoted(input) + ": there is no such file");
     iXMLResource* resource = plugin_.resource();
     if (!resource) return fail(kExitPlugin, "the XML plug-in offers no XML resource");
-    Qv::FrameRate r = resource->getFrameRate(wide(absolute(input)));
+    std::string kindVersion;
+    bool otio = sniff(input, kindVersion) == Sniffed::Otio;
+    Qv::FrameRate r = otio ? QvOtio::otioFrameRate(wide(absolute(input)))
+                           : resource->getFrameRate(wide(absolute(input)));
     if (r == Qv::eFrameRateNone) {
         std::string version;
         if (sniff(input, version) == Sniffed::Xmeml)
