@@ -187,7 +187,9 @@ class Builder : public nlohmann::json_sax<json> {
         stack_.pop_back();
         json value = std::move(f.value);
         if (value.is_object() && f.mode == Mode::Normal) {
-            bool inChildren = !stack_.empty() && stack_.back().children;
+            // An object among a composition's children, or the root, is an
+            // item whatever its schema.
+            bool inChildren = stack_.empty() || stack_.back().children;
             if (std::size_t index = compact(value, inChildren); index != kNone)
                 value = json::binary(json::binary_t::container_type(), index);
         }
@@ -324,7 +326,7 @@ std::size_t Builder::compact(json& object, bool inChildren) {
             break;
         }
         case ItemKind::Other:
-            ++doc_.notes["objects of the unknown schema " + schema];
+            ++doc_.notes["objects of the schema " + schema + " where items belong"];
             break;
     }
     doc_.items.push_back(std::move(item));

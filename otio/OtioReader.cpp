@@ -60,6 +60,12 @@ std::string textOf(const json& object, const char* name) {
     return v && v->is_string() ? v->get<std::string>() : std::string();
 }
 
+// A number of the namespace; 0 when it is none.
+double numberOf(const json& object, const char* name) {
+    const json* v = field(object, name);
+    return v && v->is_number() && std::isfinite(v->get<double>()) ? v->get<double>() : 0.0;
+}
+
 bool intOf(const json& object, const char* name, long long& out) {
     const json* v = field(object, name);
     if (!v || !(v->is_number_integer() || v->is_number_unsigned())) return false;
@@ -290,7 +296,7 @@ void OtioReader::buildTimeline(std::size_t index) {
     if (item.kind == ItemKind::Timeline)
         stack = item.tracks < doc_->items.size() ? &doc_->items[item.tracks] : nullptr;
     if (stack) {
-        buildChannels(*stack, record, base);
+        buildChannels(*stack, record, base, true);
         addCues(stack->markers, 0, base, record->cues, false);
     }
 
@@ -305,7 +311,8 @@ void OtioReader::buildTimeline(std::size_t index) {
     }
 }
 
-void OtioReader::buildChannels(const Item& composition, CED2* record, const TimeBase& base) {
+void OtioReader::buildChannels(const Item& composition, CED2* record, const TimeBase& base,
+                               bool top) {
     std::vector<const Item*> video, audio;
     if (composition.kind == ItemKind::Track) {
         (trackType(composition) == kChanAudio ? audio : video).push_back(&composition);
@@ -351,8 +358,11 @@ void OtioReader::buildChannels(const Item& composition, CED2* record, const Time
         logger.Out("Track %c%d", type == kChanVideo ? 'V' : 'A',
                    static_cast<int>(type == kChanVideo ? i + 1 : i - video.size() + 1));
         CChannel* channel = record->CreateEditChannel(index, type);
-        buildTrack(track, record, channel, base);
-        if (composition.kind == ItemKind::Stack && composition.sourceRange.valid())
+        // A track of a stack may be trimmed; a track that is itself the
+        // nested item is played in part by the cel, and kept whole.
+        buildTrack(track, record, channel, base, &track != &composition);
+        // So is a timeline's stack; a nested one is kept whole.
+        if (top && composition.sourceRange.valid())
             clipToWindow(channel, framesOf(composition.sourceRange.start, base),
                          framesOf(composition.sourceRange.duration, base), base);
     }
@@ -394,7 +404,7 @@ double OtioReader::mediaOrigin(std::size_t media, const TimeBase& base) const {
 // item before ends where the transition starts, the one after starts where it
 // ends. Offsets that reach further than a neighbour lasts are cut to it.
 void OtioReader::buildTrack(const Item& track, CED2* record, CChannel* channel,
-                            const TimeBase& base) {
+                            const TimeBase& base, bool trimmed) {
     channel->name = track.name;
     if (const json* levels = field(track.qvxml, "levels"); levels && levels->is_array()) {
         for (const json& l : *levels) {
@@ -491,11 +501,12 @@ void OtioReader::buildTrack(const Item& track, CED2* record, CChannel* channel,
             addItemCel(*s.item, record, channel, base, s.hs, s.he, s.hs - s.start);
         }
     }
-    if (track.sourceRange.valid())
+    bool window = trimmed && track.sourceRange.valid();
+    if (window)
         clipToWindow(channel, framesOf(track.sourceRange.start, base),
                      framesOf(track.sourceRange.duration, base), base);
     // A track's markers are the record's cues, in its time.
-    double origin = track.sourceRange.valid() ? framesOf(track.sourceRange.start, base) : 0;
+    double origin = window ? framesOf(track.sourceRange.start, base) : 0;
     addCues(track.markers, origin, base, record->cues, false);
 }
 
@@ -616,12 +627,11 @@ bool OtioReader::clipReference(const Item& clip, CED2* record, CChannel* channel
 
     if (const json* sub = field(clip.qvxml, "subclip"); sub && sub->is_object()) {
         // A sub-clip of the shot, written as a clip of the shot.
-        long long start = 0;
-        intOf(*sub, "start", start);
+        double start = numberOf(*sub, "start");
         CED2* ghost = subclipRecord(clip, *sub, base);
         ref.ghost = true;
         ref.id = refOf(keys_[ghost], channelByte);
-        cel.sourceIn = (sourceFrames - static_cast<double>(start)) / base.ticks;
+        cel.sourceIn = (sourceFrames - start) / base.ticks;
     } else {
         if (!use.plays(channelByte, video ? kChanVideo : kChanAudio)) {
             note(
@@ -682,9 +692,7 @@ OtioReader::ShotUse& OtioReader::useOf(std::size_t media) {
 CED2* OtioReader::subclipRecord(const Item& clip, const json& sub, const TimeBase& base) {
     std::string key = "s" + std::to_string(clip.media) + "/" + textOf(sub, "id");
     if (auto found = subclips_.find(key); found != subclips_.end()) return found->second;
-    long long start = 0, length = 0;
-    intOf(sub, "start", start);
-    intOf(sub, "length", length);
+    double start = numberOf(sub, "start"), length = numberOf(sub, "length");
     CED2* ghost = new CED2(true);
     ghost->isGhost = true;
     ghost->kind = kLogTypeSubclip;
@@ -712,8 +720,8 @@ CED2* OtioReader::subclipRecord(const Item& clip, const json& sub, const TimeBas
             CChannel* ch = ghost->CreateEditChannel(static_cast<unsigned>(index), type);
             ch->name = textOf(c, "name");
             CED2Cell* g = new CED2Cell;
-            g->editOut = static_cast<double>(length) / base.ticks;
-            g->sourceIn = static_cast<double>(start) / base.ticks;
+            g->editOut = length / base.ticks;
+            g->sourceIn = start / base.ticks;
             g->sourceOut = g->sourceIn + g->editOut;
             if (use.plays(source, type)) g->refId = refOf(shotKey(clip.media), source);
             ch->cels.append(g);
@@ -721,7 +729,7 @@ CED2* OtioReader::subclipRecord(const Item& clip, const json& sub, const TimeBas
                              type);
         }
     }
-    use.extent = std::max(use.extent, static_cast<double>(start + length) / base.ticks);
+    use.extent = std::max(use.extent, (start + length) / base.ticks);
     subclips_.emplace(key, ghost);
     ghostList.append(ghost);
     return ghost;
@@ -762,7 +770,7 @@ CED2* OtioReader::nestedRecord(const Item& item, const TimeBase& outer, TimeBase
         readRecordFields(*edit, *record, fieldProblems_);
     }
     ++depth_;
-    buildChannels(item, record, inner);
+    buildChannels(item, record, inner, false);
     --depth_;
     addCues(item.markers, 0, inner, record->cues, false);
     std::string key = "n" + std::to_string(nestedCount_);

@@ -59,9 +59,11 @@ class OtioReader : public XML::XMLReader {
 
     int build(const std::vector<std::size_t>& timelines);
     void buildTimeline(std::size_t index);
-    // The channels of a record from a composition's tracks.
-    void buildChannels(const Item& composition, CED2* record, const TimeBase& base);
-    void buildTrack(const Item& track, CED2* record, CChannel* channel, const TimeBase& base);
+    // The channels of a record from a composition's tracks; `top` for a
+    // timeline's, whose range trims them.
+    void buildChannels(const Item& composition, CED2* record, const TimeBase& base, bool top);
+    void buildTrack(const Item& track, CED2* record, CChannel* channel, const TimeBase& base,
+                    bool trimmed);
     // One cel for an item of a track, between host frames `from` and `to`;
     // `head` is how much later than the item's document start the cel starts.
     void addItemCel(const Item& item, CED2* record, CChannel* channel, const TimeBase& base,
