@@ -222,7 +222,7 @@ void OtioInput::substitute() {
     current_ = pending_[0];
 }
 
-void OtioInput::advance() {
+void OtioInput::advanceSlowly() {
     if (pendingPos_ < pending_.size()) {
         current_ = pending_[pendingPos_++];
         return;
@@ -242,13 +242,17 @@ void OtioInput::advance() {
         } else if (c == '"') {
             inString_ = false;
         }
-        return;
-    }
-    if (c == '"') {
+    } else if (c == '"') {
         inString_ = true;
-    } else if (c == 'N' || c == 'I' || (c == '-' && rawPeek() == 'I')) {
-        substitute();
+    } else if (c == 'N' || c == 'I' || c == '-') {
+        lookAtWord();
     }
+}
+
+// Outside a string, at an N, an I or a minus sign.
+void OtioInput::lookAtWord() {
+    if (current_ == '-' && rawPeek() != 'I') return;
+    substitute();
 }
 
 }  // namespace QvOtio

@@ -118,7 +118,32 @@ class OtioInput {
 
   private:
     friend class iterator;
-    void advance();
+    // The next character; the common case (a byte of the buffer, no word to
+    // look at) stays inline.
+    void advance() {
+        if (pendingPos_ < pending_.size() || pos_ == size_) {
+            advanceSlowly();
+            return;
+        }
+        char c = buffer_[pos_++];
+        ++consumed_;
+        current_ = c;
+        if (inString_) {
+            if (escaped_) {
+                escaped_ = false;
+            } else if (c == '\\') {
+                escaped_ = true;
+            } else if (c == '"') {
+                inString_ = false;
+            }
+        } else if (c == '"') {
+            inString_ = true;
+        } else if (c == 'N' || c == 'I' || c == '-') {
+            lookAtWord();
+        }
+    }
+    void advanceSlowly();
+    void lookAtWord();
     int rawGet();
     int rawPeek();
     void substitute();
