@@ -1,5 +1,7 @@
 #include "app/Commands.h"
 
+#include "app/DocumentHead.h"
+
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -8,11 +10,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <thread>
 #include <tuple>
 
 #include "host/Edit.h"
+#include "host/OS.h"
 #include "host/Paths.h"
 #include "host/Snapshot.h"
 #include "otio/OtioImport.h"
@@ -40,36 +44,69 @@ std::string quoted(const std::string& s) {
     return "\"" + s + "\"";
 }
 
-// What kind of document a file looks like, from its first bytes. The import
-// itself decides; this only lets the command say plainly why it cannot.
-enum class Sniffed { Unknown, Native, Xmeml, Fcpxml, Otio };
-Sniffed sniff(const std::string& path, std::string& version) {
-    std::ifstream in(path, std::ios::binary);
-    std::string head(65536, '\0');
-    in.read(head.data(), static_cast<std::streamsize>(head.size()));
-    head.resize(static_cast<size_t>(in.gcount()));
-    // OpenTimelineIO: JSON whose root object has an OTIO_SCHEMA, whatever the
-    // file's name.
-    if (size_t first = head.find_first_not_of(" \t\r\n");
-        first != std::string::npos && head[first] == '{' && QvOtio::isOtioDocument(wide(path)))
-        return Sniffed::Otio;
-    auto attribute = [&](size_t at) {
-        size_t v = head.find("version=\"", at);
-        if (v == std::string::npos || v > head.find('>', at)) return std::string();
-        size_t end = head.find('"', v + 9);
-        return end == std::string::npos ? std::string() : head.substr(v + 9, end - v - 9);
-    };
-    if (size_t at = head.find("<xmeml"); at != std::string::npos) {
-        version = attribute(at);
-        return Sniffed::Xmeml;
+// Why the plug-in found no reader for a document, in the user's terms.
+std::string whyUnreadable(const std::string& input, const DocumentHead& head) {
+    const std::string file = quoted(input);
+    switch (head.kind) {
+        case DocumentHead::Kind::Xmeml:
+            if (head.firstAttribute != "version")
+                return file +
+                       " is xmeml, but its xmeml element does not begin with its version "
+                       "(version=\"1\" to version=\"5\")";
+            return file + " is xmeml of version " + quoted(head.firstValue) +
+                   "; qvxml reads xmeml versions 1 to 5";
+        case DocumentHead::Kind::Native:
+            return file +
+                   " is a QVXML document, but not of version 1.0 or 2.0 given as the first "
+                   "attribute (Version=\"2.0\") of its QVXML element";
+        case DocumentHead::Kind::Fcpxml:
+            return file + " is an fcpxml document; qvxml writes fcpxml but does not read it";
+        case DocumentHead::Kind::Unknown:
+            break;
     }
-    if (size_t at = head.find("<fcpxml"); at != std::string::npos) {
-        version = attribute(at);
-        return Sniffed::Fcpxml;
-    }
-    if (head.find("<QVXML") != std::string::npos) return Sniffed::Native;
-    return Sniffed::Unknown;
+    if (head.root.empty())
+        return file + " is not an XML document qvxml reads (no root element was found)";
+    return file + " is no document qvxml reads: its root element is <" + head.root +
+           ">, where QVXML or xmeml is expected";
 }
+
+// The whole of a file, or false.
+bool readWhole(const std::string& path, std::string& out) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return false;
+    out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return !in.bad();
+}
+
+// While it lives, an xmeml document whose version is written as a decimal
+// ("5.0") reads as the whole number it means: the plug-in is handed the
+// document with that one attribute mended, and the file is left as it is.
+class MendedVersion {
+  public:
+    MendedVersion(const std::string& input, const DocumentHead& head,
+                  const LightweightString<wchar_t>& path, LoggerHandle log)
+        : path_(path) {
+        std::string plain = plainXmemlVersion(head);
+        std::string bytes;
+        if (plain.empty() || !readWhole(input, bytes) ||
+            head.valueOffset + head.valueLength > bytes.size())
+            return;
+        bytes.replace(head.valueOffset, head.valueLength, plain);
+        setFileOverlay(path_, std::move(bytes));
+        active_ = true;
+        log.WarningOut("%s: xmeml version \"%s\" is read as version %s", input.c_str(),
+                       head.firstValue.c_str(), plain.c_str());
+    }
+    ~MendedVersion() {
+        if (active_) clearFileOverlay(path_);
+    }
+    MendedVersion(const MendedVersion&) = delete;
+    MendedVersion& operator=(const MendedVersion&) = delete;
+
+  private:
+    LightweightString<wchar_t> path_;
+    bool active_ = false;
+};
 
 }  // namespace
 
@@ -91,22 +128,19 @@ bool Commands::flavourOf(const std::string& to, Flavour& out, int& exitCode) {
         out = {XML::XMLFlavourQV2, "native"};
     } else if (to == "xmeml" || to == "fcp7") {
         out = {XML::XMLFlavourFCP5, "xmeml"};
+    } else if (to == "fcpxml") {
+        out = {XML::XMLFlavourFCPX, "fcpxml"};
     } else if (to == "otio" || to == "opentimelineio") {
         out = {XML::XMLFlavourNone, "otio", true};
-    } else if (to == "fcpxml") {
-        exitCode = fail(kExitNotAvailable,
-                        "fcpxml export is not available yet in this version of qvxml; "
-                        "use --to xmeml or --to native");
-        return false;
     } else if (to.empty()) {
         exitCode = fail(kExitUsage,
-                        "say which format to write with --to native, --to xmeml, --to otio or "
-                        "--to fcpxml");
+                        "say which format to write with --to native, --to xmeml, --to fcpxml or "
+                        "--to otio");
         return false;
     } else {
         exitCode =
             fail(kExitUsage,
-                 quoted(to) + " is no format qvxml writes; use native, xmeml, otio or fcpxml");
+                 quoted(to) + " is no format qvxml writes; use native, xmeml, fcpxml or otio");
         return false;
     }
     return true;
@@ -124,21 +158,10 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
         if (S_ISDIR(st.st_mode))
             return fail(kExitUnreadable, quoted(input) + " is a folder, not a document");
         if (st.st_size == 0) return fail(kExitUnreadable, quoted(input) + " is empty");
-        std::string version;
-        Sniffed kind = sniff(input, version);
-        if (kind == Sniffed::Xmeml)
-            return fail(kExitNotAvailable,
-                        "reading xmeml documents is not available yet in this version of qvxml (" +
-                            quoted(input) + " is xmeml version " + version + ")");
-        if (kind == Sniffed::Fcpxml)
-            return fail(
-                kExitUnknownDocument,
-                quoted(input) + " is an fcpxml document; qvxml writes fcpxml but does not read it");
-
-        ImportFileList files;
-        files.push_back(Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({wide(absolute(input))})));
-        console_->status("importing " + input);
-        if (kind == Sniffed::Otio) {
+        // OpenTimelineIO: JSON whose root object has an OTIO_SCHEMA, whatever
+        // the file's name. The command reads it itself.
+        if (QvOtio::isOtioDocument(wide(absolute(input)))) {
+            console_->status("importing " + input);
             std::string why;
             XML::ImportResult r = QvOtio::importOtioFile(wide(absolute(input)), log(), why);
             console_->clearProgress();
@@ -153,6 +176,15 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
             return fail(kExitFailed,
                         quoted(input) + " could not be imported (see the messages above)");
         }
+        DocumentHead head = readDocumentHead(input);
+        if (head.kind == DocumentHead::Kind::Fcpxml)
+            return fail(kExitUnknownDocument, whyUnreadable(input, head));
+        const LightweightString<wchar_t> path = wide(absolute(input));
+        MendedVersion mended(input, head, path, log());
+
+        ImportFileList files;
+        files.push_back(Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({path})));
+        console_->status("importing " + input);
         XML::ImportResult r = resource->importFiles(files, log());
         console_->clearProgress();
         for (const EditModifier& m : r.edits)
@@ -165,14 +197,16 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
             case XML::kStatusNoMemory:
                 return fail(kExitUnreadable, "there is not enough memory to read " + quoted(input));
             case XML::kStatusUnknown:
-                return fail(kExitUnknownDocument,
-                            quoted(input) +
-                                " is no document qvxml reads (QVXML documents of "
-                                "version 1.0 or 2.0, with Version as the first attribute)");
+                return fail(kExitUnknownDocument, whyUnreadable(input, head));
             case XML::kStatusNoReader:
                 return fail(kExitNotAvailable, "there is no reader yet for the kind of document " +
                                                    quoted(input) + " is");
             default:
+                if (head.kind == DocumentHead::Kind::Xmeml)
+                    return fail(kExitFailed,
+                                quoted(input) +
+                                    " could not be imported: a track of a sequence cannot be "
+                                    "read (see the error above)");
                 return fail(kExitFailed,
                             quoted(input) +
                                 " could not be imported: its structure is broken "
@@ -208,7 +242,7 @@ int Commands::exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std:
         wide(absolute(o.outputDir)), stripExtension(wide(fileName)), L".otio", false, L'_');
     QvOtio::ExportOptions options;
     options.skipOffline = o.skipOffline;
-    int status = QvOtio::exportOtio(edit->cookie, path, options, LoggerHandle());
+    int status = QvOtio::exportOtio(edit->cookie, path, options, log());
     if (status == XML::kStatusCannotCreate)
         return fail(kExitNotWritable, "cannot write " + quoted(narrow(path)));
     if (status != XML::kStatusOK)
@@ -254,6 +288,7 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
         plugin_.resource() ? plugin_.resource()->getExtension(flavour.value) : L".xml", false,
         L'_'));
 
+    int errorsBefore = console_->errors();
     Qv::Ptr<QvExport::BackgroundTask> task = single->createBackgroundTasks(edit->cookie, {});
     const char spinner[] = "|/-\\";
     for (int tick = 0; !task->finished(); ++tick) {
@@ -275,6 +310,13 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
         case XML::kStatusUnknown:
             return fail(kExitPlugin, "the XML plug-in offers no XML resource");
         default:
+            // fcpxml names every shot's media file; the writer tells of a
+            // shot without one in the application's log alone.
+            if (flavour.value == XML::XMLFlavourFCPX && console_->errors() == errorsBefore)
+                return fail(kExitFailed, label +
+                                             " could not be exported as fcpxml: the media file "
+                                             "of a shot is not known (--skip-offline leaves such "
+                                             "shots out)");
             return fail(kExitFailed, label + " could not be exported as " + flavour.name +
                                          " (see the messages above)");
     }
@@ -328,6 +370,15 @@ int Commands::convert(const Options& o) {
             continue;
         }
         for (const Qv::Ptr<Edit>& e : toWrite) {
+            // A sequence without tracks (in xmeml, a use of a nested sequence
+            // that is defined elsewhere) has nothing to write.
+            if (!e->isShot() && e->getNumChans(3) == 0) {
+                log().WarningOut(
+                    "%s has no tracks; no file is written for it",
+                    quoted(e->name.empty() ? std::string("the nameless sequence") : narrow(e->name))
+                        .c_str());
+                continue;
+            }
             int exported = exportEdit(e, flavour, o, uniqueStem(e, extension) + extension);
             if (exported != kExitOK && result == kExitOK) result = exported;
         }
@@ -436,16 +487,32 @@ int Commands::rate(const Options& o) {
         return fail(kExitUnreadable, "cannot read " + quoted(input) + ": there is no such file");
     iXMLResource* resource = plugin_.resource();
     if (!resource) return fail(kExitPlugin, "the XML plug-in offers no XML resource");
-    std::string kindVersion;
-    bool otio = sniff(input, kindVersion) == Sniffed::Otio;
-    Qv::FrameRate r = otio ? QvOtio::otioFrameRate(wide(absolute(input)))
-                           : resource->getFrameRate(wide(absolute(input)));
+    const LightweightString<wchar_t> path = wide(absolute(input));
+    if (QvOtio::isOtioDocument(path)) {
+        Qv::FrameRate rate = QvOtio::otioFrameRate(path);
+        if (rate == Qv::eFrameRateNone)
+            return fail(kExitUnknownDocument, "the frame rate of " + quoted(input) +
+                                                  " cannot be told: it holds no OpenTimelineIO "
+                                                  "timeline qvxml can read");
+        std::printf("%s\n", narrow(Qv::getPlainString(rate)).c_str());
+        return kExitOK;
+    }
+    DocumentHead head = readDocumentHead(input);
+    Qv::FrameRate r;
+    {
+        MendedVersion mended(input, head, path, log());
+        r = resource->getFrameRate(path);
+    }
     if (r == Qv::eFrameRateNone) {
-        std::string version;
-        if (sniff(input, version) == Sniffed::Xmeml)
-            return fail(kExitNotAvailable,
-                        "reading xmeml documents is not available yet in this version of qvxml");
-        return fail(kExitUnknownDocument, "the frame rate of " + quoted(input) + " cannot be told");
+        bool known = (head.kind == DocumentHead::Kind::Xmeml && head.firstAttribute == "version" &&
+                      head.firstValue.size() == 1 && head.firstValue[0] >= '1' &&
+                      head.firstValue[0] <= '5') ||
+                     (head.kind == DocumentHead::Kind::Native && head.firstAttribute == "Version" &&
+                      (head.firstValue == "1.0" || head.firstValue == "2.0"));
+        if (!known) return fail(kExitUnknownDocument, whyUnreadable(input, head));
+        return fail(kExitUnknownDocument, "the frame rate of " + quoted(input) +
+                                              " cannot be told: its first sequence names no rate "
+                                              "qvxml knows");
     }
     std::printf("%s\n", narrow(Qv::getPlainString(r)).c_str());
     return kExitOK;

@@ -1,11 +1,23 @@
 // The writer of fcpxml 1.4, the XML of Final Cut Pro X.
 //
-// Only its file extension is in place: the document itself is written by
-// base operations that do nothing, so an fcpxml export is refused by the
-// command until this writer is filled in.
+// Nearly everything in fcpxml is an attribute. A document holds its
+// resources (picture formats, three transition effects and one asset per
+// media file), then a library with one event: a browser clip per asset,
+// carrying its shot's markers and a keyword range per sub-clip, and a project
+// with one sequence element per sequence. A sequence is a single spine of
+// clips, gaps and transitions written from every video channel in turn; the
+// audio channels hang below the spine's first item as connected storylines.
+// A shot exported alone is the resources and one asset clip per asset.
+//
+// Times are rationals of seconds, "numerator/denominators". Clips and gaps
+// are placed at a hundredth of a frame; the positions in a clip's source are
+// written in hundredths of a second.
 #pragma once
 
+#include <vector>
+
 #include "export/XMLWriter.h"
+#include "fcpxml/FCPXRefMaps.h"
 
 namespace XML {
 
@@ -13,7 +25,105 @@ class FCPXXMLWriter : public XMLWriter {
   public:
     FCPXXMLWriter(LoggerHandle log, XMLExportOptions& options, Qv::FrameRate rate)
         : XMLWriter(log, options, rate) {}
+
+    // The document type, the root and the import options.
+    bool writeHeader() override;
+    // Registers the formats, assets and cookies of the shots and sub-clips,
+    // and writes the resources. False when a shot's media file is not known.
+    bool writeAllShots(CED2List& shots, CED2List& ghosts) override;
+    // Sub-clips are registered with the shots.
+    bool writeGhosts(CED2List&) override { return true; }
+    // The library, its event with the browser clips, and the project with
+    // the sequences. Bad material is repaired, never refused.
+    bool writeSequence(CED2List& sequences) override;
+    // The resources and one asset clip per asset; the result of writeAllShots.
+    bool writeShotOnly(CED2List& shots, CED2List& ghosts) override;
+    bool supportsMulticlipGroup() override { return false; }
+    bool writeMulticlipGroup(AlternatesList&) override { return true; }
     LightweightString<wchar_t> getFileExtension() const override { return L".fcpxml"; }
+
+    // `time` at a hundred times the rate's frames per second: the numerator
+    // rounded, the denominator cut to a whole number. "25000/2500s" is 10
+    // seconds at 25. Only the low 32 bits of the numerator are printed.
+    static LightweightString<wchar_t> timeToFCPRational(double time, Qv::FrameRate rate);
+    // The same at `fps` frames per second.
+    static LightweightString<wchar_t> timeToFCPRationalDouble(double time, double fps);
+    // Whole seconds of `time`, rounded: the rate by which the cookie's
+    // material would be counted is not known here, so one frame a second
+    // stands in for it.
+    int cookieCelTimeToFrames(double time, Cookie cookie) const;
+
+    // One browser clip per asset, with its markers and sub-clip keywords.
+    bool listAssetClips();
+    // The markers among `cues` whose in-point lies in [rangeStart,
+    // rangeEnd), placed relative to the range, from `base`.
+    void writeMarkers(const std::vector<Ced2Cue>& cues, double base, double rangeStart,
+                      double rangeEnd);
+    // A gap in the main spine; at the head of the sequence it carries the
+    // sequence's audio. `lane` is not written: gaps have none.
+    void appendGapElement(CED2* sequence, double start, double length, double tcStart, int lane,
+                          bool atHead);
+    // The audio channels of `sequence` as connected storylines at `anchor`,
+    // one per channel with lanes -1, -2, ... Each channel is read once per
+    // sequence: a second call writes empty storylines.
+    bool appendAnchoredAudioEvents(CED2* sequence, double anchor, double rangeStart,
+                                   double rangeEnd);
+
+    CED2List* ghosts = nullptr;  // the sub-clips, kept by writeAllShots; not owned
+    VidFormatRefMap formatMap;
+    AssetRefMap assetMap;
+    CookieRefMap cookieMap;
+    // While a sequence is written: where each of its audio channels has got to.
+    std::vector<DLListIterator<CED2Cell>> audioIterators;
+
+  private:
+    // Entries that fall in a time range, answered in their original order
+    // without a walk over all of them.
+    class RangeIndex {
+      public:
+        void add(double key, std::size_t item);
+        void seal();
+        // The items with lo <= key < hi, in the order they were added.
+        void find(double lo, double hi, std::vector<std::size_t>& out) const;
+
+      private:
+        std::vector<std::pair<double, std::size_t>> entries_;
+    };
+
+    // What the walk of one sequence shares.
+    struct SequenceWalk {
+        CED2* sequence = nullptr;
+        double length = 0;   // the sequence's length
+        double tcStart = 0;  // its start, in seconds
+        EditLabel label;     // its timecode
+        RangeIndex cues;     // its markers by in-point
+        // Its audio channels in order, with the level keyframes of each (none
+        // for a channel that writes no levels), indexed by time.
+        std::vector<CChannel*> audio;
+        std::vector<std::vector<const CED2TrackLevel*>> levels;
+        std::vector<RangeIndex> levelTimes;
+    };
+
+    bool registerShot(CED2* shot);
+    void registerSubclip(CED2* ghost);
+    void writeResources();
+    void writeMarker(const Ced2Cue& cue, double base, double rangeStart, double frame);
+    void writeSequenceMarkers(double base, double rangeStart, double rangeEnd);
+    void writeOneSequence(CED2* sequence, const LightweightString<wchar_t>& formatId);
+    void walkVideoChannel(CChannel* channel, int laneIndex, bool atHead);
+    // Lengthens an item by half the transition that follows it, if the
+    // sequence is long enough for the material it then reaches.
+    void extendTail(CED2Cell* cel, CED2Cell* next, double source, double& length,
+                    double& itemOut) const;
+    void writeTransition(CED2Cell* cel, CChannel* channel, int number);
+    void walkAudioChannel(std::size_t audioIndex, double anchor, double rangeStart);
+    void writeAudioLevels(std::size_t audioIndex, double cellIn, double cellOut, double sourceStart,
+                          const AssetRefMap::AssetRefMapRec& asset);
+    // The two warning lines of a transition or of material that was
+    // replaced with a gap, with the track and the timecode at `t`.
+    void warnMaterial(bool transition, CChannel* channel, double t);
+
+    SequenceWalk* walk_ = nullptr;  // the sequence being written
 };
 
 }  // namespace XML

@@ -1,7 +1,9 @@
 #include "host/ED2.h"
 
 #include <algorithm>
+#include <cmath>
 #include <deque>
+#include <map>
 #include <set>
 #include <tuple>
 
@@ -59,18 +61,26 @@ void CED2::WriteCuesData(EditModifier& edit) {
     if (edit) edit->cues = cues;
 }
 
+std::vector<EditLabel> CED2::storedLabels() const {
+    // The main label leads; the record's own labels follow, less a copy of it.
+    std::vector<EditLabel> out;
+    if (primaryLabelSet && primaryLabel.is_valid()) out.push_back(primaryLabel);
+    for (int i = 0; i < labelCount; ++i) {
+        if (!labels[i].is_valid()) continue;
+        if (!out.empty() && labels[i] == out.front()) continue;
+        out.push_back(labels[i]);
+    }
+    return out;
+}
+
 void CED2::WriteLabels(const EditPtr& edit, MediumRollMedium medium, double) {
     if (!edit) return;
     // A record without labels leaves the edit's own (a media file's
     // timecode, say) as they are.
-    bool any = false;
-    for (int i = 0; i < labelCount; ++i)
-        any |= labels[i].is_valid();
-    if (!any) return;
+    std::vector<EditLabel> stored = storedLabels();
+    if (stored.empty()) return;
     edit->labels.clear();
-    for (int i = 0; i < labelCount; ++i) {
-        EditLabel l = labels[i];
-        if (!l.is_valid()) continue;
+    for (EditLabel l : stored) {
         // A label without a medium of its own counts in the edit's.
         if (l.get_MediumRoll().medium == kMediumNone) l.set_MediumRoll({medium, 0});
         edit->labels.push_back(l);
@@ -152,8 +162,9 @@ CED2* recordFromEdit(const Qv::Ptr<Edit>& edit, bool isShot, bool isGhost) {
 
 int CED2List::PrepareED2ListsForExport(const CookieVec& cookies, CED2List& seqList,
                                        CED2List& ghostList, CED2List& deepGhostList,
-                                       CED2List& shotList, bool, int, LoggerHandle, Qv::FrameRate,
-                                       bool prepareOption, bool, bool, bool, bool, bool) {
+                                       CED2List& shotList, bool, int, LoggerHandle log,
+                                       Qv::FrameRate, bool prepareOption, bool, bool, bool, bool,
+                                       bool) {
     EditStore& store = EditStore::current();
     // Each edit gets one record, in the list of the shallowest level at which
     // the walk reaches it; the walk goes breadth first so that this holds.
@@ -197,16 +208,52 @@ int CED2List::PrepareED2ListsForExport(const CookieVec& cookies, CED2List& seqLi
         queue.push_back({target, depth + 1});
     };
 
+    // How far into each shot the walked edits play, for shots whose length
+    // is not known.
+    std::map<std::tuple<uint32_t, uint32_t, uint32_t, uint32_t>, double> used;
+    auto note = [&](const std::vector<CelData>& cels) {
+        for (std::size_t i = 0; i < cels.size(); ++i) {
+            const CelData& cel = cels[i];
+            if (!cel.cookie.isValid() || cel.cookie.isMagic()) continue;
+            // A clip runs on under a transition that follows it.
+            double length = cel.editOut - cel.editIn;
+            if (i + 1 < cels.size() && cels[i + 1].cookie.isMagic() &&
+                !cels[i + 1].cookie.isBlack())
+                length += cels[i + 1].editOut - cels[i + 1].editIn;
+            double end = cel.sourceIn + std::fabs(static_cast<double>(cel.speed)) * length;
+            double& at = used[key(cel.cookie)];
+            if (std::isfinite(end)) at = std::max({at, end, cel.sourceIn});
+        }
+    };
+
     while (!queue.empty()) {
         Pending p = queue.front();
         queue.pop_front();
         for (const StoredChannel& ch : p.edit->channels) {
+            note(ch.cels);
             for (const CelData& cel : ch.cels) {
                 reach(cel.cookie, p.depth);
                 for (const CelAlternate& alt : cel.alternates)
                     reach(alt.cookie, p.depth);
             }
         }
+    }
+
+    // An offline shot whose length no document gave (an xmeml file without
+    // a timecode, say) would have every use cut to nothing by a writer; it is
+    // given the length its uses need instead, and the log says so.
+    for (CED2* shot : each<CED2>(shotList)) {
+        if (shot->get_editLength() > 0 || !shot->edit || !shot->edit->isOffline()) continue;
+        auto it = used.find(key(shot->cookie));
+        if (it == used.end() || !(it->second > 0)) continue;
+        shot->duration = it->second;
+        for (CChannel* ch : each<CChannel>(shot->channels))
+            for (CED2Cell* c : each<CED2Cell>(ch->cels))
+                if (c->editOut <= 0) c->editOut = it->second;
+        log.WarningOut(
+            "The length of offline shot \"%s\" is not known; it is taken as %.3f "
+            "seconds, as far as the cut plays it",
+            toUTF8(shot->get_editName()).c_str(), it->second);
     }
     return 1;
 }
@@ -261,9 +308,7 @@ void storeFields(const CED2& r, Edit& e) {
     e.setConfig("shot", r.shotTxt);
     e.setConfig("who", r.whoTxt);
     e.cues = r.cues;
-    e.labels.clear();
-    for (int i = 0; i < r.labelCount; ++i)
-        if (r.labels[i].is_valid()) e.labels.push_back(r.labels[i]);
+    e.labels = r.storedLabels();
     if (r.shotVideoMetadataSet) e.videoMetadata = r.shotVideoMetadata;
     e.sourceMedium = r.sourceMedium;
     if (r.audioSampleRateSet) e.audioSampleRate = r.audioSampleRate;
@@ -293,14 +338,31 @@ int CED2List::WriteAllED2s(Qv::FrameRate rate) {
         e->frameRate = !shot && Qv::isKnownFrameRate(own) ? own : rate;
         if (shot) {
             e->logType = kLogTypeShot;
-            e->rate = r->rate > 0 ? r->rate : Qv::getFramesPerSecond(rate);
+            // A shot counts in the rate of its timecode, else of its medium,
+            // else of the list. Without a rate of its own it counts whole
+            // frames of that timebase, the way documents state it.
+            Qv::FrameRate source = rate;
+            if (r->primaryLabelSet && r->primaryLabel.is_valid())
+                source = r->primaryLabel.get_rate();
+            else if (Qv::FrameRate m = getFrameRatefromMedium(r->sourceMedium);
+                     Qv::isKnownFrameRate(m))
+                source = m;
+            e->sourceFrameRate = source;
+            double ticks = Qv::getTicksPerSecond(source);
+            e->rate = r->rate > 0 ? r->rate : ticks > 0 ? ticks : Qv::getFramesPerSecond(rate);
             e->historicLocator = r->originLocator;
             if (r->originLocator.empty())
                 for (CChannel* ch : each<CChannel>(r->channels))
                     if (ch->mediaFilenameSet) e->historicLocator = ch->mediaFilename;
-        } else {
-            e->logType = r->isGhost ? kLogTypeSubclip : kLogTypeSequence;
+        } else if (r->isGhost) {
+            e->logType = kLogTypeSubclip;
             e->rate = r->rate > 0 ? r->rate : Qv::getFramesPerSecond(e->frameRate);
+        } else {
+            // A sequence counts its positions in whole frames of its timebase,
+            // 30 for 29.97, as every format places items on a sequence.
+            e->logType = kLogTypeSequence;
+            double ticks = Qv::getTicksPerSecond(e->frameRate);
+            e->rate = r->rate > 0 ? r->rate : ticks > 0 ? ticks : Qv::getFramesPerSecond(rate);
         }
         storeChannels(*r, *e, shot);
         e->length = r->get_editLength();

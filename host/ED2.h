@@ -125,6 +125,8 @@ class CChannel : public DLListRec {
     LightweightString<char> name;
     DLList cels;  // of CED2Cell, in time order
     bool hasTrackLevels = false;
+    // Set together with hasTrackLevels by readers that found level automation.
+    bool trackLevelsSet = false;
     DLList levels;       // of CED2TrackLevel
     unsigned int index;  // the channel's index in its record
     EditChanType chanType;
@@ -178,6 +180,9 @@ class CED2 : public DLListRec {
     // Store the record's cues and labels into an edit.
     void WriteCuesData(EditModifier& edit);
     void WriteLabels(const EditPtr& edit, MediumRollMedium medium, double duration);
+    // The labels an edit made from the record keeps: the main label first,
+    // when it is set and valid, then the others.
+    std::vector<EditLabel> storedLabels() const;
     // Appends a label if there is room; false when all ten places are taken.
     bool addLabel(const EditLabel& label);
 

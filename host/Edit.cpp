@@ -19,6 +19,12 @@ bool Edit::getTrackOriginInfo_Filename(const IdStamp&, LightweightString<char>& 
     return true;
 }
 
+Qv::FrameRate Edit::getSourceFrameRate() const {
+    if (Qv::isKnownFrameRate(sourceFrameRate)) return sourceFrameRate;
+    if (Qv::isKnownFrameRate(frameRate)) return frameRate;
+    return Qv::getEquivalentQvFrameRate(rate);
+}
+
 EditLabel Edit::getVideoTimecodeLabel() const {
     return labels.empty() ? EditLabel() : labels.front();
 }
@@ -209,8 +215,15 @@ namespace SystemCache {
 Qv::Ptr<FsysDirectoryEntry> findEntryForCookie(const Cookie& cookie) {
     if (!cookie.isValid() || cookie.isMagic()) return nullptr;
     Qv::Ptr<Edit> e = EditStore::current().find(cookie);
-    if (!e || e->mediaPath.empty()) return nullptr;
-    return Qv::Ptr<FsysDirectoryEntry>(new FsysDirectoryEntry(e->mediaPath));
+    if (!e) return nullptr;
+    if (!e->mediaPath.empty())
+        return Qv::Ptr<FsysDirectoryEntry>(new FsysDirectoryEntry(e->mediaPath));
+    // Offline material is known by the file it was expected in, so that a
+    // document written from it still names its media for relinking.
+    if (e->historicLocator.empty()) return nullptr;
+    LightweightString<wchar_t> expected = locatorToPlatformForm(e->historicLocator);
+    if (expected.empty()) return nullptr;
+    return Qv::Ptr<FsysDirectoryEntry>(new FsysDirectoryEntry(expected));
 }
 
 LightweightString<wchar_t> getPhysicalHighResMedia(const Cookie& cookie) {

@@ -42,7 +42,9 @@ class Edit : public iObject {
     // Read side.
     LightweightString<wchar_t> getName() const { return name; }
     Qv::FrameRate getFrameRate() const { return frameRate; }
-    Qv::FrameRate getSourceFrameRate() const { return sourceFrameRate; }
+    // The rate of the source; one that was never recorded is the edit's own
+    // frame rate, or failing that the rate of its frames per second.
+    Qv::FrameRate getSourceFrameRate() const;
     MediumRollMedium getSourceMedium() const { return sourceMedium; }
     LogType32 getLogType() const { return logType; }
     // Channels whose type bit (1 video, 2 audio) is in the mask.

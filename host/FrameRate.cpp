@@ -123,8 +123,9 @@ const FrameRate* allFrameRates(int& count) {
 }  // namespace Qv
 
 Qv::FrameRate getFrameRatefromMedium(MediumRollMedium medium) {
+    if (medium <= kMediumVideoBase) return Qv::eFrameRateNone;
     Qv::FrameRate rate = static_cast<Qv::FrameRate>(medium - kMediumVideoBase);
-    return medium > kMediumVideoBase && Qv::isKnownFrameRate(rate) ? rate : Qv::eFrameRateNone;
+    return Qv::isKnownFrameRate(rate) ? rate : Qv::eFrameRateNone;
 }
 
 MediumRollMedium getMediumRollfromInputDetails(Qv::Image::ScanMode, Qv::FrameRate rate) {
@@ -141,14 +142,16 @@ LabelType timecodeFormatFor(Qv::FrameRate rate, bool dropFrame) {
             return 1;
         case 25:
             return 3;
+        // Drop-frame numbering is defined on the whole timebase: a 30 or 60
+        // label may count drop frame whether or not its rate says 1001.
         case 30:
-            return dropFrame && Qv::has1001Factor(rate) ? 7 : 5;
+            return dropFrame ? 7 : 5;
         case 48:
             return 9;
         case 50:
             return 11;
         case 60:
-            return dropFrame && Qv::has1001Factor(rate) ? 33 : 31;
+            return dropFrame ? 33 : 31;
         default:
             return Qv::isKnownFrameRate(rate) ? 200 + rate : 0;
     }

@@ -74,6 +74,12 @@ int Label::posn_to_sample(double position) const {
     return truncateToInt32(std::floor(position * ticks() + 1e-6));
 }
 
+double Label::get_abs_posn(int sample) const {
+    unsigned t = ticks();
+    if (t == 0) return 0.0;
+    return (static_cast<double>(start_) + sample) / t;
+}
+
 int Label::abs_posn_to_sample(double position) const {
     return truncateToInt32(std::floor(position * ticks() + 1e-6) - start_);
 }
@@ -130,13 +136,12 @@ bool EditLabel::operator==(const EditLabel& o) const {
 EditLabel editLabFrom(const char* timecode, Qv::Image::ScanMode scan, Qv::FrameRate rate,
                       bool dropFrame) {
     std::int64_t frame;
-    bool df = dropFrame && Qv::has1001Factor(rate);
-    if (!timecodeToFrame(timecode, Qv::getTicksPerSecond(rate), df, frame) || frame > INT32_MAX)
-        return EditLabel();
-    return editLabFrom(static_cast<int>(frame), scan, rate, dropFrame);
+    unsigned ticks = Qv::getTicksPerSecond(rate);
+    bool df = dropFrame && (ticks == 30 || ticks == 60);
+    if (!timecodeToFrame(timecode, ticks, df, frame) || frame > INT32_MAX) return EditLabel();
+    return editLabFrom(static_cast<int>(frame), scan, rate, df);
 }
 
 EditLabel editLabFrom(int frame, Qv::Image::ScanMode scan, Qv::FrameRate rate, bool dropFrame) {
-    return EditLabel::fromFrame(frame, rate, dropFrame && Qv::has1001Factor(rate),
-                                getMediumRollfromInputDetails(scan, rate));
+    return EditLabel::fromFrame(frame, rate, dropFrame, getMediumRollfromInputDetails(scan, rate));
 }

@@ -29,7 +29,9 @@ class Label {
   public:
     LightweightString<char> get_string(int sample) const;
     int get_start() const { return start_; }
-    int get_abs_posn(int sample) const { return start_ + sample; }
+    // The absolute position of a sample: cel time counted from timecode zero,
+    // as abs_posn_to_sample takes it. 0 for a label without a rate.
+    double get_abs_posn(int sample) const;
     // The sample at a cel-time position relative to the start of the roll.
     int posn_to_sample(double position) const;
     // The sample at an absolute position: cel time counted from timecode zero.
@@ -39,6 +41,17 @@ class Label {
     LabelType get_format() const { return format_; }
     bool isDropFrame() const { return isDropFrameFormat(format_); }
 
+    // The part of the roll that a record uses, in samples from the label's
+    // first frame: where it begins, and where it ends when that was set.
+    int getStartSample() const { return startSample_; }
+    void setStartSample(int sample) { startSample_ = sample; }
+    bool hasEndSample() const { return endSampleSet_; }
+    int getEndSample() const { return endSample_; }
+    void setEndSample(int sample) {
+        endSample_ = sample;
+        endSampleSet_ = true;
+    }
+
   protected:
     unsigned ticks() const { return Qv::getTicksPerSecond(rate_); }
 
@@ -46,6 +59,9 @@ class Label {
     Qv::FrameRate rate_ = Qv::eFrameRateNone;
     LabelType format_ = 0;
     int start_ = 0;
+    int startSample_ = 0;
+    int endSample_ = 0;
+    bool endSampleSet_ = false;
     bool valid_ = false;
 };
 

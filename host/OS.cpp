@@ -7,7 +7,12 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
 #include <new>
+#include <string>
 
 #include "host/Paths.h"
 
@@ -88,6 +93,34 @@ class PosixFile final : public iFile {
     int fd_;
 };
 
+// A file read from memory: what an overlay puts in place of a file's bytes.
+class MemoryFile final : public iFile {
+  public:
+    explicit MemoryFile(std::shared_ptr<const std::string> bytes) : bytes_(std::move(bytes)) {}
+    unsigned read(void* buffer, unsigned count) override {
+        std::size_t left = bytes_->size() - at_;
+        std::size_t n = count < left ? count : left;
+        std::memcpy(buffer, bytes_->data() + at_, n);
+        at_ += n;
+        return static_cast<unsigned>(n);
+    }
+    unsigned write(const void*, unsigned) override { return 0; }
+    std::uint64_t size() override { return bytes_->size(); }
+
+  private:
+    std::shared_ptr<const std::string> bytes_;
+    std::size_t at_ = 0;
+};
+
+struct Overlays {
+    std::mutex mutex;
+    std::map<std::wstring, std::shared_ptr<const std::string>> content;
+};
+Overlays& overlays() {
+    static Overlays* o = new Overlays;
+    return *o;
+}
+
 class FileSystem final : public iFileSystem {
   public:
     bool exists(const LightweightString<wchar_t>& path) override {
@@ -101,6 +134,12 @@ class FileSystem final : public iFileSystem {
     Qv::Ptr<iFile> open(const LightweightString<wchar_t>& path, int access, int /*sharing*/,
                         int disposition, int /*flags*/) override {
         if (path.empty()) return nullptr;
+        if (access != 2) {
+            Overlays& o = overlays();
+            std::lock_guard<std::mutex> lock(o.mutex);
+            auto it = o.content.find(path.str());
+            if (it != o.content.end()) return Qv::Ptr<iFile>(new MemoryFile(it->second));
+        }
         int mode;
         if (access == 2) {
             // Writing: disposition 3 creates the file or truncates it.
@@ -147,6 +186,18 @@ class PrivateLayer final : public iOSPrivate {
 };
 
 }  // namespace
+
+void setFileOverlay(const LightweightString<wchar_t>& path, std::string content) {
+    Overlays& o = overlays();
+    std::lock_guard<std::mutex> lock(o.mutex);
+    o.content[path.str()] = std::make_shared<const std::string>(std::move(content));
+}
+
+void clearFileOverlay(const LightweightString<wchar_t>& path) {
+    Overlays& o = overlays();
+    std::lock_guard<std::mutex> lock(o.mutex);
+    o.content.erase(path.str());
+}
 
 // The layer is never destroyed: strings and handles may be released during
 // the destruction of other statics, in any order.

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "host/LightweightString.h"
 #include "host/OSCore.h"
@@ -73,6 +74,12 @@ class iOS {
 };
 
 iOS* OS();
+
+// While an overlay stands, opening `path` for reading through OS()->files()
+// reads `content` instead of the file's own bytes. The command uses it to
+// hand the plug-in a document it has mended, without writing to the disk.
+void setFileOverlay(const LightweightString<wchar_t>& path, std::string content);
+void clearFileOverlay(const LightweightString<wchar_t>& path);
 
 // The private half of the layer: turns a locator into the form that this
 // platform's file system understands (see Paths.h).

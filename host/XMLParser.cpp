@@ -537,6 +537,11 @@ XMLParser::Value XMLParser::getValue(const LightweightString<char>& tag, unsigne
     return index_->make(index_->byName[first + index]);
 }
 
+unsigned int XMLParser::count(const LightweightString<char>& tag) const {
+    auto [first, last] = index_->range(tag);
+    return last - first;
+}
+
 std::vector<XMLParser::Value> XMLParser::getValues(const LightweightString<char>& tag) const {
     auto [first, last] = index_->range(tag);
     std::vector<Value> values;

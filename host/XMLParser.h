@@ -48,6 +48,9 @@ class XMLParser {
     // As getValue and getValues, for elements that have children.
     Value getSection(const LightweightString<char>& tag, unsigned int index) const;
     std::vector<Value> getSections(const LightweightString<char>& tag) const;
+    // How many elements of that name the text holds, at any depth: with
+    // getValue(tag, i), a way to walk them one at a time.
+    unsigned int count(const LightweightString<char>& tag) const;
     // Only the elements of that name that are not inside another element of
     // the text.
     std::vector<Value> getSections_TopLevel(const LightweightString<char>& tag) const;

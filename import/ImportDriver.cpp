@@ -5,6 +5,7 @@
 #include "host/OS.h"
 #include "native/QVXMLReader.h"
 #include "plugin/Status.h"
+#include "xmeml/FCP5XMLReader.h"
 
 namespace XML {
 
@@ -34,6 +35,13 @@ int getAnXMLReader(Qv::Ptr<XMLReader>& reader, XMLFlavour flavour, LoggerHandle 
             return kStatusOK;
         case XMLFlavourQV2:
             reader = Qv::Ptr<XMLReader>(new QV2XMLReader(log));
+            return kStatusOK;
+        case XMLFlavourFCP5:
+        case XMLFlavourFCP4:
+        case XMLFlavourFCP3:
+        case XMLFlavourFCP2:
+        case XMLFlavourFCP1:
+            reader = Qv::Ptr<XMLReader>(new FCP5XMLReader(log));
             return kStatusOK;
         default:
             return kStatusNoReader;

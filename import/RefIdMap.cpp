@@ -10,13 +10,24 @@ void RefIdMap::addRef(const LightweightString<char>& refId, CED2* ced2, bool ini
     rec.chanIndex = chanIndex;
     rec.chanType = chanType;
     rec.refId = refId;
+    std::size_t number = entries_.size();
     entries_.push_back(rec);
+    // Text comparison: a null and an empty reference are the same key.
+    byRef_[refId.str()].push_back(number);
+    if (ced2) byRecord_[ced2].push_back(number);
+}
+
+const std::vector<std::size_t>* RefIdMap::entriesOf(const LightweightString<char>& refId) const {
+    auto it = byRef_.find(refId.str());
+    return it == byRef_.end() ? nullptr : &it->second;
 }
 
 bool RefIdMap::findRef(const LightweightString<char>& refId, RefIdMapRec& rec) const {
-    // Text comparison: a null and an empty reference are equal.
-    for (const RefIdMapRec& e : entries_) {
-        if (e.destroyed || !(e.refId == refId)) continue;
+    const std::vector<std::size_t>* numbers = entriesOf(refId);
+    if (!numbers) return false;
+    for (std::size_t n : *numbers) {
+        const RefIdMapRec& e = entries_[n];
+        if (e.destroyed) continue;
         LightweightString<char> keep = rec.refId;
         rec = e;
         rec.refId = keep;
@@ -26,24 +37,34 @@ bool RefIdMap::findRef(const LightweightString<char>& refId, RefIdMapRec& rec) c
 }
 
 void RefIdMap::setRecInitialised(const LightweightString<char>& refId, bool value) {
-    for (RefIdMapRec& e : entries_)
-        if (e.refId == refId) e.initialised = value;
+    if (const std::vector<std::size_t>* numbers = entriesOf(refId))
+        for (std::size_t n : *numbers)
+            entries_[n].initialised = value;
 }
 
 void RefIdMap::setIsSingleImage(const LightweightString<char>& refId) {
-    for (RefIdMapRec& e : entries_)
-        if (e.refId == refId) e.isSingleImage = true;
+    if (const std::vector<std::size_t>* numbers = entriesOf(refId))
+        for (std::size_t n : *numbers)
+            entries_[n].isSingleImage = true;
+}
+
+void RefIdMap::clear() {
+    entries_.clear();
+    byRef_.clear();
+    byRecord_.clear();
 }
 
 void RefIdMap::destroyRecord(CED2* record) {
     if (!record) return;
     // Every entry that names the record stops answering, so that no lookup
     // can reach the destroyed record.
-    for (RefIdMapRec& e : entries_) {
-        if (e.ced2 == record) {
-            e.ced2 = nullptr;
-            e.destroyed = true;
+    auto it = byRecord_.find(record);
+    if (it != byRecord_.end()) {
+        for (std::size_t n : it->second) {
+            entries_[n].ced2 = nullptr;
+            entries_[n].destroyed = true;
         }
+        byRecord_.erase(it);
     }
     delete record;
 }
@@ -69,7 +90,7 @@ bool RefIdMap::anyEntryIsUninitialised(LoggerHandle& logger, LightweightString<c
 void RefIdMap::deleteAllCed2s() {
     for (RefIdMapRec& e : entries_)
         if (e.ced2) destroyRecord(e.ced2);
-    entries_.clear();
+    clear();
 }
 
 }  // namespace XML

@@ -1,7 +1,14 @@
 // The dictionary that joins the reference strings of a document to the
 // records built from them.
+//
+// Entries keep their order of insertion and a reference may be added more
+// than once: a look-up answers with the first live entry of that text. Two
+// indexes (by text, and by record) keep every operation from walking the whole
+// map, so that a reader stays linear in the size of its document.
 #pragma once
 
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "host/ED2.h"
@@ -28,7 +35,7 @@ class RefIdMap {
     bool findRef(const LightweightString<char>& refId, RefIdMapRec& rec) const;
     void setRecInitialised(const LightweightString<char>& refId, bool value);
     void setIsSingleImage(const LightweightString<char>& refId);
-    void clear() { entries_.clear(); }
+    void clear();
     // Warns of every entry that was never filled from its element, destroys
     // its record, and reports whether there was one. The entries stay, but no
     // longer answer lookups.
@@ -41,7 +48,12 @@ class RefIdMap {
 
   private:
     void destroyRecord(CED2* record);
+    const std::vector<std::size_t>* entriesOf(const LightweightString<char>& refId) const;
+
     std::vector<RefIdMapRec> entries_;
+    // Entry numbers of each reference text, and of each record, in order.
+    std::unordered_map<std::string, std::vector<std::size_t>> byRef_;
+    std::unordered_map<const CED2*, std::vector<std::size_t>> byRecord_;
 };
 
 }  // namespace XML

@@ -534,9 +534,11 @@ const ordered& Writer::shotReference(CED2* shot) {
         channels.push_back(c);
     }
     ours["channels"] = channels;
+    // Media that is there is an external reference; offline media is
+    // missing, and the file it was expected in goes in the namespace.
     LightweightString<wchar_t> url;
     Cookie cookie = shot->cookie;
-    bool online = getPrimaryURLLocator(url, cookie);
+    bool online = !shot->materialOffline && getPrimaryURLLocator(url, cookie);
     writeRecordFields(*shot, ours, !online);
     if (!online) {
         LightweightString<wchar_t> historic;

@@ -5,10 +5,13 @@
 
 #include <array>
 #include <cstdio>
+#include <sstream>
+#include <vector>
 
 #include "export/ExportDriver.h"
 #include "host/Paths.h"
 #include "import/ImportDriver.h"
+#include "tests/fcpxml/FcpxmlTestSupport.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -99,9 +102,10 @@ TEST_F(Command, EachFailureHasItsStatusAndOneSentence) {
         int status;
         const char* says;
     };
-    std::string xmeml = std::string(QVXML_SOURCE_DIR) + "/examples/xmeml/hiero_xml_export.xml";
     qvtest::writeFile(dir.file("notes.txt"), "not a timeline");
     qvtest::writeFile(dir.file("empty.xml"), "");
+    qvtest::writeFile(dir.file("v6.xml"), "<?xml version=\"1.0\"?>\n<xmeml version=\"6\"/>");
+    qvtest::writeFile(dir.file("other.xml"), "<!-- <xmeml version=\"5\"> --><timeline/>");
     qvtest::writeFile(dir.file("broken.xml"),
                       "<QVXML Version=\"2.0\"><Edit><Name>x</Name></Edit></QVXML>");
     // A folder where the file should go: it cannot be written, even by root.
@@ -118,17 +122,17 @@ TEST_F(Command, EachFailureHasItsStatusAndOneSentence) {
         {"convert " + quote(dir.file("empty.xml")) + " --to xmeml -o " + quote(dir.path()), 2,
          "is empty"},
         {"convert " + quote(dir.file("notes.txt")) + " --to xmeml -o " + quote(dir.path()), 3,
-         "is no document qvxml reads"},
+         "is not an XML document qvxml reads"},
+        {"convert " + quote(dir.file("v6.xml")) + " --to native -o " + quote(dir.path()), 3,
+         "is xmeml of version \"6\"; qvxml reads xmeml versions 1 to 5"},
+        {"convert " + quote(dir.file("other.xml")) + " --to native -o " + quote(dir.path()), 3,
+         "its root element is <timeline>"},
         {"convert " + quote(kExample) + " --to xmeml -o " + quote(dir.file("nowhere")), 4,
          "does not exist"},
         {"convert " + quote(kExample) + " --to xmeml -o " + quote(dir.file("locked")), 5,
          "cannot write"},
         {"convert " + quote(dir.file("broken.xml")) + " --to xmeml -o " + quote(dir.path()), 6,
          "could not be imported"},
-        {"convert " + quote(xmeml) + " --to native -o " + quote(dir.path()), 8,
-         "reading xmeml documents is not available yet"},
-        {"convert " + quote(kExample) + " --to fcpxml -o " + quote(dir.path()), 8,
-         "fcpxml export is not available yet"},
         {"convert " + quote(kExample) + " --to xmeml --set enableXml=0 -o " + quote(dir.path()), 8,
          "XML export is switched off"},
     };
@@ -138,6 +142,45 @@ TEST_F(Command, EachFailureHasItsStatusAndOneSentence) {
         EXPECT_NE(r.err.find(c.says), std::string::npos) << c.args << "\n" << r.err;
     }
     EXPECT_FALSE(qvtest::exists(dir.file("x.xml")));
+}
+
+// The documents a user can turn into fcpxml with the command, and the
+// command that does it. Add a document here and it is converted, parsed and
+// checked against the DTD of fcpxml 1.4 like the others.
+struct FcpxmlSource {
+    const char* command;
+    std::string path;
+};
+std::vector<FcpxmlSource> fcpxmlSources() {
+    return {
+        {"convert", kExample},
+        {"export", std::string(QVXML_SOURCE_DIR) + "/examples/timeline.json"},
+    };
+}
+
+TEST_F(Command, EveryExampleConvertsToFcpxml) {
+    std::string dtd = fcpxmltest::fcpxmlDtd();
+    for (const FcpxmlSource& source : fcpxmlSources()) {
+        qvtest::TempDir out;
+        Outcome r = qvxml(std::string(source.command) + " " + quote(source.path) +
+                          " --to fcpxml --quiet -o " + quote(out.path()));
+        EXPECT_EQ(r.status, 0) << source.path << "\n" << r.err;
+        std::istringstream written(r.out);
+        int files = 0;
+        for (std::string file; std::getline(written, file); ++files) {
+            EXPECT_TRUE(file.ends_with(".fcpxml")) << file;
+            tinyxml2::XMLDocument doc;
+            ASSERT_EQ(doc.LoadFile(file.c_str()), tinyxml2::XML_SUCCESS) << file;
+            EXPECT_STREQ(doc.RootElement()->Name(), "fcpxml");
+            EXPECT_FALSE(doc.RootElement()->FirstChildElement("resources")->NoChildren());
+            if (dtd.empty()) continue;
+            // Documents of shots alone have their asset clips refused; nothing
+            // else is.
+            for (const std::string& c : fcpxmltest::dtdComplaints(file, dtd, out.path()))
+                EXPECT_TRUE(fcpxmltest::isRequiredRefusal(c)) << file << ": " << c;
+        }
+        EXPECT_GT(files, 0) << source.path;
+    }
 }
 
 TEST_F(Command, HelpVersionAndRate) {

@@ -57,15 +57,22 @@ TEST(EditLabel, KeepStringRoundTrip) {
     EXPECT_FALSE(EditLabel("TC 5 DF nonsense 105").is_valid());
     EXPECT_FALSE(EditLabel("TC 20 NDF 00:00:00:00 0").is_valid());  // no such rate
     EXPECT_FALSE(EditLabel("").is_valid());
-    // Drop frame is only for the 1001 rates.
+    // Drop frame is only for the 30 and 60 timebases, with or without 1001:
+    // a drop-frame label read at a whole 30 keeps its numbering.
     EXPECT_FALSE(editLabFrom(0, Qv::Image::eScanProgressive, Qv::eFrameRate25, true).isDropFrame());
+    EditLabel thirty =
+        editLabFrom("00:01:00;02", Qv::Image::eScanProgressive, Qv::eFrameRate30, true);
+    EXPECT_TRUE(thirty.isDropFrame());
+    EXPECT_EQ(thirty.get_start(), 1800);
+    EXPECT_EQ(thirty.get_string(0).str(), "00:01:00;02");
+    EXPECT_TRUE(EditLabel(thirty.make_keep_string(nullptr).c_str()) == thirty);
 }
 
 TEST(EditLabel, PositionsAndSamples) {
     EditLabel l = editLabFrom(90000, Qv::Image::eScanProgressive, Qv::eFrameRate25, false);
     EXPECT_EQ(l.posn_to_sample(2.0), 50);
     EXPECT_EQ(l.posn_to_sample(0.12), 3);  // on a frame boundary despite rounding
-    EXPECT_EQ(l.get_abs_posn(50), 90050);
+    EXPECT_DOUBLE_EQ(l.get_abs_posn(50), 3602.0);
     EXPECT_EQ(l.abs_posn_to_sample(3602.0), 50);
     EXPECT_EQ(l.get_string(l.posn_to_sample(2.0)).str(), "01:00:02:00");
 }

@@ -6,6 +6,8 @@
 
 #include <cmath>
 #include <map>
+#include <set>
+#include <sstream>
 
 #include "export/ExportDriver.h"
 #include "host/Snapshot.h"
@@ -115,23 +117,57 @@ TEST_F(OtioExamples, TheSnapshotExampleIsAFixpoint) {
 }
 
 // OpenTimelineIO's readings of xmeml documents against qvxml's own import of
-// those documents: the cuts of every track that OpenTimelineIO kept agree to
-// the frame. OpenTimelineIO keeps every video track and drops the second
-// track of each stereo pair, so each audio track is matched with the first
-// audio channel of the xmeml import, in order, that has its cuts.
+// those documents: on every track that OpenTimelineIO kept, the cuts agree to
+// the frame. A cut is an edge of a cel (not at zero): every edge of a clip in
+// one reading must be an edge in the other. Black is allowed to differ in
+// how it is divided, which absorbs the known differences of the two readings:
+// generator items (black cels in the OpenTimelineIO reading, passed over by
+// the xmeml reader), nested sequences (emptied by OpenTimelineIO, so black),
+// clips of a source channel their file does not have (silence in the xmeml
+// import, clips in OpenTimelineIO's), and the xmeml import's black to the end
+// of the sequence. OpenTimelineIO keeps every video track and drops the second
+// track of most stereo pairs, so each audio track is matched with the next
+// audio channel of the xmeml import, in order, whose cuts agree.
 TEST_F(OtioCorpus, CutsAgreeWithTheImportOfTheXmemlTheyCameFrom) {
-    using Cuts = std::vector<std::pair<long, long>>;
-    auto cutsOf = [](const Edit& edit, double ticks) {
-        std::vector<std::pair<EditChanType, Cuts>> out;
+    struct Edges {
+        EditChanType type;
+        std::set<long> all, clips;  // the edges of every cel, and of cels that play something
+    };
+    auto edgesOf = [](const Edit& edit) {
+        double ticks = Qv::getTicksPerSecond(edit.frameRate);
+        std::vector<Edges> out;
         for (const StoredChannel& ch : edit.channels) {
-            Cuts cuts;
-            for (const CelData& cel : ch.cels)
-                if (!cel.cookie.isMagic())
-                    cuts.emplace_back(std::lround(cel.editIn * ticks),
-                                      std::lround(cel.editOut * ticks));
-            out.emplace_back(ch.type, cuts);
+            Edges e{ch.type, {}, {}};
+            for (const CelData& cel : ch.cels) {
+                long in = std::lround(cel.editIn * ticks), out = std::lround(cel.editOut * ticks);
+                if (in == out) continue;
+                for (long edge : {in, out}) {
+                    if (edge == 0) continue;
+                    e.all.insert(edge);
+                    if (!cel.cookie.isBlack()) e.clips.insert(edge);
+                }
+            }
+            out.push_back(e);
         }
         return out;
+    };
+    // Up to the end of the OpenTimelineIO reading's track.
+    auto agree = [](const Edges& xmeml, const Edges& otio) {
+        long end = otio.all.empty() ? 0 : *otio.all.rbegin();
+        for (long edge : otio.clips)
+            if (!xmeml.all.count(edge)) return false;
+        for (long edge : xmeml.clips)
+            if (edge <= end && !otio.all.count(edge)) return false;
+        return true;
+    };
+    // The differences that are explained, by file and channel of the
+    // OpenTimelineIO reading.
+    const std::set<std::pair<std::string, size_t>> explained = {
+        // Its last audio track has two clip items that overlap in the
+        // document (956-1177 and 1164-1258 at 30 frames a second): the xmeml
+        // import keeps them where the document says, OpenTimelineIO moves the
+        // second to the end of the first.
+        {"premiere_example.otio", 7},
     };
     int compared = 0;
     for (const std::string& file : corpusOtioFiles()) {
@@ -148,33 +184,43 @@ TEST_F(OtioCorpus, CutsAgreeWithTheImportOfTheXmemlTheyCameFrom) {
         if (x.status == 14) GTEST_SKIP() << "this build does not read xmeml yet";
         ASSERT_EQ(x.status, 1);
         ASSERT_GE(x.edits.size(), 1u);
-
         EditStore fromOtio;
         ScopedCurrentStore scope2(fromOtio);
         XML::ImportResult o = qvotio::importOtio(file);
         ASSERT_EQ(o.status, 1);
         ASSERT_EQ(o.edits.size(), 1u);
 
-        double ticks = Qv::getTicksPerSecond(o.edits[0]->frameRate);
-        auto mine = cutsOf(*x.edits[0].get(), ticks);
-        auto theirs = cutsOf(*o.edits[0].get(), ticks);
+        // The sequence OpenTimelineIO read is the document's first; the
+        // xmeml import also makes the sequences nested in it.
+        std::vector<Edges> mine = edgesOf(*x.edits[0].get());
+        std::vector<Edges> theirs = edgesOf(*o.edits[0].get());
         size_t next = 0;
         for (size_t c = 0; c < theirs.size(); ++c) {
             bool found = false;
             for (size_t k = next; k < mine.size() && !found; ++k) {
-                if (mine[k].first != theirs[c].first) continue;
-                if (theirs[c].first == kChanVideo && k != c) continue;
-                if (mine[k].second == theirs[c].second) {
+                if (mine[k].type != theirs[c].type) continue;
+                if (theirs[c].type == kChanVideo && k != c) continue;
+                if (agree(mine[k], theirs[c])) {
                     found = true;
                     next = k + 1;
                 }
             }
-            EXPECT_TRUE(found) << "channel " << c << " of the OpenTimelineIO reading has cuts "
-                               << "that no channel of the xmeml import has";
+            if (explained.count({name, c})) {
+                EXPECT_FALSE(found) << "channel " << c << " agrees now: its note can go";
+                continue;
+            }
+            if (!found) {
+                std::ostringstream edges;
+                for (long edge : theirs[c].clips)
+                    edges << " " << edge;
+                ADD_FAILURE() << "channel " << c << " of the OpenTimelineIO reading, with clip "
+                              << "edges at" << edges.str()
+                              << ", agrees with no channel of the xmeml import";
+            }
             ++compared;
         }
     }
-    EXPECT_GT(compared, 0);
+    EXPECT_GT(compared, 40);
 }
 
 }  // namespace

@@ -1,0 +1,127 @@
+#include "app/DocumentHead.h"
+
+#include <cstring>
+#include <fstream>
+#include <string_view>
+
+namespace qvapp {
+
+namespace {
+
+bool isSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+
+bool isNameChar(char c) {
+    return !isSpace(c) && c != '>' && c != '/' && c != '=' && c != '<' && c != '"' && c != '\'';
+}
+
+// Skips "<!...>" from `at`, past quoted text and an internal subset in
+// brackets; npos when it does not end.
+std::size_t skipDeclaration(std::string_view text, std::size_t at) {
+    int brackets = 0;
+    char quote = 0;
+    for (std::size_t i = at + 2; i < text.size(); ++i) {
+        char c = text[i];
+        if (quote) {
+            if (c == quote) quote = 0;
+        } else if (c == '"' || c == '\'') {
+            quote = c;
+        } else if (c == '[') {
+            ++brackets;
+        } else if (c == ']') {
+            if (brackets > 0) --brackets;
+        } else if (c == '>' && brackets == 0) {
+            return i + 1;
+        } else if (text.substr(i, 4) == "<!--") {
+            std::size_t close = text.find("-->", i + 4);
+            if (close == std::string_view::npos) return close;
+            i = close + 2;
+        }
+    }
+    return std::string_view::npos;
+}
+
+}  // namespace
+
+DocumentHead readDocumentHead(const std::string& path) {
+    DocumentHead head;
+    std::ifstream in(path, std::ios::binary);
+    // The prolog of a real document is short; a megabyte leaves room for a
+    // long document type.
+    std::string buffer(1 << 20, '\0');
+    in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+    buffer.resize(static_cast<std::size_t>(in.gcount()));
+    std::string_view text(buffer);
+
+    std::size_t at = text.starts_with("\xEF\xBB\xBF") ? 3 : 0;
+    for (;;) {
+        while (at < text.size() && isSpace(text[at]))
+            ++at;
+        if (at >= text.size() || text[at] != '<') return head;
+        std::string_view rest = text.substr(at);
+        std::size_t next;
+        if (rest.starts_with("<?")) {
+            next = text.find("?>", at + 2);
+            if (next != std::string_view::npos) next += 2;
+        } else if (rest.starts_with("<!--")) {
+            next = text.find("-->", at + 4);
+            if (next != std::string_view::npos) next += 3;
+        } else if (rest.starts_with("<!")) {
+            next = skipDeclaration(text, at);
+        } else {
+            break;
+        }
+        if (next == std::string_view::npos) return head;
+        at = next;
+    }
+
+    std::size_t name = at + 1;
+    std::size_t end = name;
+    while (end < text.size() && isNameChar(text[end]))
+        ++end;
+    head.root = std::string(text.substr(name, end - name));
+    // The first attribute: a name, '=', a quoted value.
+    at = end;
+    while (at < text.size() && isSpace(text[at]))
+        ++at;
+    std::size_t attr = at;
+    while (at < text.size() && isNameChar(text[at]))
+        ++at;
+    if (at > attr) {
+        head.firstAttribute = std::string(text.substr(attr, at - attr));
+        while (at < text.size() && isSpace(text[at]))
+            ++at;
+        if (at < text.size() && text[at] == '=') {
+            ++at;
+            while (at < text.size() && isSpace(text[at]))
+                ++at;
+            if (at < text.size() && (text[at] == '"' || text[at] == '\'')) {
+                std::size_t close = text.find(text[at], at + 1);
+                if (close != std::string_view::npos) {
+                    head.valueOffset = at + 1;
+                    head.valueLength = close - at - 1;
+                    head.firstValue = std::string(text.substr(head.valueOffset, head.valueLength));
+                }
+            }
+        }
+    }
+    if (head.root == "QVXML")
+        head.kind = DocumentHead::Kind::Native;
+    else if (head.root == "xmeml")
+        head.kind = DocumentHead::Kind::Xmeml;
+    else if (head.root == "fcpxml")
+        head.kind = DocumentHead::Kind::Fcpxml;
+    return head;
+}
+
+std::string plainXmemlVersion(const DocumentHead& head) {
+    if (head.kind != DocumentHead::Kind::Xmeml || head.firstAttribute != "version") return {};
+    const std::string& v = head.firstValue;
+    if (v.size() < 3 || v[0] < '1' || v[0] > '5' || v[1] != '.') return {};
+    for (std::size_t i = 2; i < v.size(); ++i)
+        if (v[i] != '0') return {};
+    return std::string(1, v[0]);
+}
+
+}  // namespace qvapp
