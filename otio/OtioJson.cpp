@@ -8,7 +8,7 @@ namespace QvOtio {
 
 std::string formatDouble(double value) {
     if (std::isnan(value)) return "NaN";
-    if (std::isinf(value)) return value > 0 ? "Inf" : "-Inf";
+    if (std::isinf(value)) return value > 0 ? "Infinity" : "-Infinity";
     // As Python and OpenTimelineIO print them: plain digits from 1e-4 up to
     // 1e16, an exponent outside that.
     double magnitude = std::fabs(value);

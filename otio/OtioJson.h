@@ -20,8 +20,8 @@
 namespace QvOtio {
 
 // A JSON number as OpenTimelineIO writes it: the shortest text that reads back
-// as the same double, with ".0" added to a whole number; NaN, Inf and -Inf for
-// values that are not finite.
+// as the same double, with ".0" added to a whole number; NaN, Infinity and
+// -Infinity for values that are not finite.
 std::string formatDouble(double value);
 
 class JsonWriter {

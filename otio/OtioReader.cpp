@@ -19,17 +19,26 @@ struct OtioReader::ShotUse {
     std::vector<std::pair<unsigned int, EditChanType>> channels;
     double extent = 0;     // the furthest source time played, cel time
     double firstRate = 0;  // the rate of a clip's source range
+    // Channels that clips play though the namespace does not list them: a
+    // cel may play a channel its shot lacks, as it did where it was written.
+    std::vector<std::pair<unsigned int, EditChanType>> unlisted;
     std::vector<Ced2Cue> cues;
+    bool cuesTaken = false;
     CED2* record = nullptr;
 
-    // Whether the shot has that channel; a shot of the namespace has the
-    // channels it lists, any other gets what its clips play.
+    // Makes the shot answer for a channel: a shot of the namespace has the
+    // channels it lists, any other gets those its clips play.
     bool plays(long long index, EditChanType type) {
         if (index < 0 || index > 255) return false;
         for (const auto& [i, t] : channels)
             if (i == index) return true;
-        if (fixed) return false;
-        channels.emplace_back(static_cast<unsigned>(index), type);
+        if (!fixed) {
+            channels.emplace_back(static_cast<unsigned>(index), type);
+        } else if (std::find_if(unlisted.begin(), unlisted.end(), [&](const auto& u) {
+                       return u.first == index;
+                   }) == unlisted.end()) {
+            unlisted.emplace_back(static_cast<unsigned>(index), type);
+        }
         return true;
     }
 };
@@ -407,6 +416,7 @@ void OtioReader::buildTrack(const Item& track, CED2* record, CChannel* channel,
                             const TimeBase& base, bool trimmed) {
     channel->name = track.name;
     if (const json* levels = field(track.qvxml, "levels"); levels && levels->is_array()) {
+        channel->trackLevelsSet = true;
         for (const json& l : *levels) {
             if (!l.is_array() || l.size() != 2 || !l[0].is_number() || !l[1].is_number()) continue;
             CED2TrackLevel* level = new CED2TrackLevel;
@@ -545,7 +555,14 @@ void OtioReader::addItemCel(const Item& item, CED2* record, CChannel* channel, c
                 item.sourceRange.start.valid() ? framesOf(item.sourceRange.start, base) : origin;
             plays =
                 clipReference(item, record, channel, base, cel, ref, start - origin + head * speed);
-            if (plays) addCues(item.markers, origin, base, shots_[item.media].cues, true);
+            if (plays) {
+                // A shot's markers come with each of its clips: the first
+                // clip's are its cues as they stand, later clips add only
+                // what is new.
+                ShotUse& use = shots_[item.media];
+                addCues(item.markers, origin, base, use.cues, use.cuesTaken);
+                use.cuesTaken = true;
+            }
             break;
         }
         case ItemKind::Stack:
@@ -634,9 +651,7 @@ bool OtioReader::clipReference(const Item& clip, CED2* record, CChannel* channel
         cel.sourceIn = (sourceFrames - start) / base.ticks;
     } else {
         if (!use.plays(channelByte, video ? kChanVideo : kChanAudio)) {
-            note(
-                "clips that play a channel their media does not have, played as black or "
-                "silence");
+            note("clips that play a channel that cannot be, played as black or silence");
             return false;
         }
         ref.id = refOf(shotKey(clip.media), channelByte);
@@ -807,11 +822,13 @@ void OtioReader::finishShots() {
         double ticks =
             Qv::isKnownFrameRate(celRate) ? Qv::getTicksPerSecond(celRate) : std::round(fps);
         if (!(ticks > 0)) ticks = 1;
+        // A length the document gives as infinite is kept: it was so where
+        // the document was written.
         double length = use.extent;
-        if (media.available.duration.valid())
-            length =
-                rescale(media.available.duration.value, media.available.duration.rate, fps) / ticks;
-        if (!(length >= 0) || !std::isfinite(length)) length = 0;
+        const RationalTime& d = media.available.duration;
+        if (d.rate > 0 && std::isfinite(d.rate) && !std::isnan(d.value))
+            length = rescale(d.value, d.rate, fps) / ticks;
+        if (std::isnan(length) || length < 0) length = 0;
 
         readRecordFields(media.qvxml, *shot, fieldProblems_);
         if (shot->labelCount == 0 && media.available.start.valid() &&
@@ -841,6 +858,8 @@ void OtioReader::finishShots() {
             clipRefs.addRef(refOf(key, index), shot, true, index, type);
             if (type == kChanVideo) shot->hasVideo = true;
         }
+        for (const auto& [index, type] : use.unlisted)
+            clipRefs.addRef(refOf(key, index), shot, true, index, type);
         if (const json* chans = field(media.qvxml, "channels"); chans && chans->is_array()) {
             // The channels' own names.
             for (const json& c : *chans) {
@@ -896,7 +915,6 @@ void OtioReader::addCues(const std::vector<Marker>& markers, double origin, cons
     for (const Marker& m : markers) {
         Ced2Cue cue;
         if (!cueOf(m, origin, base, cue)) continue;
-        // The markers of a shot come with each of its clips: one cue each.
         if (unique && std::find(cues.begin(), cues.end(), cue) != cues.end()) continue;
         cues.push_back(cue);
     }

@@ -149,9 +149,7 @@ def cel_of(item, tl, video, hs, he, head):
         if isinstance(q.get("channel"), int):
             channel = q["channel"]
         sub = q.get("subclip")
-        listed = ours(ref).get("channels") if ref else None
-        if not isinstance(sub, dict) and isinstance(listed, list) and \
-                channel not in [c.get("index") for c in listed if isinstance(c, dict)]:
+        if not 0 <= channel <= 255:
             return {"kind": "black", "in": hs, "out": he}
         source = start - origin + head * speed
         name = (ref.get("name") if ref else None) or item.get("name") or ""
