@@ -28,6 +28,7 @@ void JsonWriter::newline() {
 }
 
 void JsonWriter::beforeItem() {
+    if (flush_ && out_.size() >= (1u << 20)) flush_(out_);
     if (afterKey_) {
         afterKey_ = false;
         return;

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <string>
@@ -42,6 +43,15 @@ class JsonWriter {
     // A value of nlohmann's, in insertion order.
     void value(const nlohmann::ordered_json& v);
 
+    // Text as it stands, outside the structure (a final newline).
+    void raw(std::string_view text) { out_ += text; }
+    // Once set, the text written so far is handed over whenever it passes a
+    // megabyte, and at flush(); the writer keeps nothing of it.
+    void setFlush(std::function<void(std::string&)> flush) { flush_ = std::move(flush); }
+    void flush() {
+        if (flush_ && !out_.empty()) flush_(out_);
+    }
+
     // key(name) followed by a value.
     void field(std::string_view name, std::string_view text) {
         key(name);
@@ -72,6 +82,7 @@ class JsonWriter {
         bool empty = true;
     };
     std::string& out_;
+    std::function<void(std::string&)> flush_;
     std::vector<Level> levels_;
     bool afterKey_ = false;
 };

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <functional>
 #include <set>
 #include <unordered_map>
 #include <vector>
@@ -48,7 +49,12 @@ class Writer {
   public:
     Writer(LoggerHandle log, std::string& out) : log_(std::move(log)), json_(out) {}
 
-    int run(const Cookie& edit, const ExportOptions& options);
+    // The export lists of the edit: 1, or the status that stops the export.
+    int prepare(const Cookie& edit, const ExportOptions& options);
+    // The document, into the writer's text; `flush` (when set) is handed the
+    // text whenever a good deal of it has been written.
+    void write();
+    void setFlush(std::function<void(std::string&)> flush) { json_.setFlush(std::move(flush)); }
 
   private:
     CED2* find(const Cookie& cookie) const {
@@ -211,7 +217,7 @@ void Writer::markers(const std::vector<Ced2Cue>& cues, double origin, const Time
 
 // ---- the timeline and its tracks ----
 
-int Writer::run(const Cookie& edit, const ExportOptions& options) {
+int Writer::prepare(const Cookie& edit, const ExportOptions& options) {
     EditPtr opened;
     opened.i_open(edit);
     if (!opened) return 3;
@@ -230,6 +236,12 @@ int Writer::run(const Cookie& edit, const ExportOptions& options) {
 
     CED2* record = find(edit);
     if (!record || record->excludedFromExport) return 0;
+    top_ = record;
+    return 1;
+}
+
+void Writer::write() {
+    CED2* record = top_;
     if (isShotRecord(record)) {
         timeline(record, "shot");
     } else if (record->edit && record->edit->logType == kLogTypeSubclip) {
@@ -237,7 +249,9 @@ int Writer::run(const Cookie& edit, const ExportOptions& options) {
     } else {
         timeline(record, "sequence");
     }
-    return 1;
+    // A final newline, as text files end.
+    json_.raw("\n");
+    json_.flush();
 }
 
 void Writer::timeline(CED2* record, const char* kind) {
@@ -731,30 +745,32 @@ int writeOtio(const Cookie& edit, const ExportOptions& options, LoggerHandle log
               std::string& text) {
     text.clear();
     Writer writer(log, text);
-    int status = writer.run(edit, options);
-    // A final newline, as text files end.
-    if (status == 1) text += '\n';
+    int status = writer.prepare(edit, options);
+    if (status == 1) writer.write();
     return status;
 }
 
 int exportOtio(const Cookie& edit, const LightweightString<wchar_t>& path,
                const ExportOptions& options, LoggerHandle log) {
     std::string text;
-    int status = writeOtio(edit, options, log, text);
+    Writer writer(log, text);
+    int status = writer.prepare(edit, options);
     if (status != 1) return status;
     iFileSystem* fs = OS()->files();
     if (fs->exists(path)) fs->remove(path);
     Qv::Ptr<iFile> file = fs->open(path, kCreateForWriting);
     if (!file) return 2001;
-    // The file layer counts in 32 bits: a larger document goes in pieces.
-    const char* data = text.data();
-    std::size_t left = text.size();
-    while (left > 0) {
-        unsigned piece = left > 0x40000000u ? 0x40000000u : static_cast<unsigned>(left);
-        if (file->write(data, piece) != piece) return 2001;
-        data += piece;
-        left -= piece;
-    }
+    // The document goes to the file as it is written, a piece at a time, so
+    // that a long timeline needs no copy of its whole text.
+    bool failed = false;
+    writer.setFlush([&](std::string& piece) {
+        if (!failed &&
+            file->write(piece.data(), static_cast<unsigned>(piece.size())) != piece.size())
+            failed = true;
+        piece.clear();
+    });
+    writer.write();
+    if (failed) return 2001;
     log.write(path, LoggerBase::eFileWritten);
     return 1;
 }
