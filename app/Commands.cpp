@@ -11,8 +11,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <set>
-#include <thread>
 #include <tuple>
 
 #include "host/Edit.h"
@@ -78,24 +78,24 @@ bool readWhole(const std::string& path, std::string& out) {
     return !in.bad();
 }
 
-// While it lives, an xmeml document whose version is written as a decimal
-// ("5.0") reads as the whole number it means: the plug-in is handed the
+// While it lives, a document whose version the readers would refuse only for
+// its spelling reads as the version it means: the plug-in is handed the
 // document with that one attribute mended, and the file is left as it is.
 class MendedVersion {
   public:
     MendedVersion(const std::string& input, const DocumentHead& head,
                   const LightweightString<wchar_t>& path, LoggerHandle log)
         : path_(path) {
-        std::string plain = plainXmemlVersion(head);
+        VersionMend mend = mendVersion(head);
         std::string bytes;
-        if (plain.empty() || !readWhole(input, bytes) ||
-            head.valueOffset + head.valueLength > bytes.size())
+        if (mend.attribute.empty() || !readWhole(input, bytes) ||
+            mend.offset + mend.length > bytes.size())
             return;
-        bytes.replace(head.valueOffset, head.valueLength, plain);
+        bytes.replace(mend.offset, mend.length, mend.attribute);
         setFileOverlay(path_, std::move(bytes));
         active_ = true;
-        log.WarningOut("%s: xmeml version \"%s\" is read as version %s", input.c_str(),
-                       head.firstValue.c_str(), plain.c_str());
+        log.WarningOut("%s: %s version \"%s\" is read as version %s", input.c_str(),
+                       head.root.c_str(), mend.was.c_str(), mend.becomes.c_str());
     }
     ~MendedVersion() {
         if (active_) clearFileOverlay(path_);
@@ -106,6 +106,54 @@ class MendedVersion {
   private:
     LightweightString<wchar_t> path_;
     bool active_ = false;
+};
+
+// fcpxml names the media file of every shot, and the plug-in gives up a whole
+// export for one shot without a file. While this guard lives, the shots that
+// an edit plays and whose file is not known at all (a generator, media the
+// document never located) are left out of the export instead: each becomes a
+// gap, and the log says which.
+class LeaveOutShotsWithoutFiles {
+  public:
+    LeaveOutShotsWithoutFiles(const Qv::Ptr<Edit>& edit, LoggerHandle log) {
+        EditStore& store = EditStore::current();
+        std::set<std::tuple<uint32_t, uint32_t, uint32_t, uint32_t>> seen;
+        std::vector<Qv::Ptr<Edit>> pending{edit};
+        while (!pending.empty()) {
+            Qv::Ptr<Edit> e = pending.back();
+            pending.pop_back();
+            for (const StoredChannel& ch : e->channels) {
+                for (const CelData& c : ch.cels) {
+                    if (!c.cookie.isValid() || c.cookie.isMagic()) continue;
+                    Qv::Ptr<Edit> target = store.find(c.cookie);
+                    const Qv::UUID& id = c.cookie.uuid;
+                    if (!target ||
+                        !seen.insert({id.words[0], id.words[1], id.words[2], id.words[3]}).second)
+                        continue;
+                    if (!target->isShot()) {
+                        pending.push_back(target);
+                    } else if (!target->excludedFromExport &&
+                               !SystemCache::findEntryForCookie(target->cookie)) {
+                        target->excludedFromExport = true;
+                        left_.push_back(target);
+                        log.WarningOut(
+                            "shot \"%s\" has no media file: fcpxml cannot hold it, "
+                            "and its uses become gaps",
+                            toUTF8(target->name).c_str());
+                    }
+                }
+            }
+        }
+    }
+    ~LeaveOutShotsWithoutFiles() {
+        for (const Qv::Ptr<Edit>& e : left_)
+            e->excludedFromExport = false;
+    }
+    LeaveOutShotsWithoutFiles(const LeaveOutShotsWithoutFiles&) = delete;
+    LeaveOutShotsWithoutFiles& operator=(const LeaveOutShotsWithoutFiles&) = delete;
+
+  private:
+    std::vector<Qv::Ptr<Edit>> left_;
 };
 
 }  // namespace
@@ -289,13 +337,16 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
         L'_'));
 
     int errorsBefore = console_->errors();
+    std::unique_ptr<LeaveOutShotsWithoutFiles> leftOut;
+    if (flavour.value == XML::XMLFlavourFCPX)
+        leftOut = std::make_unique<LeaveOutShotsWithoutFiles>(edit, log());
     Qv::Ptr<QvExport::BackgroundTask> task = single->createBackgroundTasks(edit->cookie, {});
+    // The wait ends the moment the export does; a long one shows that it is
+    // still at work.
     const char spinner[] = "|/-\\";
-    for (int tick = 0; !task->finished(); ++tick) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        if (tick >= 10)
-            console_->status(std::string("exporting ") + label + " " + spinner[tick / 2 % 4]);
-    }
+    for (int tick = 0; !task->waitFor(std::chrono::milliseconds(100)); ++tick)
+        if (tick >= 5)
+            console_->status(std::string("exporting ") + label + " " + spinner[tick % 4]);
     QvExport::ExportResult r = task->wait();
     console_->clearProgress();
 

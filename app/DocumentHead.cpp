@@ -86,6 +86,7 @@ DocumentHead readDocumentHead(const std::string& path) {
     while (at < text.size() && isSpace(text[at]))
         ++at;
     std::size_t attr = at;
+    head.attributeOffset = attr;
     while (at < text.size() && isNameChar(text[at]))
         ++at;
     if (at > attr) {
@@ -115,13 +116,29 @@ DocumentHead readDocumentHead(const std::string& path) {
     return head;
 }
 
-std::string plainXmemlVersion(const DocumentHead& head) {
-    if (head.kind != DocumentHead::Kind::Xmeml || head.firstAttribute != "version") return {};
+VersionMend mendVersion(const DocumentHead& head) {
+    VersionMend m;
     const std::string& v = head.firstValue;
-    if (v.size() < 3 || v[0] < '1' || v[0] > '5' || v[1] != '.') return {};
-    for (std::size_t i = 2; i < v.size(); ++i)
-        if (v[i] != '0') return {};
-    return std::string(1, v[0]);
+    if (head.valueLength == 0) return m;
+    if (head.kind == DocumentHead::Kind::Xmeml && head.firstAttribute == "version") {
+        // "5.0", "4.00": a whole version from 1 to 5 written as a decimal.
+        if (v.size() < 3 || v[0] < '1' || v[0] > '5' || v[1] != '.') return m;
+        for (std::size_t i = 2; i < v.size(); ++i)
+            if (v[i] != '0') return m;
+        m.becomes = std::string(1, v[0]);
+        m.attribute = "version=\"" + m.becomes + "\"";
+    } else if (head.kind == DocumentHead::Kind::Native && head.firstAttribute == "version" &&
+               (v == "1" || v == "2" || v == "1.0" || v == "2.0")) {
+        // The attribute as the native writer spells it.
+        m.becomes = v.size() == 1 ? v + ".0" : v;
+        m.attribute = "Version=\"" + m.becomes + "\"";
+    } else {
+        return m;
+    }
+    m.was = v;
+    m.offset = head.attributeOffset;
+    m.length = head.valueOffset + head.valueLength + 1 - head.attributeOffset;
+    return m;
 }
 
 }  // namespace qvapp

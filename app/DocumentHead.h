@@ -14,7 +14,8 @@ struct DocumentHead {
     std::string root;            // the root element's name; empty when none was found
     std::string firstAttribute;  // its first attribute: name and value as written
     std::string firstValue;
-    std::size_t valueOffset = 0;  // where that value's text begins in the file
+    std::size_t attributeOffset = 0;  // where the first attribute begins in the file
+    std::size_t valueOffset = 0;      // where its value's text begins
     std::size_t valueLength = 0;
 };
 
@@ -23,8 +24,16 @@ struct DocumentHead {
 // stand before the root element.
 DocumentHead readDocumentHead(const std::string& path);
 
-// For an xmeml document whose version is written as a decimal ("5.0",
-// "4.00"), the version as the readers know it ("5"); empty otherwise.
-std::string plainXmemlVersion(const DocumentHead& head);
+// A document whose version the readers would refuse only for its spelling,
+// mended: the first attribute as the readers want it written, and the byte
+// range of the file it replaces. An xmeml version written as a decimal
+// ("5.0") becomes version="5"; a QVXML document as the native writer writes
+// it (version="2") becomes Version="2.0". Empty when there is nothing to mend.
+struct VersionMend {
+    std::string attribute;  // the whole attribute to put in place
+    std::size_t offset = 0, length = 0;
+    std::string was, becomes;  // the versions, for the message
+};
+VersionMend mendVersion(const DocumentHead& head);
 
 }  // namespace qvapp

@@ -338,17 +338,20 @@ int CED2List::WriteAllED2s(Qv::FrameRate rate) {
         e->frameRate = !shot && Qv::isKnownFrameRate(own) ? own : rate;
         if (shot) {
             e->logType = kLogTypeShot;
-            // A shot counts in the rate of its timecode, else of its medium,
-            // else of the list. Without a rate of its own it counts whole
-            // frames of that timebase, the way documents state it.
+            // A shot's source runs at the rate of its main timecode, else of
+            // its medium, else of the list. Without a rate of its own, a shot
+            // whose document gave its timecode counts whole frames of that
+            // timebase, the way xmeml states a file; any other counts in the
+            // list's rate, as its document placed its frames.
             Qv::FrameRate source = rate;
-            if (r->primaryLabelSet && r->primaryLabel.is_valid())
+            bool timecoded = r->primaryLabelSet && r->primaryLabel.is_valid();
+            if (timecoded)
                 source = r->primaryLabel.get_rate();
             else if (Qv::FrameRate m = getFrameRatefromMedium(r->sourceMedium);
                      Qv::isKnownFrameRate(m))
                 source = m;
             e->sourceFrameRate = source;
-            double ticks = Qv::getTicksPerSecond(source);
+            double ticks = timecoded ? Qv::getTicksPerSecond(source) : 0;
             e->rate = r->rate > 0 ? r->rate : ticks > 0 ? ticks : Qv::getFramesPerSecond(rate);
             e->historicLocator = r->originLocator;
             if (r->originLocator.empty())

@@ -54,6 +54,11 @@ ExportResult BackgroundTask::wait() {
     return result_;
 }
 
+bool BackgroundTask::waitFor(std::chrono::milliseconds time) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return ended_.wait_for(lock, time, [this] { return finished_; });
+}
+
 bool BackgroundTask::finished() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return finished_;
@@ -69,6 +74,7 @@ Qv::Ptr<BackgroundTask> SingleSourceExporter::createBackgroundTasks(
         std::lock_guard<std::mutex> lock(t->mutex_);
         t->result_ = std::move(r);
         t->finished_ = true;
+        t->ended_.notify_all();
     });
     return task;
 }

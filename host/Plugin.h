@@ -7,6 +7,8 @@
 // plug-ins; its iterators walk the components of one type across all of them.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -177,10 +179,15 @@ class BackgroundTask : public iObject {
     // Waits for the export to end and gives its result.
     ExportResult wait();
     bool finished() const;
+    // Waits until the export ends or the time is up; true when it has ended.
+    // Wakes at once when the export ends, so a caller that shows progress
+    // between waits loses no time.
+    bool waitFor(std::chrono::milliseconds time) const;
 
   private:
     friend class SingleSourceExporter;
     mutable std::mutex mutex_;
+    mutable std::condition_variable ended_;
     std::thread worker_;
     bool finished_ = false;
     ExportResult result_;

@@ -152,10 +152,17 @@ struct FcpxmlSource {
     std::string path;
 };
 std::vector<FcpxmlSource> fcpxmlSources() {
-    return {
+    std::vector<FcpxmlSource> sources = {
         {"convert", kExample},
         {"export", std::string(QVXML_SOURCE_DIR) + "/examples/timeline.json"},
     };
+    // Every xmeml document of the corpus that holds something to write (one
+    // holds a sequence without tracks only).
+    std::string corpus = std::string(QVXML_CORPUS) + "/xmeml";
+    for (const std::string& name : qvtest::listDirectory(corpus))
+        if (name.ends_with(".xml") && name != "sample_just_track.xml")
+            sources.push_back({"convert", corpus + "/" + name});
+    return sources;
 }
 
 TEST_F(Command, EveryExampleConvertsToFcpxml) {

@@ -120,10 +120,11 @@ TEST_F(NativeRoundTrip, WhatTheFormatDoesNotCarry) {
     EXPECT_EQ(a1[2].level, 1.0f) << "levels keep four decimal places";
     EXPECT_TRUE(back->cues.empty()) << "markers are not written";
     EXPECT_EQ(v[0].sourceOut, 0.0) << "source out points are not written";
-    // A shot's own Rate is not read: an offline shot counts in the timebase
-    // of its timecode label, here 25.
+    // A shot's own Rate is not read: an offline shot counts in the rate of the
+    // document's first Edit, here the sub-clip of the 29.97 shot, while its
+    // source keeps the rate of its medium.
     Qv::Ptr<Edit> shotA = playedBy(v[0]);
-    EXPECT_DOUBLE_EQ(shotA->rate, 25.0);
+    EXPECT_DOUBLE_EQ(shotA->rate, 30000.0 / 1001.0);
     EXPECT_EQ(shotA->sourceFrameRate, Qv::eFrameRate25);
     // A shot's cel times are written in sequence ticks and read at its own rate.
     Qv::Ptr<Edit> shotB = playedBy(playedBy(v[4])->channels[0].cels[0]);

@@ -1,0 +1,413 @@
+// The xmeml reader on small documents: how tracks become channels, where
+// clips and transitions land, speed, reverse, stills, levels, references,
+// ghosts and markers.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "import/ImportDriver.h"
+#include "tests/support/TestSupport.h"
+#include "xmeml/FCP5XMLReader.h"
+
+namespace {
+
+using XML::FCP5XMLReader;
+
+// A reader whose parse can be run on a text and looked into before the
+// records are resolved and written.
+class Reader : public FCP5XMLReader {
+  public:
+    explicit Reader(LoggerHandle log) : FCP5XMLReader(log) {}
+    int parse(const std::string& text) {
+        text_ = text;
+        XMLParser parser(text_.c_str(), -1);
+        return parseFile(parser);
+    }
+    using FCP5XMLReader::clipRefs;
+    using FCP5XMLReader::ghostRefs;
+
+  private:
+    std::string text_;
+};
+
+// A file of `frames` at 25 with a timecode, video and `audio` channels.
+std::string file(const std::string& id, int frames, int audio = 0, const std::string& extra = "") {
+    std::string s = "<file id=\"" + id + "\"><name>" + id + ".mov</name>" +
+                    "<pathurl>file://localhost/media/" + id + ".mov</pathurl>" +
+                    "<rate><timebase>25</timebase></rate><duration>" + std::to_string(frames) +
+                    "</duration><timecode><rate><timebase>25</timebase></rate>"
+                    "<frame>90000</frame><displayformat>NDF</displayformat></timecode><media>";
+    s += "<video><duration>" + std::to_string(frames) + "</duration></video>";
+    if (audio > 0) s += "<audio><channelcount>" + std::to_string(audio) + "</channelcount></audio>";
+    return s + "</media>" + extra + "</file>";
+}
+
+std::string clip(const std::string& fileXml, int start, int end, int in, int out,
+                 const std::string& extra = "") {
+    return "<clipitem><name>c</name><duration>1000</duration>"
+           "<rate><timebase>25</timebase></rate><start>" +
+           std::to_string(start) + "</start><end>" + std::to_string(end) + "</end><in>" +
+           std::to_string(in) + "</in><out>" + std::to_string(out) + "</out>" + fileXml + extra +
+           "</clipitem>";
+}
+
+std::string transition(int start, int end, const std::string& alignment = "center",
+                       const std::string& category = "Dissolve", const std::string& more = "") {
+    return "<transitionitem><start>" + std::to_string(start) + "</start><end>" +
+           std::to_string(end) + "</end><alignment>" + alignment +
+           "</alignment><effect><effecttype>transition</effecttype><effectcategory>" + category +
+           "</effectcategory>" + more + "</effect></transitionitem>";
+}
+
+std::string sequence(const std::string& video, const std::string& audio = "", int duration = 250) {
+    return "<xmeml version=\"4\"><sequence><name>Cut</name><duration>" + std::to_string(duration) +
+           "</duration><rate><timebase>25</timebase><ntsc>FALSE</ntsc></rate>"
+           "<media><video>" +
+           video + "</video><audio>" + audio + "</audio></media></sequence></xmeml>";
+}
+
+std::string track(const std::string& items) {
+    return "<track>" + items + "</track>";
+}
+
+struct Cel {
+    double in, out, source;
+    float speed;
+    std::string ref;
+};
+
+std::vector<Cel> celsOf(const CChannel* ch) {
+    std::vector<Cel> out;
+    for (CED2Cell* c : each<CED2Cell>(ch->cels))
+        out.push_back(
+            {c->editIn * 25, c->editOut * 25, c->sourceIn * 25, c->speed, c->refId.str()});
+    return out;
+}
+
+CChannel* channel(CED2* rec, unsigned index) {
+    unsigned i = 0;
+    for (CChannel* ch : each<CChannel>(rec->channels))
+        if (i++ == index) return ch;
+    return nullptr;
+}
+
+class FCP5Reader : public qvtest::StoreTest {
+  protected:
+    CED2* readOne(const std::string& text) {
+        EXPECT_EQ(reader.parse(text), 1);
+        return reader.sequences().firstRecord();
+    }
+    Reader reader{capturingLog()};
+};
+
+TEST_F(FCP5Reader, VideoTracksArriveLastFirstAndAudioFollowsInOrder) {
+    std::string f = file("f", 1000, 2);
+    CED2* seq = readOne(sequence(
+        track(clip(f, 0, 10, 0, 10)) + track(clip(f, 0, 20, 0, 20)) + track(clip(f, 0, 30, 0, 30)),
+        track(clip(f, 0, 40, 0, 40)) + track(clip(f, 0, 50, 0, 50))));
+    ASSERT_TRUE(seq);
+    const double ends[] = {30, 20, 10, 40, 50};
+    for (unsigned i = 0; i < 5; ++i) {
+        CChannel* ch = channel(seq, i);
+        ASSERT_TRUE(ch);
+        EXPECT_EQ(ch->chanType, i < 3 ? kChanVideo : kChanAudio);
+        EXPECT_EQ(ch->index, i);
+        EXPECT_DOUBLE_EQ(celsOf(ch)[0].out, ends[i]) << "channel " << i;
+    }
+    EXPECT_TRUE(sink->contains("Track V3"));
+    EXPECT_TRUE(sink->contains("Track A2"));
+}
+
+// Around a centred transition, the clip before ends where it begins and
+// reaches on to its end in its media; the clip after begins where it ends,
+// its media moved on by the transition's length.
+TEST_F(FCP5Reader, CutsOnATransition) {
+    std::string f = file("f", 1000);
+    CED2* seq = readOne(
+        sequence(track(clip(f, 0, -1, 100, 0) + transition(40, 50) + clip(f, -1, 80, 300, 0))));
+    std::vector<Cel> c = celsOf(channel(seq, 0));
+    ASSERT_EQ(c.size(), 4u);
+    EXPECT_DOUBLE_EQ(c[0].in, 0);
+    EXPECT_DOUBLE_EQ(c[0].out, 40);
+    EXPECT_DOUBLE_EQ(c[0].source, 100);
+    EXPECT_EQ(c[0].ref, "f$0$");
+    EXPECT_DOUBLE_EQ(c[1].in, 40);
+    EXPECT_DOUBLE_EQ(c[1].out, 50);
+    EXPECT_DOUBLE_EQ(c[2].in, 50);
+    EXPECT_DOUBLE_EQ(c[2].out, 80);
+    EXPECT_DOUBLE_EQ(c[2].source, 310);
+    // Black to the end of the sequence.
+    EXPECT_DOUBLE_EQ(c[3].in, 80);
+    EXPECT_DOUBLE_EQ(c[3].out, 250);
+    CED2Cell* cel = static_cast<CED2Cell*>(channel(seq, 0)->cels.first());
+    EXPECT_NEAR(cel->sourceOut * 25, 140, 1e-9);
+}
+
+TEST_F(FCP5Reader, TransitionsTieWithClipsAndMisorderedEdgesFail) {
+    std::string f = file("f", 1000);
+    // At the same position the clip is taken first: the transition then
+    // comes after it.
+    CED2* seq =
+        readOne(sequence(track(transition(10, 20, "start_black") + clip(f, 10, 30, 0, 20))));
+    std::vector<Cel> c = celsOf(channel(seq, 0));
+    ASSERT_GE(c.size(), 2u);
+    EXPECT_EQ(c[1].ref, "f$0$");
+    EXPECT_DOUBLE_EQ(c[1].in, 10);
+
+    // A transition from black leaves nothing for the next clip to start in.
+    Reader second(capturingLog());
+    EXPECT_EQ(
+        second.parse(sequence(track(transition(0, 10, "end_black") + clip(f, -1, 30, 0, 20)))), 0);
+    EXPECT_TRUE(sink->contains("Invalid component order"));
+    // A clip that ends in a transition that is not there.
+    Reader third(capturingLog());
+    EXPECT_EQ(third.parse(sequence(track(clip(f, 0, -1, 0, 20) + clip(f, 40, 60, 0, 20)))), 0);
+    EXPECT_EQ(third.sequences().firstRecord(), nullptr) << "the sequence is given up";
+}
+
+std::string timeRemap(const std::string& speed, bool reverse = false) {
+    return "<filter><effect><effectid>timeremap</effectid><parameter><name>speed</name><value>" +
+           speed + "</value></parameter>" +
+           (reverse ? "<parameter><name>reverse</name><value>TRUE</value></parameter>" : "") +
+           "</effect></filter>";
+}
+
+TEST_F(FCP5Reader, SpeedReverseAndStills) {
+    std::string f = file("f", 1000);
+    CED2* seq = readOne(sequence(
+        track(clip(f, 0, 100, 101, 0, timeRemap("50"))) +
+        track(clip(f, 0, 200, 100, 0, timeRemap("100", true))) +
+        track(clip(f, 0, 50, 30, 0, "<stillframe>TRUE</stillframe>" + timeRemap("100", true))) +
+        track(clip(f, 0, 50, 30, 0, timeRemap("0.1"))) +
+        track(clip(f, 0, 50, 30, 0, timeRemap("0.2")))));
+    // Channels are the tracks last first.
+    Cel slow = celsOf(channel(seq, 4))[0];
+    EXPECT_DOUBLE_EQ(slow.source, 50) << "101 at half speed truncates to 50";
+    EXPECT_FLOAT_EQ(slow.speed, 0.5f);
+    CED2Cell* slowCel = channel(seq, 4)->firstCel();
+    EXPECT_NEAR(slowCel->sourceOut * 25, 100, 1e-9) << "100 ticks play 50 of the source";
+
+    // Backwards: the in point counts from the far end of the media.
+    CED2Cell* back = channel(seq, 3)->firstCel();
+    EXPECT_NEAR(back->sourceIn * 25, 900, 1e-9);
+    EXPECT_NEAR(back->sourceOut * 25, 700, 1e-9);
+    EXPECT_FLOAT_EQ(back->speed, -1.0f);
+
+    for (unsigned i : {2u, 1u}) {  // a still frame, and a tenth of a percent
+        CED2Cell* still = channel(seq, i)->firstCel();
+        EXPECT_FLOAT_EQ(still->speed, 0.0f) << i;
+        EXPECT_DOUBLE_EQ(still->sourceIn, still->sourceOut) << i;
+    }
+    EXPECT_FLOAT_EQ(channel(seq, 0)->firstCel()->speed, 0.002f) << "0.2 percent plays";
+}
+
+TEST_F(FCP5Reader, WipesDissolvesAndUnknownEffects) {
+    std::string f = file("f", 1000, 1);
+    std::string audio =
+        "<sourcetrack><mediatype>audio</mediatype><trackindex>1</trackindex></sourcetrack>";
+    CED2* seq = readOne(
+        sequence(track(clip(f, 0, -1, 0, 0) +
+                       transition(10, 20, "center", "Wipe",
+                                  "<wipecode>7</wipecode><reverse>TRUE</reverse>") +
+                       clip(f, -1, 30, 0, 0) + transition(30, 40, "center", "Lens Flare") +
+                       clip(f, -1, 50, 0, 0)),
+                 track(clip(f, 0, -1, 0, 0, audio) + transition(10, 20, "center", "Lens Flare") +
+                       clip(f, -1, 30, 0, 0, audio))));
+    CED2Cell* wipe = channel(seq, 0)->firstCel()->next();
+    EXPECT_TRUE(wipe->cookie.isMagic());
+    EXPECT_FALSE(wipe->cookie.isBlack());
+    EXPECT_EQ(wipe->GetSMPTEWipeCode(), 7);
+    EXPECT_EQ(wipe->GetWipeDirection(), eWipeReverse);
+    EXPECT_EQ(wipe->next()->next()->refId.str(), "...?...") << "an unknown video effect";
+    // Audio transitions are crossfades whatever they are called.
+    EXPECT_EQ(channel(seq, 1)->firstCel()->next()->cookie, audio_dissolve);
+    EXPECT_EQ(channel(seq, 1)->firstCel()->refId.str(), "f$1$");
+}
+
+TEST_F(FCP5Reader, AudioReferencesKeepOneDigitOfTheTrackIndex) {
+    std::string f = file("f", 1000, 12);
+    auto item = [&](int index) {
+        return clip(f, 0, 10, 0, 10,
+                    "<sourcetrack><mediatype>audio</mediatype><trackindex>" +
+                        std::to_string(index) + "</trackindex></sourcetrack>");
+    };
+    CED2* seq = readOne(sequence("", track(item(2)) + track(item(12))));
+    EXPECT_EQ(channel(seq, 0)->firstCel()->refId.str(), "f$2$");
+    EXPECT_EQ(channel(seq, 1)->firstCel()->refId.str(), "f$1$");
+}
+
+// Level keyframes are placed by the clip's source frames as fractions of the
+// sequence, clamped to the part of the media the clip plays.
+TEST_F(FCP5Reader, LevelKeyframesAreClampedToTheClip) {
+    std::string f = file("f", 1000, 1);
+    std::string levels =
+        "<filter><effect><effectid>audiolevels</effectid><parameter>"
+        "<keyframe><when>90</when><value>0.5</value></keyframe>"
+        "<keyframe><when>125</when><value>2</value></keyframe>"
+        "<keyframe><when>500</when><value>1</value></keyframe>"
+        "</parameter></effect></filter>";
+    CED2* seq = readOne(sequence("", track(clip(f, 50, 100, 100, 150, levels))));
+    CChannel* ch = channel(seq, 0);
+    EXPECT_TRUE(ch->hasTrackLevels);
+    EXPECT_TRUE(ch->trackLevelsSet);
+    std::vector<double> at;
+    for (CED2TrackLevel* l : each<CED2TrackLevel>(ch->levels))
+        at.push_back(l->position * 250);
+    ASSERT_EQ(at.size(), 3u);
+    EXPECT_NEAR(at[0], 50, 1e-9) << "before the in point: the clip's start";
+    EXPECT_NEAR(at[1], 75, 1e-9);
+    EXPECT_NEAR(at[2], 100, 1e-9) << "past the media played: the clip's end";
+}
+
+TEST_F(FCP5Reader, ShotsFromFilesAndGhostsFromSubclips) {
+    std::string f = file("av", 1000, 2);
+    std::string a =
+        "<file id=\"snd\"><name>snd.wav</name><duration>500</duration>"
+        "<media><audio><channelcount>1</channelcount></audio></media></file>";
+    std::string sub =
+        "<subclipinfo><startoffset>100</startoffset><endoffset>0</endoffset>"
+        "</subclipinfo>";
+    auto named = [](std::string item, const char* name) {
+        return item.replace(item.find("<name>c</name>"), 14,
+                            std::string("<name>") + name + "</name>");
+    };
+    std::string marker = "<marker><name>m</name><in>5</in><out>-1</out></marker>";
+    CED2* seq = readOne(
+        sequence(track(clip(f, 0, 10, 0, 10, marker) + clip("<file id=\"av\"/>", 10, 20, 0, 10) +
+                       named(clip("<file id=\"av\"/>", 20, 30, 0, 10, sub), "Sub") +
+                       named(clip("<file id=\"av\"/>", 30, 40, 0, 10, sub), "Sub")),
+                 track(clip(a, 0, 10, 0, 10))));
+    ASSERT_TRUE(seq);
+
+    // One shot per file: picture at 0, sound from 1, even without picture.
+    ASSERT_EQ(reader.shots().size(), 2u);
+    CED2* av = reader.shots().firstRecord();
+    EXPECT_EQ(av->GetNumVideoChannels(), 1);
+    EXPECT_EQ(av->GetNumAudioChannels(), 2);
+    EXPECT_EQ(av->originLocator, L"file://localhost/media/av.mov");
+    XML::RefIdMap::RefIdMapRec rec;
+    EXPECT_TRUE(reader.clipRefs.findRef("av$2$", rec));
+    EXPECT_EQ(rec.chanIndex, 2u);
+    CED2* snd = static_cast<CED2*>(av->getNext());
+    EXPECT_EQ(snd->GetNumVideoChannels(), 0);
+    EXPECT_EQ(snd->firstChannel()->index, 1u);
+    EXPECT_TRUE(reader.clipRefs.findRef("snd$0$", rec)) << "the shot itself";
+
+    // Markers are added at every visit of an item: twice for one on a track.
+    EXPECT_EQ(av->cues.size(), 2u);
+    EXPECT_EQ(av->cues[0].out, kCueOpenEnd);
+
+    // Two uses of a sub-clip of one name share a ghost, which takes the
+    // shot's further channels as audio.
+    ASSERT_EQ(reader.ghosts().size(), 1u);
+    CED2* ghost = reader.ghosts().firstRecord();
+    EXPECT_EQ(ghost->editName, L"Sub");
+    EXPECT_EQ(ghost->channels.size(), 3u);
+    EXPECT_EQ(ghost->firstChannel()->firstCel()->refId.str(), "av$0$");
+    EXPECT_DOUBLE_EQ(ghost->firstChannel()->firstCel()->sourceIn, 4.0);
+    EXPECT_TRUE(reader.ghostRefs.findRef("Sub$2$", rec));
+    EXPECT_TRUE(ghost->primaryLabel.is_valid()) << "the master's label, moved to its in point";
+    std::vector<Cel> c = celsOf(seq->firstChannel());
+    EXPECT_EQ(c[2].ref, "Sub$0$");
+    EXPECT_TRUE(
+        static_cast<CED2Cell*>(seq->firstChannel()->cels.first())->next()->next()->refIsGhost);
+}
+
+TEST_F(FCP5Reader, WhatIsMissingBecomesDefaultsAndWarnings) {
+    // A file without a duration can't be used: its uses play black, with a
+    // warning.
+    std::string noLength = "<file id=\"x\"><name>x.jpg</name><media><video/></media></file>";
+    CED2* seq = readOne(sequence(track(clip(noLength, 0, 10, 0, 10))));
+    ASSERT_TRUE(seq);
+    EXPECT_TRUE(sink->contains("Badly defined clip - name <> XML reference <x$0$>"));
+    EXPECT_TRUE(reader.shots().isEmpty());
+
+    // Names and lengths are asked for at any depth: a sequence without its
+    // own is named "NoName" only when nothing inside it has a name. Without
+    // a duration, an empty track is one second of black.
+    Reader bare(capturingLog());
+    ASSERT_EQ(bare.parse("<xmeml version=\"1\"><sequence><rate><timebase>25</timebase></rate>"
+                         "<media><video><track/></video></media></sequence></xmeml>"),
+              1);
+    CED2* empty = bare.sequences().firstRecord();
+    EXPECT_EQ(empty->editName, L"NoName");
+    std::vector<Cel> black = celsOf(channel(empty, 0));
+    ASSERT_EQ(black.size(), 1u);
+    EXPECT_DOUBLE_EQ(black[0].out, 25);
+    EXPECT_EQ(channel(empty, 0)->firstCel()->cookie, video_black);
+}
+
+TEST_F(FCP5Reader, SequenceTimecodes) {
+    std::string tc = [](const char* source) {
+        return std::string(
+                   "<timecode><rate><timebase>30</timebase><ntsc>TRUE</ntsc></rate>"
+                   "<string>01:00:00;00</string><frame>107892</frame>") +
+               source + "<displayformat>DF</displayformat></timecode>";
+    }("");
+    CED2* seq = readOne(
+        "<xmeml version=\"5\"><sequence><name>S</name><duration>30</duration>"
+        "<rate><timebase>30</timebase><ntsc>TRUE</ntsc></rate>" +
+        tc + "</sequence></xmeml>");
+    ASSERT_EQ(seq->labelCount, 1);
+    EXPECT_EQ(seq->labels[0].get_string(0).str(), "01:00:00;00");
+    EXPECT_EQ(seq->labels[0].get_MediumRoll().roll, 1);
+
+    Reader other(capturingLog());
+    std::string dest = tc;
+    dest.insert(dest.find("<displayformat>"), "<source>destination</source>");
+    ASSERT_EQ(other.parse("<xmeml version=\"5\"><sequence><rate><timebase>30</timebase></rate>" +
+                          dest + "</sequence></xmeml>"),
+              1);
+    EXPECT_EQ(other.sequences().firstRecord()->labelCount, 0) << "only a source timecode counts";
+}
+
+TEST_F(FCP5Reader, ABinOfClipsMakesShotsAndTakesItsRateFromTheFirst) {
+    std::string doc =
+        "<xmeml version=\"4\"><project><children><clip><name>A</name>"
+        "<rate><timebase>30</timebase><ntsc>TRUE</ntsc></rate><clipitem>"
+        "<name>A</name>" +
+        file("a", 300) +
+        "</clipitem><marker><name>bin</name><in>3</in></marker></clip>"
+        "</children></project></xmeml>";
+    EXPECT_EQ(reader.parse(doc), 1);
+    EXPECT_TRUE(reader.sequences().isEmpty());
+    ASSERT_EQ(reader.shots().size(), 1u);
+    // The clip's own marker in the master pass, none from the item passes.
+    EXPECT_EQ(reader.shots().firstRecord()->cues.size(), 1u);
+    EXPECT_DOUBLE_EQ(reader.getSecondsPerTick(), 1.0 / 30);
+    XMLParser parser(doc.c_str(), -1);
+    EXPECT_EQ(reader.getxmlFrameRate(parser), Qv::eFrameRate29_97);
+}
+
+// The reader through the whole import: references resolved to the shots'
+// material, and what resolves to nothing played as black.
+TEST_F(FCP5Reader, ImportsThroughThePipeline) {
+    qvtest::TempDir dir;
+    std::string f = file("f", 1000, 1);
+    qvtest::writeFile(dir.file("cut.xml"),
+                      "\xEF\xBB\xBF<?xml version=\"1.0\"?>\n<!DOCTYPE xmeml>\n" +
+                          sequence(track(clip(f, 0, 10, 0, 10) + clip("<file/>", 10, 20, 0, 10)),
+                                   track(clip(f, 0, 10, 0, 10))));
+    ImportFileList files;
+    files.push_back(Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({dir.wpath() + L"/cut.xml"})));
+    XML::ImportResult r = XML::XMLImportFiles(files, capturingLog());
+    ASSERT_EQ(r.status, 1);
+    ASSERT_EQ(r.edits.size(), 1u);
+    Qv::Ptr<Edit> seq = r.edits[0].ptr();
+    EXPECT_EQ(seq->frameRate, Qv::eFrameRate25);
+    const CelData& a = seq->channels[0].cels[0];
+    Qv::Ptr<Edit> shot = store.find(a.cookie);
+    ASSERT_TRUE(shot);
+    EXPECT_TRUE(shot->isOffline());
+    EXPECT_EQ(a.cookie.type, kCookieVideo);
+    EXPECT_EQ(seq->channels[1].cels[0].cookie.type, kCookieSound);
+    EXPECT_EQ(seq->channels[1].cels[0].cookie.channel, 1);
+    EXPECT_EQ(seq->channels[0].cels[1].cookie, video_black) << "a file without an id";
+    // Its timecode is kept, and its rate is that timecode's.
+    ASSERT_EQ(shot->labels.size(), 1u);
+    EXPECT_EQ(shot->labels[0].get_string(0).str(), "01:00:00:00");
+    EXPECT_DOUBLE_EQ(shot->rate, 25.0);
+    EXPECT_DOUBLE_EQ(shot->getEndTime(), 40.0);
+}
+
+}  // namespace
