@@ -355,6 +355,28 @@ TEST_F(OtioWriter, TheNamespaceCarriesWhatOpenTimelineIOHasNoFieldFor) {
     EXPECT_EQ(shot->channels.size(), 2u) << "the shot's channels, not only those played";
 }
 
+TEST_F(OtioWriter, TheAnglesOfAMultiAngleCelAreFurtherMediaReferences) {
+    Qv::Ptr<Edit> a = qvtest::addShot(store, L"Cam A", 25, 100, {{kChanVideo, "V1"}});
+    Qv::Ptr<Edit> b = qvtest::addShot(store, L"Cam B", 25, 100, {{kChanVideo, "V1"}});
+    Qv::Ptr<Edit> seq = qvtest::addSequence(store, L"Multi", Qv::eFrameRate25, {{kChanVideo}});
+    CelData& cel = addCel(seq, 0, playCookie(a, 0), 0, 2, 1);
+    cel.alternates = {{playCookie(a, 0), 0}, {playCookie(b, 0), 12}};
+    json doc = write(seq);
+    const json& clip = items(doc, 0)[0];
+    EXPECT_EQ(clip["active_media_reference_key"], "DEFAULT_MEDIA");
+    EXPECT_EQ(clip["media_references"]["qvxml_angle_2"]["name"], "Cam B");
+    EXPECT_EQ(clip["metadata"]["qvxml"]["alternates"][1]["offset"], 12);
+
+    Qv::Ptr<Edit> again = roundTrip(seq);
+    ASSERT_TRUE(again);
+    const std::vector<CelAlternate>& angles = again->channels[0].cels[0].alternates;
+    ASSERT_EQ(angles.size(), 2u);
+    EXPECT_EQ(back.find(angles[0].cookie)->name, L"Cam A");
+    EXPECT_EQ(back.find(angles[1].cookie)->name, L"Cam B");
+    EXPECT_EQ(angles[1].offset, 12);
+    EXPECT_EQ(angles[1].cookie.type, kCookieVideo);
+}
+
 TEST_F(OtioWriter, AShotAloneComesBackAsAShot) {
     Qv::Ptr<Edit> a = qvtest::addShot(store, L"Alone", 25, 2);
     json doc = write(a);
