@@ -19,6 +19,8 @@
 #include "host/OS.h"
 #include "host/Paths.h"
 #include "host/Snapshot.h"
+#include "otio/OtioImport.h"
+#include "otio/OtioWriter.h"
 #include "plugin/Status.h"
 
 namespace qvapp {
@@ -176,13 +178,17 @@ bool Commands::flavourOf(const std::string& to, Flavour& out, int& exitCode) {
         out = {XML::XMLFlavourFCP5, "xmeml"};
     } else if (to == "fcpxml") {
         out = {XML::XMLFlavourFCPX, "fcpxml"};
+    } else if (to == "otio" || to == "opentimelineio") {
+        out = {XML::XMLFlavourNone, "otio", true};
     } else if (to.empty()) {
         exitCode = fail(kExitUsage,
-                        "say which format to write with --to native, --to xmeml or --to fcpxml");
+                        "say which format to write with --to native, --to xmeml, --to fcpxml or "
+                        "--to otio");
         return false;
     } else {
-        exitCode = fail(kExitUsage,
-                        quoted(to) + " is no format qvxml writes; use native, xmeml or fcpxml");
+        exitCode =
+            fail(kExitUsage,
+                 quoted(to) + " is no format qvxml writes; use native, xmeml, fcpxml or otio");
         return false;
     }
     return true;
@@ -200,6 +206,24 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
         if (S_ISDIR(st.st_mode))
             return fail(kExitUnreadable, quoted(input) + " is a folder, not a document");
         if (st.st_size == 0) return fail(kExitUnreadable, quoted(input) + " is empty");
+        // OpenTimelineIO: JSON whose root object has an OTIO_SCHEMA, whatever
+        // the file's name. The command reads it itself.
+        if (QvOtio::isOtioDocument(wide(absolute(input)))) {
+            console_->status("importing " + input);
+            std::string why;
+            XML::ImportResult r = QvOtio::importOtioFile(wide(absolute(input)), log(), why);
+            console_->clearProgress();
+            for (const EditModifier& m : r.edits)
+                made.push_back(m.ptr());
+            if (r.status == XML::kStatusOK) continue;
+            if (r.status == XML::kStatusUnreadable)
+                return fail(kExitUnreadable, "cannot read " + quoted(input));
+            if (!why.empty())
+                return fail(kExitUnknownDocument,
+                            quoted(input) + " cannot be read as OpenTimelineIO: " + why);
+            return fail(kExitFailed,
+                        quoted(input) + " could not be imported (see the messages above)");
+        }
         DocumentHead head = readDocumentHead(input);
         if (head.kind == DocumentHead::Kind::Fcpxml)
             return fail(kExitUnknownDocument, whyUnreadable(input, head));
@@ -254,8 +278,32 @@ std::string Commands::uniqueStem(const Qv::Ptr<Edit>& edit, const std::string& e
     }
 }
 
+std::string Commands::extensionOf(const Flavour& flavour) {
+    if (flavour.otio) return ".otio";
+    return narrow(plugin_.resource()->getExtension(flavour.value));
+}
+
+int Commands::exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName) {
+    std::string label =
+        edit->name.empty() ? std::string("the nameless edit") : quoted(narrow(edit->name));
+    LightweightString<wchar_t> path = Qv::FilespecUtils::makeValidFilespec(
+        wide(absolute(o.outputDir)), stripExtension(wide(fileName)), L".otio", false, L'_');
+    QvOtio::ExportOptions options;
+    options.skipOffline = o.skipOffline;
+    int status = QvOtio::exportOtio(edit->cookie, path, options, log());
+    if (status == XML::kStatusCannotCreate)
+        return fail(kExitNotWritable, "cannot write " + quoted(narrow(path)));
+    if (status != XML::kStatusOK)
+        return fail(kExitFailed, label + " could not be exported as otio (see the messages above)");
+    console_->takeWrittenPaths();
+    std::fprintf(stdout, "%s\n", narrow(path).c_str());
+    std::fflush(stdout);
+    return kExitOK;
+}
+
 int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
                          const std::string& fileName) {
+    if (flavour.otio) return exportOtio(edit, o, fileName);
     QvExport::ExporterFactoryBase* factory = plugin_.exporterFactory();
     if (!factory)
         return fail(kExitNotAvailable,
@@ -347,7 +395,10 @@ int Commands::convert(const Options& o) {
     if (!isDirectory(wide(o.outputDir)))
         return fail(kExitNoFolder, "the output folder " + quoted(o.outputDir) + " does not exist");
     usedDir_ = absolute(o.outputDir);
-    std::string extension = narrow(plugin_.resource()->getExtension(flavour.value));
+    std::string extension = extensionOf(flavour);
+    // A file written never takes the place of a document read.
+    for (const std::string& input : o.inputs)
+        usedPaths_.push_back(absolute(input));
 
     int result = kExitOK;
     for (const std::string& input : o.inputs) {
@@ -473,7 +524,8 @@ int Commands::exportSnapshot(const Options& o) {
                                         "; say which with --edit NAME");
         }
     }
-    std::string extension = narrow(plugin_.resource()->getExtension(flavour.value));
+    std::string extension = extensionOf(flavour);
+    usedPaths_.push_back(absolute(input));
     std::string fileName = o.name.empty() ? uniqueStem(chosen, extension) + extension : o.name;
     return exportEdit(chosen, flavour, o, fileName);
 }
@@ -486,8 +538,17 @@ int Commands::rate(const Options& o) {
         return fail(kExitUnreadable, "cannot read " + quoted(input) + ": there is no such file");
     iXMLResource* resource = plugin_.resource();
     if (!resource) return fail(kExitPlugin, "the XML plug-in offers no XML resource");
-    DocumentHead head = readDocumentHead(input);
     const LightweightString<wchar_t> path = wide(absolute(input));
+    if (QvOtio::isOtioDocument(path)) {
+        Qv::FrameRate rate = QvOtio::otioFrameRate(path);
+        if (rate == Qv::eFrameRateNone)
+            return fail(kExitUnknownDocument, "the frame rate of " + quoted(input) +
+                                                  " cannot be told: it holds no OpenTimelineIO "
+                                                  "timeline qvxml can read");
+        std::printf("%s\n", narrow(Qv::getPlainString(rate)).c_str());
+        return kExitOK;
+    }
+    DocumentHead head = readDocumentHead(input);
     Qv::FrameRate r;
     {
         MendedVersion mended(input, head, path, log());

@@ -24,7 +24,7 @@ enum ExitCode {
 
 struct Options {
     std::vector<std::string> inputs;
-    std::string to;  // native, xmeml, fcpxml
+    std::string to;  // native, xmeml, fcpxml, otio
     std::string outputDir = ".";
     std::string snapshot;  // import: where to write the project
     std::string edit;      // export: which edit
@@ -47,6 +47,7 @@ class Commands {
     struct Flavour {
         XML::XMLFlavour value;
         const char* name;
+        bool otio = false;  // OpenTimelineIO: written by the command, not the plug-in
     };
     // A --to value as a flavour, or a failure already reported.
     bool flavourOf(const std::string& to, Flavour& out, int& exitCode);
@@ -56,6 +57,9 @@ class Commands {
     // Exports one edit; prints the path of each file written.
     int exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
                    const std::string& fileName);
+    // Writes an edit as an OpenTimelineIO file.
+    int exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName);
+    std::string extensionOf(const Flavour& flavour);
     // A name for the edit's file that no earlier export of this run used.
     std::string uniqueStem(const Qv::Ptr<Edit>& edit, const std::string& extension);
     int fail(int code, const std::string& sentence);
