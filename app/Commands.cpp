@@ -163,7 +163,7 @@ Commands::Commands(PluginLoader& plugin, Qv::Ptr<ConsoleLog> console)
 
 int Commands::fail(int code, const std::string& sentence) {
     console_->clearProgress();
-    std::fprintf(stderr, "qvxml: %s\n", sentence.c_str());
+    std::fprintf(err_, "qvxml: %s\n", sentence.c_str());
     return code;
 }
 
@@ -271,8 +271,10 @@ std::string Commands::uniqueStem(const Qv::Ptr<Edit>& edit, const std::string& e
         std::string candidate = n == 1 ? stem : stem + " " + std::to_string(n);
         std::string path = narrow(Qv::FilespecUtils::makeValidFilespec(
             wide(usedDir_), wide(candidate), wide(extension), false, L'_'));
-        if (std::find(usedPaths_.begin(), usedPaths_.end(), path) == usedPaths_.end()) {
-            usedPaths_.push_back(path);
+        std::lock_guard<std::mutex> lock(used_->mutex);
+        std::vector<std::string>& used = used_->paths;
+        if (std::find(used.begin(), used.end(), path) == used.end()) {
+            used.push_back(path);
             return candidate;
         }
     }
@@ -296,8 +298,8 @@ int Commands::exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std:
     if (status != XML::kStatusOK)
         return fail(kExitFailed, label + " could not be exported as otio (see the messages above)");
     console_->takeWrittenPaths();
-    std::fprintf(stdout, "%s\n", narrow(path).c_str());
-    std::fflush(stdout);
+    std::fprintf(out_, "%s\n", narrow(path).c_str());
+    std::fflush(out_);
     return kExitOK;
 }
 
@@ -379,11 +381,11 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
     // A silent export reports nothing; the file is where the name says.
     if (written.empty() && fileExists(wide(expected))) written.push_back(expected);
     if (written.empty()) {
-        std::fprintf(stdout, "%s: nothing to write\n", label.c_str());
+        std::fprintf(out_, "%s: nothing to write\n", label.c_str());
     }
     for (const std::string& f : written)
-        std::fprintf(stdout, "%s\n", f.c_str());
-    std::fflush(stdout);
+        std::fprintf(out_, "%s\n", f.c_str());
+    std::fflush(out_);
     return kExitOK;
 }
 
@@ -398,43 +400,8 @@ int Commands::convert(const Options& o) {
     std::string extension = extensionOf(flavour);
     // A file written never takes the place of a document read.
     for (const std::string& input : o.inputs)
-        usedPaths_.push_back(absolute(input));
-
-    int result = kExitOK;
-    for (const std::string& input : o.inputs) {
-        // Each document goes into a fresh project of its own.
-        EditStore project;
-        ScopedCurrentStore scope(project);
-        std::vector<Qv::Ptr<Edit>> made;
-        int imported = importDocuments({input}, made);
-        if (imported != kExitOK) {
-            if (result == kExitOK) result = imported;
-            continue;
-        }
-        std::vector<Qv::Ptr<Edit>> toWrite = made;
-        if (toWrite.empty())
-            for (const Qv::Ptr<Edit>& e : project.edits())
-                if (e->isShot()) toWrite.push_back(e);
-        if (toWrite.empty()) {
-            std::fprintf(stderr, "qvxml: %s holds no sequences and no shots; nothing to write\n",
-                         quoted(input).c_str());
-            continue;
-        }
-        for (const Qv::Ptr<Edit>& e : toWrite) {
-            // A sequence without tracks (in xmeml, a use of a nested sequence
-            // that is defined elsewhere) has nothing to write.
-            if (!e->isShot() && e->getNumChans(3) == 0) {
-                log().WarningOut(
-                    "%s has no tracks; no file is written for it",
-                    quoted(e->name.empty() ? std::string("the nameless sequence") : narrow(e->name))
-                        .c_str());
-                continue;
-            }
-            int exported = exportEdit(e, flavour, o, uniqueStem(e, extension) + extension);
-            if (exported != kExitOK && result == kExitOK) result = exported;
-        }
-    }
-    return result;
+        used_->paths.push_back(absolute(input));
+    return convertAll(o, flavour, extension);
 }
 
 int Commands::import(const Options& o) {
@@ -525,9 +492,9 @@ int Commands::exportSnapshot(const Options& o) {
         }
     }
     std::string extension = extensionOf(flavour);
-    usedPaths_.push_back(absolute(input));
+    used_->paths.push_back(absolute(input));
     std::string fileName = o.name.empty() ? uniqueStem(chosen, extension) + extension : o.name;
-    return exportEdit(chosen, flavour, o, fileName);
+    return exportWithReport(chosen, flavour, o, fileName, input);
 }
 
 int Commands::rate(const Options& o) {

@@ -1,6 +1,9 @@
 // The commands of qvxml.
 #pragma once
 
+#include <cstdio>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -32,7 +35,17 @@ struct Options {
     bool silent = false;
     bool skipOffline = false;
     Verbosity verbosity = Verbosity::Normal;
+    // The conform toolkit (see the user guide's "Conforming").
+    int jobs = 1;                         // -j: documents worked on side by side; 0 all cores
+    std::string report;                   // --report: the loss report as JSON
+    std::vector<std::string> searchDirs;  // relink: where to look
+    bool outputGiven = false;             // -o was given (draw, relink: a file)
+    bool json = false;                    // info --json
+    bool listClips = false, listMedia = false, listMarkers = false;
+    bool dryRun = false;  // relink: say what would be matched, write nothing
 };
+
+struct DocumentLosses;
 
 class Commands {
   public:
@@ -42,6 +55,15 @@ class Commands {
     int import(const Options& o);
     int exportSnapshot(const Options& o);
     int rate(const Options& o);
+    int info(const Options& o);    // app/Info.cpp
+    int relink(const Options& o);  // app/Relink.cpp
+    int draw(const Options& o);    // app/Draw.cpp
+
+    // Where the command's words go: a job of a batch has streams of its own.
+    void setStreams(std::FILE* out, std::FILE* err) {
+        out_ = out;
+        err_ = err;
+    }
 
   private:
     struct Flavour {
@@ -63,12 +85,34 @@ class Commands {
     // A name for the edit's file that no earlier export of this run used.
     std::string uniqueStem(const Qv::Ptr<Edit>& edit, const std::string& extension);
     int fail(int code, const std::string& sentence);
+    // Converts the documents, side by side with -j, each with its loss
+    // report (app/Convert.cpp).
+    int convertAll(const Options& o, const Flavour& flavour, const std::string& extension);
+    int convertDocument(std::size_t job, const std::string& input, const Options& o,
+                        const Flavour& flavour, const std::string& extension, class Turns* turns,
+                        DocumentLosses& losses);
+    // Exports an edit of a snapshot and reports what did not cross.
+    int exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
+                         const std::string& fileName, const std::string& input);
+    // Describes one document for `info` (app/Info.cpp).
+    int infoDocument(const std::string& input, const Options& o, std::string& json);
+    // Reads a document or snapshot into the current store: the sequences it
+    // made, what the store held before, and its format.
+    int readForLooking(const std::string& input, std::vector<Qv::Ptr<Edit>>& sequences,
+                       std::string& format);
     LoggerHandle log() const { return LoggerHandle(Qv::Ptr<iLogSink>(console_)); }
 
     PluginLoader& plugin_;
     Qv::Ptr<ConsoleLog> console_;
-    std::string usedDir_;                 // the folder that file names are made for
-    std::vector<std::string> usedPaths_;  // files this run has written
+    std::string usedDir_;  // the folder that file names are made for
+    // Files this run has written, shared by the jobs of a batch.
+    struct NameBook {
+        std::mutex mutex;
+        std::vector<std::string> paths;
+    };
+    std::shared_ptr<NameBook> used_ = std::make_shared<NameBook>();
+    std::FILE* out_ = stdout;
+    std::FILE* err_ = stderr;
 };
 
 }  // namespace qvapp

@@ -27,6 +27,7 @@ void ConsoleLog::line(LogKind kind, int indent, const LightweightString<char>& t
     switch (kind) {
         case LogKind::Warning:
             ++warnings_;
+            warningLines_.push_back(text.str());
             mark = "warning: ";
             break;
         case LogKind::Error:
@@ -76,6 +77,11 @@ void ConsoleLog::status(const std::string& what) {
 std::vector<std::string> ConsoleLog::takeWrittenPaths() {
     std::lock_guard<std::mutex> lock(mutex_);
     return std::move(written_);
+}
+
+std::vector<std::string> ConsoleLog::takeWarningLines() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::move(warningLines_);
 }
 
 }  // namespace qvapp

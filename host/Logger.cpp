@@ -217,7 +217,16 @@ Qv::Ptr<iLogSink>& appLog() {
     static Qv::Ptr<iLogSink> sink;
     return sink;
 }
+thread_local Qv::Ptr<iLogSink> threadAppLog;
 }  // namespace
+
+void setThreadApplicationLog(Qv::Ptr<iLogSink> sink) {
+    threadAppLog = std::move(sink);
+}
+
+Qv::Ptr<iLogSink> threadApplicationLog() {
+    return threadAppLog;
+}
 
 void setApplicationLog(Qv::Ptr<iLogSink> sink) {
     std::lock_guard<std::mutex> lock(appLogMutex());
@@ -229,6 +238,10 @@ void LogBoth(const char* format, ...) {
     va_start(ap, format);
     LightweightString<char> text = withoutTrailingNewlines(formatTextV(format, ap));
     va_end(ap);
+    if (threadAppLog) {
+        threadAppLog->line(LogKind::Info, 0, text, -1);
+        return;
+    }
     std::lock_guard<std::mutex> lock(appLogMutex());
     if (appLog()) appLog()->line(LogKind::Info, 0, text, -1);
 }

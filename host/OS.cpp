@@ -14,6 +14,7 @@
 #include <new>
 #include <string>
 
+#include "host/PathMap.h"
 #include "host/Paths.h"
 
 namespace {
@@ -172,8 +173,12 @@ class Layer final : public iOS {
 
 class PlatformFileSystem final : public iPlatformFileSystem {
   public:
+    // The file of this machine that a locator names, after the path map
+    // has moved it.
     LightweightString<wchar_t> platformForm(const LightweightString<wchar_t>& locator) override {
-        return locatorToPlatformForm(locator);
+        LightweightString<wchar_t> platform = locatorToPlatformForm(locator);
+        std::shared_ptr<const PathMap> map = locatorMap();
+        return map && !map->empty() ? map->apply(platform) : platform;
     }
 };
 
