@@ -22,7 +22,7 @@ const KindText kKinds[] = {
     {"filter", "filters and effects passed over"},
     {"speed-ramp", "speed ramps read as one speed"},
     {"generator", "generators played as black"},
-    {"nested-sequence", "uses of nested sequences played as black"},
+    {"nested-sequence", "uses of nested sequences read flat"},
     {"disabled", "switched-off items that play"},
     {"multiclip", "multiclips whose group is not rebuilt"},
     {"unknown-transition", "transitions of unknown kinds played as black"},

@@ -158,13 +158,16 @@ class XmemlScan {
                 add(p, name, start, "nested-sequence", n ? "\"" + std::string(textOf(n)) + "\"" : "");
             } else if (item->FirstChildElement("multiclip")) {
                 add(p, name, start, "multiclip", itemName);
-            } else if (const XMLElement* file = item->FirstChildElement("file")) {
+            }
+            // The reader finds a clip's file at any depth: a use of a nested
+            // sequence or a multiclip plays the first file inside it.
+            if (const XMLElement* file = firstInside(item, "file")) {
                 const XMLElement* def = file->FirstChildElement() ? file : nullptr;
                 if (!def && file->Attribute("id")) {
                     auto it = files_.find(file->Attribute("id"));
                     if (it != files_.end()) def = it->second;
                 }
-                if (def && !def->FirstChildElement("duration"))
+                if (def && !firstInside(def, "duration"))
                     add(p, name, start, "unusable-file", itemName);
             }
             for (const XMLElement* f = item->FirstChildElement("filter"); f;
