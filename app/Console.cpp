@@ -45,6 +45,7 @@ void ConsoleLog::line(LogKind kind, int indent, const LightweightString<char>& t
             }
             break;
         case LogKind::Info:
+            infoLines_.push_back(text.str());
             break;
     }
     bool show = kind == LogKind::Error || (kind == LogKind::Written && type == 0) ||
@@ -82,6 +83,15 @@ std::vector<std::string> ConsoleLog::takeWrittenPaths() {
 std::vector<std::string> ConsoleLog::takeWarningLines() {
     std::lock_guard<std::mutex> lock(mutex_);
     return std::move(warningLines_);
+}
+
+}  // namespace qvapp
+
+namespace qvapp {
+
+std::vector<std::string> ConsoleLog::takeInfoLines() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::move(infoLines_);
 }
 
 }  // namespace qvapp

@@ -30,6 +30,9 @@ class ConsoleLog : public iLogSink {
     std::vector<std::string> takeWrittenPaths();
     // The warning lines of the run so far, as written, for the loss report.
     std::vector<std::string> takeWarningLines();
+    // The information lines of the run so far: how the import resolved each
+    // shot's media, for `info`.
+    std::vector<std::string> takeInfoLines();
 
   private:
     void clearLocked();
@@ -40,7 +43,7 @@ class ConsoleLog : public iLogSink {
     std::string task_;
     int warnings_ = 0, errors_ = 0;
     std::vector<std::string> written_;
-    std::vector<std::string> warningLines_;
+    std::vector<std::string> warningLines_, infoLines_;
     std::mutex mutex_;
 };
 

@@ -270,7 +270,8 @@ int Commands::draw(const Options& o) {
     std::string format;
     int code = readForLooking(input, sequences, format);
     if (code != kExitOK) return code;
-    DocumentInfo d = describe(sequences, {}, input, format);
+    DocumentInfo d =
+        describe(sequences, {}, input, format, resolutionsFrom(console_->takeInfoLines()));
     if (d.sequences.empty()) return fail(kExitFailed, inQuotes(input) + " holds no sequence to draw");
 
     std::string content;

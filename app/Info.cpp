@@ -223,9 +223,10 @@ int Commands::readForLooking(const std::string& input, std::vector<Qv::Ptr<Edit>
             if (e->logType == kLogTypeSequence) sequences.push_back(e);
         return kExitOK;
     }
+    // The shots keep the locators their document gave, so that what was
+    // moved by --map-path can be told; only what is written is moved.
     int code = importDocuments({input}, sequences);
     if (code != kExitOK) return code;
-    mapImportedLocators({});
     std::FILE* f = std::fopen(input.c_str(), "rb");
     std::string head(4096, '\0');
     head.resize(f ? std::fread(head.data(), 1, head.size(), f) : 0);
@@ -243,7 +244,8 @@ int Commands::infoDocument(const std::string& input, const Options& o, std::stri
     std::string format;
     int code = readForLooking(input, sequences, format);
     if (code != kExitOK) return code;
-    DocumentInfo d = describe(sequences, {}, input, format);
+    DocumentInfo d =
+        describe(sequences, {}, input, format, resolutionsFrom(console_->takeInfoLines()));
     text = o.json ? infoJson(d).dump(2)
                   : infoText(d, o.listClips, o.listMedia, o.listMarkers);
     return kExitOK;

@@ -211,8 +211,8 @@ int Commands::relink(const Options& o) {
         }
         const auto& [path, probe] = agreeing.front();
         std::string how = candidates.size() == 1 ? "by name"
-                                                 : "by name, then size and duration among " +
-                                                       std::to_string(candidates.size());
+                                                 : "by name, then picture size, length and sound among " +
+                                                       std::to_string(candidates.size()) + " files";
         std::string facts = whatMatched(expected, probe);
         std::fprintf(out_, "%s %s to %s (%s%s)\n", o.dryRun ? "would link" : "linked",
                      label.c_str(), path.c_str(), how.c_str(),

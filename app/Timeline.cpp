@@ -32,6 +32,19 @@ LightweightString<wchar_t> placeOf(const LightweightString<wchar_t>& locator) {
     return platform;
 }
 
+// A place that lies where a --map-path rule moves media to.
+bool heldByMap(const std::string& place) {
+    std::shared_ptr<const PathMap> map = locatorMap();
+    if (!map) return false;
+    LightweightString<wchar_t> p = fromUTF8(place.c_str());
+    for (const PathRule& rule : map->rules()) {
+        PathMap probe;
+        probe.add({rule.to, L"/"});
+        if (probe.apply(p) != p) return true;
+    }
+    return false;
+}
+
 // The timecode of a position in a shot's media.
 std::string sourceTimecode(const Edit& shot, double celTime) {
     EditLabel label = shot.getVideoTimecodeLabel();
@@ -46,8 +59,8 @@ std::string sourceTimecode(const Edit& shot, double celTime) {
 class Describer {
   public:
     Describer(const IdentitySet& before, const std::string& documentPath,
-              const std::string& format)
-        : before_(before), store_(EditStore::current()) {
+              const std::string& format, const Resolutions& resolutions)
+        : before_(before), resolutions_(resolutions), store_(EditStore::current()) {
         doc_.path = documentPath;
         doc_.format = format;
     }
@@ -231,12 +244,21 @@ class Describer {
                    place != locatorToPlatformForm(shot.historicLocator);
         bool snapshot = doc_.format == "snapshot";
         if (!shot.mediaPath.empty() && (!snapshot || fileExists(shot.mediaPath))) {
-            if (snapshot || before_.count(keyOf(shot.cookie)))
+            auto told = resolutions_.find(narrow(canonicalPath(shot.mediaPath)));
+            if (told != resolutions_.end()) {
+                // An imported shot's edit is the importer's: the log tells
+                // where its document said it was.
+                m.status = told->second.how;
+                m.locator = told->second.locator;
+                m.mapped = heldByMap(told->second.locator);
+            } else if (snapshot || before_.count(keyOf(shot.cookie))) {
                 m.status = "linked";
-            else if (canonicalPath(place) == canonicalPath(shot.mediaPath))
+            } else if (canonicalPath(place) == canonicalPath(shot.mediaPath)) {
                 m.status = "imported";
-            else
+            } else {
                 m.status = "found";
+            }
+            if (before_.count(keyOf(shot.cookie))) m.status = "linked";
             return m;
         }
         m.status = "offline";
@@ -269,6 +291,7 @@ class Describer {
     }
 
     const IdentitySet& before_;
+    const Resolutions& resolutions_;
     EditStore& store_;
     DocumentInfo doc_;
     std::map<Key, int> index_;
@@ -320,8 +343,42 @@ std::string trackName(const Edit& edit, const StoredChannel& channel) {
 }
 
 DocumentInfo describe(const std::vector<Qv::Ptr<Edit>>& sequences, const IdentitySet& before,
-                      const std::string& documentPath, const std::string& format) {
-    return Describer(before, documentPath, format).run(sequences);
+                      const std::string& documentPath, const std::string& format,
+                      const Resolutions& resolutions) {
+    return Describer(before, documentPath, format, resolutions).run(sequences);
+}
+
+Resolutions resolutionsFrom(const std::vector<std::string>& lines) {
+    // For each shot the import logs "locator <L>", then how it went:
+    // "linking to existing material file", "material queued for import"
+    // (and the importer's Imported "P"), or "linking to local media file
+    // <C>" before either, or "Material offline".
+    Resolutions out;
+    std::string locator, found;
+    auto inside = [](const std::string& line, char open, char close) {
+        size_t a = line.find(open), b = line.rfind(close);
+        return a != std::string::npos && b != std::string::npos && b > a
+                   ? line.substr(a + 1, b - a - 1)
+                   : std::string();
+    };
+    for (const std::string& raw : lines) {
+        std::string line = raw.substr(std::min(raw.find_first_not_of(' '), raw.size()));
+        if (line.starts_with("locator <")) {
+            locator = inside(line, '<', '>');
+            found.clear();
+        } else if (line.starts_with("linking to local media file <")) {
+            found = inside(line, '<', '>');
+            out.try_emplace(narrow(canonicalPath(fromUTF8(found.c_str()))),
+                            Resolution{locator, "found"});
+        } else if (line == "linking to existing material file") {
+            std::string path = narrow(canonicalPath(fromUTF8(locator.c_str())));
+            out.try_emplace(path, Resolution{locator, "linked"});
+        } else if (line.starts_with("Imported \"")) {
+            std::string path = narrow(canonicalPath(fromUTF8(inside(line, '"', '"').c_str())));
+            out[path] = {locator, found.empty() ? "imported" : "found"};
+        }
+    }
+    return out;
 }
 
 }  // namespace qvapp

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -112,12 +113,23 @@ struct DocumentInfo {
 using IdentitySet = std::set<std::tuple<std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t>>;
 IdentitySet identitiesOf(const EditStore& store);
 
+// How an import resolved the media of its shots, read from its log: for each
+// file a shot now plays (canonical path), where the document said it was (after
+// --map-path) and how it was had: "linked", "imported" or "found".
+struct Resolution {
+    std::string locator, how;
+};
+using Resolutions = std::map<std::string, Resolution>;
+Resolutions resolutionsFrom(const std::vector<std::string>& importLog);
+
 // Describes the sequences of the current store that an import made (or, for
 // a snapshot, every sequence of it). `before` holds what the project had
 // before the import; `documentPath` is where the document was read from,
-// for the places an offline file was looked for.
+// for the places an offline file was looked for; `resolutions` what the
+// import's log said of each file.
 DocumentInfo describe(const std::vector<Qv::Ptr<Edit>>& sequences, const IdentitySet& before,
-                      const std::string& documentPath, const std::string& format);
+                      const std::string& documentPath, const std::string& format,
+                      const Resolutions& resolutions = {});
 
 // The name of a channel as editors number tracks: the lowest video track is
 // V1 (the editor's first video channel is the top one), audio A1 onwards.
