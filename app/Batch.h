@@ -5,8 +5,8 @@
 // progress bar says how far the run is.
 #pragma once
 
-#include <cstdio>
 #include <condition_variable>
+#include <cstdio>
 #include <functional>
 #include <mutex>
 #include <string>

@@ -41,8 +41,7 @@ class TurnGuard {
 // starts) go to the job's application log.
 class ThreadAppLog {
   public:
-    explicit ThreadAppLog(Qv::Ptr<ApplicationLog> log)
-        : previous_(threadApplicationLog()) {
+    explicit ThreadAppLog(Qv::Ptr<ApplicationLog> log) : previous_(threadApplicationLog()) {
         setThreadApplicationLog(Qv::Ptr<iLogSink>(log));
     }
     ~ThreadAppLog() { setThreadApplicationLog(previous_); }
@@ -188,8 +187,7 @@ int Commands::convertAll(const Options& o, const Flavour& flavour, const std::st
             std::fprintf(err_, "qvxml: %s\n", summary.c_str());
         }
     }
-    if (!o.report.empty() && !writeReport(o.report, losses, "convert", err_) &&
-        result == kExitOK)
+    if (!o.report.empty() && !writeReport(o.report, losses, "convert", err_) && result == kExitOK)
         result = kExitNotWritable;
     return result;
 }

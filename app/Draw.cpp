@@ -21,12 +21,23 @@ std::string escaped(const std::string& s) {
     std::string out;
     for (char c : s) {
         switch (c) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            case '\'': out += "&#39;"; break;
-            default: out.push_back(c);
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            case '\'':
+                out += "&#39;";
+                break;
+            default:
+                out.push_back(c);
         }
     }
     return out;
@@ -79,13 +90,14 @@ std::string sequenceSvg(const DocumentInfo& d, const SequenceInfo& s) {
                       num(kWidth) + " " + num(height) + "\" data-sequence=\"" + escaped(s.name) +
                       "\" data-clips=\"" + std::to_string(s.clips.size()) + "\">\n";
     svg += "<title>" + escaped(s.name) + "</title>\n";
-    svg += "<style>.clip{stroke:#1d2b3a;stroke-width:1}.v{fill:#5b8def}.a{fill:#4cb782}"
-           ".offline{fill:#e5484d;stroke:#7a1010;stroke-dasharray:4 2}"
-           ".transition{fill:#f5c542;opacity:.85}.gap{fill:none;stroke:#c8ccd2;"
-           "stroke-dasharray:3 3}.lane{fill:#f3f4f6}.label{font:11px sans-serif;fill:#fff}"
-           ".tick{stroke:#8a9099}.tc{font:10px monospace;fill:#333}"
-           ".track{font:bold 11px sans-serif;fill:#333}.marker{fill:#d6336c}"
-           ".markerline{stroke:#d6336c;stroke-dasharray:2 3}</style>\n";
+    svg +=
+        "<style>.clip{stroke:#1d2b3a;stroke-width:1}.v{fill:#5b8def}.a{fill:#4cb782}"
+        ".offline{fill:#e5484d;stroke:#7a1010;stroke-dasharray:4 2}"
+        ".transition{fill:#f5c542;opacity:.85}.gap{fill:none;stroke:#c8ccd2;"
+        "stroke-dasharray:3 3}.lane{fill:#f3f4f6}.label{font:11px sans-serif;fill:#fff}"
+        ".tick{stroke:#8a9099}.tc{font:10px monospace;fill:#333}"
+        ".track{font:bold 11px sans-serif;fill:#333}.marker{fill:#d6336c}"
+        ".markerline{stroke:#d6336c;stroke-dasharray:2 3}</style>\n";
 
     // The ruler: a timecode every so many seconds, about ten of them.
     const double seconds = frames / s.ticks;
@@ -123,8 +135,8 @@ std::string sequenceSvg(const DocumentInfo& d, const SequenceInfo& s) {
         const TrackInfo& track = s.tracks[static_cast<std::size_t>(c.track)];
         double y = laneY[static_cast<std::size_t>(c.track)];
         double w = std::max(1.0, static_cast<double>(c.recordOut - c.recordIn) * scale);
-        std::string kind = std::string("clip ") + (track.video ? "v" : "a") +
-                           (c.offline ? " offline" : "");
+        std::string kind =
+            std::string("clip ") + (track.video ? "v" : "a") + (c.offline ? " offline" : "");
         std::string title = c.name + "\n" + track.name + " " + s.timecode(c.recordIn) + " to " +
                             s.timecode(c.recordOut);
         if (!c.sourceIn.empty()) title += "\nsource " + c.sourceIn + " to " + c.sourceOut;
@@ -132,10 +144,10 @@ std::string sequenceSvg(const DocumentInfo& d, const SequenceInfo& s) {
         if (c.offline) title += "\nOFFLINE";
         if (c.media >= 0 && !d.media[static_cast<std::size_t>(c.media)].path.empty())
             title += "\n" + d.media[static_cast<std::size_t>(c.media)].path;
-        svg += "<g><rect class=\"" + kind + "\" x=\"" + num(x(c.recordIn)) + "\" y=\"" +
-               num(y) + "\" width=\"" + num(w) + "\" height=\"" + num(kLane) +
-               "\" rx=\"3\" data-track=\"" + escaped(track.name) + "\" data-name=\"" +
-               escaped(c.name) + "\"><title>" + escaped(title) + "</title></rect>";
+        svg += "<g><rect class=\"" + kind + "\" x=\"" + num(x(c.recordIn)) + "\" y=\"" + num(y) +
+               "\" width=\"" + num(w) + "\" height=\"" + num(kLane) + "\" rx=\"3\" data-track=\"" +
+               escaped(track.name) + "\" data-name=\"" + escaped(c.name) + "\"><title>" +
+               escaped(title) + "</title></rect>";
         std::string label = fitted(c.name, w);
         if (!label.empty())
             svg += "<text class=\"label\" x=\"" + num(x(c.recordIn) + 3) + "\" y=\"" +
@@ -144,8 +156,8 @@ std::string sequenceSvg(const DocumentInfo& d, const SequenceInfo& s) {
     }
     for (const TransitionInfo& t : s.transitions) {
         double y = laneY[static_cast<std::size_t>(t.track)];
-        svg += "<rect class=\"transition\" x=\"" + num(x(t.recordIn)) + "\" y=\"" +
-               num(y + 4) + "\" width=\"" +
+        svg += "<rect class=\"transition\" x=\"" + num(x(t.recordIn)) + "\" y=\"" + num(y + 4) +
+               "\" width=\"" +
                num(std::max(2.0, static_cast<double>(t.recordOut - t.recordIn) * scale)) +
                "\" height=\"" + num(kLane - 8) + "\"><title>" + t.kind + " " +
                s.timecode(t.recordIn) + " to " + s.timecode(t.recordOut) + "</title></rect>\n";
@@ -154,7 +166,8 @@ std::string sequenceSvg(const DocumentInfo& d, const SequenceInfo& s) {
         double mx = x(m.in);
         svg += "<g><line class=\"markerline\" x1=\"" + num(mx) + "\" y1=\"" + num(kRuler) +
                "\" x2=\"" + num(mx) + "\" y2=\"" + num(height - 6) + "\"/>";
-        svg += "<path class=\"marker\" d=\"M" + num(mx - 5) + " " + num(kRuler - 8) + " h10 l-5 8 z\"><title>" +
+        svg += "<path class=\"marker\" d=\"M" + num(mx - 5) + " " + num(kRuler - 8) +
+               " h10 l-5 8 z\"><title>" +
                escaped(m.name + (m.comment.empty() ? "" : " - " + m.comment)) + " " +
                s.timecode(m.in) + "</title></path></g>\n";
     }
@@ -179,16 +192,17 @@ std::string table(const std::vector<std::string>& head,
 
 std::string page(const DocumentInfo& d, const std::vector<Loss>& losses) {
     std::string title = "qvxml: " + d.path;
-    std::string h = "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
-                    "<title>" +
-                    escaped(title) +
-                    "</title>\n<style>body{font:14px sans-serif;margin:24px;color:#1d2b3a}"
-                    "h1{font-size:20px}h2{font-size:17px;margin-top:32px}"
-                    "table{border-collapse:collapse;margin:8px 0 16px}"
-                    "td,th{border:1px solid #d5d9de;padding:3px 8px;text-align:left;"
-                    "font-size:12px}th{background:#eef1f4}.offline td{color:#b42318}"
-                    "svg{display:block;margin:8px 0;border:1px solid #d5d9de}"
-                    "rect.clip:hover{stroke-width:3}</style></head>\n<body>\n";
+    std::string h =
+        "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
+        "<title>" +
+        escaped(title) +
+        "</title>\n<style>body{font:14px sans-serif;margin:24px;color:#1d2b3a}"
+        "h1{font-size:20px}h2{font-size:17px;margin-top:32px}"
+        "table{border-collapse:collapse;margin:8px 0 16px}"
+        "td,th{border:1px solid #d5d9de;padding:3px 8px;text-align:left;"
+        "font-size:12px}th{background:#eef1f4}.offline td{color:#b42318}"
+        "svg{display:block;margin:8px 0;border:1px solid #d5d9de}"
+        "rect.clip:hover{stroke-width:3}</style></head>\n<body>\n";
     h += "<h1>" + escaped(d.path) + " <small>(" + escaped(d.format) + ")</small></h1>\n";
     h += "<p id=\"drawn\"></p>\n";
     for (const SequenceInfo& s : d.sequences) {
@@ -272,7 +286,8 @@ int Commands::draw(const Options& o) {
     if (code != kExitOK) return code;
     DocumentInfo d =
         describe(sequences, {}, input, format, resolutionsFrom(console_->takeInfoLines()));
-    if (d.sequences.empty()) return fail(kExitFailed, inQuotes(input) + " holds no sequence to draw");
+    if (d.sequences.empty())
+        return fail(kExitFailed, inQuotes(input) + " holds no sequence to draw");
 
     std::string content;
     if (html) {
@@ -285,15 +300,17 @@ int Commands::draw(const Options& o) {
             std::string svg = sequenceSvg(d, s);
             std::size_t h = svg.find("height=\"");
             double height = std::strtod(svg.c_str() + h + 8, nullptr);
-            body += "<g transform=\"translate(0 " + num(y + 18) + ")\">\n<text x=\"6\" y=\"-4\" "
+            body += "<g transform=\"translate(0 " + num(y + 18) +
+                    ")\">\n<text x=\"6\" y=\"-4\" "
                     "style=\"font:bold 13px sans-serif\">" +
                     escaped(s.name) + "</text>\n" + svg + "</g>\n";
             y += height + 30;
         }
-        content = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<svg "
-                  "xmlns=\"http://www.w3.org/2000/svg\" width=\"" +
-                  num(kWidth) + "\" height=\"" + num(y) + "\" viewBox=\"0 0 " + num(kWidth) + " " +
-                  num(y) + "\">\n" + body + "</svg>\n";
+        content =
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<svg "
+            "xmlns=\"http://www.w3.org/2000/svg\" width=\"" +
+            num(kWidth) + "\" height=\"" + num(y) + "\" viewBox=\"0 0 " + num(kWidth) + " " +
+            num(y) + "\">\n" + body + "</svg>\n";
     }
     std::string why;
     if (!writeWholeFile(output, content, why)) return fail(kExitNotWritable, why);

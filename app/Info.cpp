@@ -54,10 +54,12 @@ std::string speedText(double speed) {
 json infoJson(const DocumentInfo& d) {
     json media = json::array();
     for (const MediaInfo& m : d.media) {
-        json j = {{"name", m.name},         {"status", m.status}, {"path", m.path},
-                  {"locator", m.locator},   {"mapped", m.mapped}, {"seconds", m.seconds},
-                  {"video", m.video},       {"width", m.width},   {"height", m.height},
-                  {"audioChannels", m.audioChannels}, {"uses", m.uses}};
+        json j = {{"name", m.name},     {"status", m.status},
+                  {"path", m.path},     {"locator", m.locator},
+                  {"mapped", m.mapped}, {"seconds", m.seconds},
+                  {"video", m.video},   {"width", m.width},
+                  {"height", m.height}, {"audioChannels", m.audioChannels},
+                  {"uses", m.uses}};
         if (m.status == "offline") {
             j["why"] = m.why;
             j["lookedIn"] = m.lookedIn;
@@ -246,8 +248,7 @@ int Commands::infoDocument(const std::string& input, const Options& o, std::stri
     if (code != kExitOK) return code;
     DocumentInfo d =
         describe(sequences, {}, input, format, resolutionsFrom(console_->takeInfoLines()));
-    text = o.json ? infoJson(d).dump(2)
-                  : infoText(d, o.listClips, o.listMedia, o.listMarkers);
+    text = o.json ? infoJson(d).dump(2) : infoText(d, o.listClips, o.listMedia, o.listMarkers);
     return kExitOK;
 }
 

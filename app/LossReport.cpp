@@ -100,8 +100,7 @@ void fcpxmlLosses(const SequenceInfo& s, std::vector<Loss>& out) {
     EditStore& store = EditStore::current();
     for (const ClipInfo& c : s.clips) {
         if (c.speed != 1) out.push_back(at(s, "speed", c.track, c.recordIn, speedText(c.speed)));
-        if (c.multiAngle)
-            out.push_back(at(s, "multi-angle-flat", c.track, c.recordIn, c.name));
+        if (c.multiAngle) out.push_back(at(s, "multi-angle-flat", c.track, c.recordIn, c.name));
         if (!s.tracks[static_cast<std::size_t>(c.track)].video && c.level != 1)
             out.push_back(at(s, "cel-level", c.track, c.recordIn, c.name));
     }
@@ -113,8 +112,8 @@ void fcpxmlLosses(const SequenceInfo& s, std::vector<Loss>& out) {
     for (std::size_t i = 1; i < s.transitions.size(); ++i)
         if (s.transitions[i].track == s.transitions[i - 1].track &&
             s.transitions[i].recordIn == s.transitions[i - 1].recordOut)
-            out.push_back(at(s, "transition-as-gap", s.transitions[i].track,
-                             s.transitions[i].recordIn, ""));
+            out.push_back(
+                at(s, "transition-as-gap", s.transitions[i].track, s.transitions[i].recordIn, ""));
     for (const MarkerInfo& m : s.markers)
         if (m.colour != 0) {
             char colour[16];
@@ -156,7 +155,8 @@ void fcpxmlLosses(const SequenceInfo& s, std::vector<Loss>& out) {
             out.push_back(at(s, "reel", c.track, c.recordIn, c.name + ": " + reels));
         std::string texts;
         for (const char* key : kLogFieldKeys)
-            if (!shot->getConfig(key).empty()) texts += (texts.empty() ? "" : ", ") + std::string(key);
+            if (!shot->getConfig(key).empty())
+                texts += (texts.empty() ? "" : ", ") + std::string(key);
         if (!texts.empty())
             out.push_back(at(s, "log-text", c.track, c.recordIn, c.name + ": " + texts));
     }
@@ -245,6 +245,9 @@ std::vector<Loss> writerLosses(const SequenceInfo& s, const std::vector<std::str
         } else if (line.starts_with("Badly defined segment - ends beyond last frame")) {
             l.kind = "clip-shortened";
             l.detail = "ran past the last frame of its media";
+        } else if (line.starts_with("Badly defined segment - starts before the end of the one")) {
+            l.kind = "clip-shortened";
+            l.detail = "overlapped the item before it; it starts where that one ends";
         } else if (line.starts_with("Insufficient material for TRANSITION")) {
             l.kind = "transition-removed";
             l.detail = "not enough material on either side";
@@ -273,32 +276,35 @@ std::string lossSummary(const DocumentLosses& d) {
     if (counts.empty()) return head + "nothing was lost";
     std::vector<std::pair<std::string, int>> kinds(counts.begin(), counts.end());
     std::sort(kinds.begin(), kinds.end(), [](const auto& a, const auto& b) {
-        return a.second != b.second ? a.second > b.second
-                                    : kindOrder(a.first) < kindOrder(b.first);
+        return a.second != b.second ? a.second > b.second : kindOrder(a.first) < kindOrder(b.first);
     });
     std::string text = head + counted(static_cast<long>(d.items.size()), "loss", "losses") + " (";
     for (std::size_t i = 0; i < kinds.size(); ++i)
-        text += (i ? ", " : "") + std::to_string(kinds[i].second) + " " + kindPhrase(kinds[i].first);
+        text +=
+            (i ? ", " : "") + std::to_string(kinds[i].second) + " " + kindPhrase(kinds[i].first);
     return text + ")";
 }
 
 nlohmann::json lossJson(const DocumentLosses& d) {
     nlohmann::json items = nlohmann::json::array();
     for (const Loss& l : d.items) {
-        nlohmann::json j = {{"kind", l.kind},         {"origin", l.origin},
-                            {"sequence", l.sequence}, {"track", l.track},
-                            {"timecode", l.timecode}, {"detail", l.detail}};
+        nlohmann::json j = {{"kind", l.kind},   {"origin", l.origin},     {"sequence", l.sequence},
+                            {"track", l.track}, {"timecode", l.timecode}, {"detail", l.detail}};
         j["frame"] = l.frame >= 0 ? nlohmann::json(l.frame) : nlohmann::json(nullptr);
         items.push_back(std::move(j));
     }
     nlohmann::json counts = nlohmann::json::object();
     for (const auto& [kind, n] : d.counts())
         counts[kind] = n;
-    return {{"input", d.input},    {"target", d.target}, {"outputs", d.outputs},
-            {"counts", counts},    {"items", items}};
+    return {{"input", d.input},
+            {"target", d.target},
+            {"outputs", d.outputs},
+            {"counts", counts},
+            {"items", items}};
 }
 
-std::string lossReportText(const std::vector<DocumentLosses>& documents, const std::string& command) {
+std::string lossReportText(const std::vector<DocumentLosses>& documents,
+                           const std::string& command) {
     nlohmann::json docs = nlohmann::json::array();
     nlohmann::json totals = nlohmann::json::object();
     for (const DocumentLosses& d : documents) {
@@ -307,8 +313,11 @@ std::string lossReportText(const std::vector<DocumentLosses>& documents, const s
         for (const auto& [kind, n] : d.counts())
             totals[kind] = totals.value(kind, 0) + n;
     }
-    nlohmann::json root = {{"qvxml", "loss-report"}, {"version", 1},     {"command", command},
-                           {"counts", totals},       {"documents", docs}};
+    nlohmann::json root = {{"qvxml", "loss-report"},
+                           {"version", 1},
+                           {"command", command},
+                           {"counts", totals},
+                           {"documents", docs}};
     return root.dump(2) + "\n";
 }
 

@@ -40,8 +40,8 @@ std::string kindPhrase(const std::string& kind);
 // What the target format cannot hold of a sequence, found by comparing the
 // project's edit with the format: "native", "xmeml", "fcpxml" or "otio".
 // `silent` and `skipOffline` are the export's options of those names.
-std::vector<Loss> targetLosses(const SequenceInfo& sequence, const std::string& target,
-                               bool silent, bool skipOffline);
+std::vector<Loss> targetLosses(const SequenceInfo& sequence, const std::string& target, bool silent,
+                               bool skipOffline);
 
 // The plug-in's warnings of an export, as its log gave them, made into
 // losses of the sequence: clips it shortened, transitions it replaced.
@@ -52,6 +52,7 @@ std::string lossSummary(const DocumentLosses& losses);
 
 nlohmann::json lossJson(const DocumentLosses& losses);
 // The whole report of a run as JSON text.
-std::string lossReportText(const std::vector<DocumentLosses>& documents, const std::string& command);
+std::string lossReportText(const std::vector<DocumentLosses>& documents,
+                           const std::string& command);
 
 }  // namespace qvapp

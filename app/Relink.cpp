@@ -34,8 +34,9 @@ class FileIndex {
         namespace fs = std::filesystem;
         for (const std::string& folder : folders) {
             std::error_code ec;
-            fs::recursive_directory_iterator it(
-                folder, fs::directory_options::skip_permission_denied, ec), end;
+            fs::recursive_directory_iterator it(folder,
+                                                fs::directory_options::skip_permission_denied, ec),
+                end;
             for (; !ec && it != end; it.increment(ec)) {
                 std::error_code typeError;
                 if (!it->is_regular_file(typeError)) continue;
@@ -197,11 +198,22 @@ int Commands::relink(const Options& o) {
             else if (whyNot.empty())
                 whyNot = inQuotes(c) + ": " + why;
         }
+        // The one file of that name is the shot's media, if it is media at
+        // all; that it disagrees with the shot is said.
+        std::string caveat;
+        if (candidates.size() == 1 && agreeing.empty()) {
+            MediaProbe probe = probeMediaFile(wideText(candidates.front()));
+            if (probe.ok) {
+                caveat = "; but " + mismatch(expected, probe);
+                agreeing.emplace_back(candidates.front(), probe);
+            }
+        }
         if (agreeing.size() != 1) {
             if (agreeing.empty())
-                std::fprintf(out_, "still offline %s: %s of that name, and none agrees with it (%s)\n",
-                             label.c_str(), counted(static_cast<long>(candidates.size()), "file").c_str(),
-                             whyNot.c_str());
+                std::fprintf(
+                    out_, "still offline %s: %s of that name, and none agrees with it (%s)\n",
+                    label.c_str(), counted(static_cast<long>(candidates.size()), "file").c_str(),
+                    whyNot.c_str());
             else
                 std::fprintf(out_,
                              "still offline %s: %zu files named %s agree with it; move the "
@@ -210,13 +222,14 @@ int Commands::relink(const Options& o) {
             continue;
         }
         const auto& [path, probe] = agreeing.front();
-        std::string how = candidates.size() == 1 ? "by name"
-                                                 : "by name, then picture size, length and sound among " +
-                                                       std::to_string(candidates.size()) + " files";
-        std::string facts = whatMatched(expected, probe);
+        std::string how = candidates.size() == 1
+                              ? "by name"
+                              : "by name, then picture size, length and sound among " +
+                                    std::to_string(candidates.size()) + " files";
+        std::string facts = caveat.empty() ? whatMatched(expected, probe) : "";
         std::fprintf(out_, "%s %s to %s (%s%s)\n", o.dryRun ? "would link" : "linked",
                      label.c_str(), path.c_str(), how.c_str(),
-                     facts.empty() ? "" : (": " + facts).c_str());
+                     (facts.empty() ? caveat : ": " + facts + caveat).c_str());
         ++linked;
         if (!o.dryRun) shot->mediaPath = wideText(path);
     }

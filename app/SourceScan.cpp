@@ -135,12 +135,10 @@ class XmemlScan {
             if (start < 0 && i > 0) start = numberOf(items[i - 1]->FirstChildElement("end"), 0);
             std::string label = textOf(item->FirstChildElement("name"));
             std::string itemName = label.empty() ? "" : "\"" + label + "\"";
-            bool enabled =
-                std::strcmp(textOf(item->FirstChildElement("enabled")), "FALSE") != 0;
+            bool enabled = std::strcmp(textOf(item->FirstChildElement("enabled")), "FALSE") != 0;
 
             if (std::strcmp(item->Name(), "generatoritem") == 0) {
-                add(p, name, start, "generator",
-                    effectName(item->FirstChildElement("effect")));
+                add(p, name, start, "generator", effectName(item->FirstChildElement("effect")));
                 continue;
             }
             if (std::strcmp(item->Name(), "transitionitem") == 0) {
@@ -155,7 +153,8 @@ class XmemlScan {
             if (!enabled) add(p, name, start, "disabled", itemName);
             if (const XMLElement* nested = item->FirstChildElement("sequence")) {
                 const XMLElement* n = firstInside(nested, "name");
-                add(p, name, start, "nested-sequence", n ? "\"" + std::string(textOf(n)) + "\"" : "");
+                add(p, name, start, "nested-sequence",
+                    n ? "\"" + std::string(textOf(n)) + "\"" : "");
             } else if (item->FirstChildElement("multiclip")) {
                 add(p, name, start, "multiclip", itemName);
             }
@@ -302,8 +301,8 @@ class OtioScan {
                 add(trackName, static_cast<long>(at), "disabled", quotedName);
             itemEffects(item, trackName, static_cast<long>(at), quotedName);
             if (schema == "Clip") {
-                const json* media = item.contains("media_reference") ? &item["media_reference"]
-                                                                     : nullptr;
+                const json* media =
+                    item.contains("media_reference") ? &item["media_reference"] : nullptr;
                 std::string ref = media ? schemaOf(*media) : "";
                 if (ref == "GeneratorReference")
                     add(trackName, static_cast<long>(at), "generator",
@@ -319,8 +318,8 @@ class OtioScan {
                      item["media_reference"].is_object() &&
                      item["media_reference"].contains("available_range") &&
                      item["media_reference"]["available_range"].is_object())
-                length = framesOf(item["media_reference"]["available_range"].value("duration", json()),
-                                  rate_);
+                length = framesOf(
+                    item["media_reference"]["available_range"].value("duration", json()), rate_);
             at += length;
         }
     }
@@ -348,10 +347,9 @@ class OtioScan {
             l.frame = frame;
             bool drop = std::fabs(rate_ - 29.97) < 0.01 || std::fabs(rate_ - 59.94) < 0.01;
             l.timecode =
-                frameToTimecode(truncateToInt64(start_ * ticks_ / (rate_ > 0 ? rate_ : 1) +
-                                                    0.5) +
-                                    frame,
-                                ticks_, drop)
+                frameToTimecode(
+                    truncateToInt64(start_ * ticks_ / (rate_ > 0 ? rate_ : 1) + 0.5) + frame,
+                    ticks_, drop)
                     .str();
         }
         l.detail = std::move(detail);

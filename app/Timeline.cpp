@@ -58,8 +58,8 @@ std::string sourceTimecode(const Edit& shot, double celTime) {
 
 class Describer {
   public:
-    Describer(const IdentitySet& before, const std::string& documentPath,
-              const std::string& format, const Resolutions& resolutions)
+    Describer(const IdentitySet& before, const std::string& documentPath, const std::string& format,
+              const Resolutions& resolutions)
         : before_(before), resolutions_(resolutions), store_(EditStore::current()) {
         doc_.path = documentPath;
         doc_.format = format;
@@ -154,11 +154,12 @@ class Describer {
         for (const Ced2Cue& cue : e->cues)
             s.markers.push_back({narrow(cue.name), narrow(cue.comment), s.frameOf(cue.in),
                                  cue.out >= kCueOpenEnd ? -1 : s.frameOf(cue.out), cue.colour});
+        std::stable_sort(s.markers.begin(), s.markers.end(),
+                         [](const MarkerInfo& a, const MarkerInfo& b) { return a.in < b.in; });
         return s;
     }
 
-    ClipInfo clip(SequenceInfo& s, int track, const CelData& c, std::int64_t in,
-                  std::int64_t out) {
+    ClipInfo clip(SequenceInfo& s, int track, const CelData& c, std::int64_t in, std::int64_t out) {
         ClipInfo clip;
         clip.track = track;
         clip.recordIn = in;
@@ -185,7 +186,8 @@ class Describer {
             for (const StoredChannel& ch : target->channels)
                 for (const CelData& sc : ch.cels)
                     if (!shot && sc.cookie.isValid() && !sc.cookie.isMagic())
-                        if (Qv::Ptr<Edit> found = store_.find(sc.cookie); found && found->isShot()) {
+                        if (Qv::Ptr<Edit> found = store_.find(sc.cookie);
+                            found && found->isShot()) {
                             shot = found;
                             offset = sc.sourceIn - sc.editIn;
                         }
@@ -221,7 +223,8 @@ class Describer {
     }
 
     int mediaIndex(const Edit& shot) {
-        auto [it, fresh] = index_.try_emplace(keyOf(shot.cookie), static_cast<int>(doc_.media.size()));
+        auto [it, fresh] =
+            index_.try_emplace(keyOf(shot.cookie), static_cast<int>(doc_.media.size()));
         if (fresh) doc_.media.push_back(media(shot));
         return it->second;
     }
@@ -240,8 +243,8 @@ class Describer {
             if (ch.type == kChanAudio) ++m.audioChannels;
         }
         LightweightString<wchar_t> place = placeOf(shot.historicLocator);
-        m.mapped = !shot.historicLocator.empty() &&
-                   place != locatorToPlatformForm(shot.historicLocator);
+        m.mapped =
+            !shot.historicLocator.empty() && place != locatorToPlatformForm(shot.historicLocator);
         bool snapshot = doc_.format == "snapshot";
         if (!shot.mediaPath.empty() && (!snapshot || fileExists(shot.mediaPath))) {
             auto told = resolutions_.find(narrow(canonicalPath(shot.mediaPath)));

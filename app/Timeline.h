@@ -19,12 +19,12 @@ namespace qvapp {
 // imported from where the document said, found elsewhere (beside the
 // document, or by relinking), or offline.
 struct MediaInfo {
-    std::string name;     // the shot's name
-    std::string status;   // "linked", "imported", "found" or "offline"
-    std::string path;     // the file it plays; empty when offline
-    std::string locator;  // where the document (or snapshot) said it is
-    bool mapped = false;  // --map-path moved the locator
-    std::string why;      // offline: why
+    std::string name;                   // the shot's name
+    std::string status;                 // "linked", "imported", "found" or "offline"
+    std::string path;                   // the file it plays; empty when offline
+    std::string locator;                // where the document (or snapshot) said it is
+    bool mapped = false;                // --map-path moved the locator
+    std::string why;                    // offline: why
     std::vector<std::string> lookedIn;  // offline: the places searched
     double seconds = 0;                 // its length
     int width = 0, height = 0, audioChannels = 0;
@@ -35,10 +35,10 @@ struct MediaInfo {
 
 struct ClipInfo {
     int track = 0;
-    std::string name;      // what it plays: a shot, sub-clip or nested edit
-    std::string kind;      // "shot", "subclip" or "nested"
-    int media = -1;        // index in the document's media; -1 for a nested edit
-    Cookie shot;           // the shot it plays, when it plays one
+    std::string name;  // what it plays: a shot, sub-clip or nested edit
+    std::string kind;  // "shot", "subclip" or "nested"
+    int media = -1;    // index in the document's media; -1 for a nested edit
+    Cookie shot;       // the shot it plays, when it plays one
     std::int64_t recordIn = 0, recordOut = 0;  // sequence frames from its start
     std::string sourceIn, sourceOut;           // timecode in the media
     double speed = 1;
@@ -77,8 +77,8 @@ struct TrackInfo {
 struct SequenceInfo {
     std::string name;
     Qv::FrameRate frameRate = Qv::eFrameRateNone;
-    std::string rate;   // "25", "29.97"
-    unsigned ticks = 0; // frames a second of its timebase
+    std::string rate;    // "25", "29.97"
+    unsigned ticks = 0;  // frames a second of its timebase
     bool dropFrame = false;
     std::int64_t startFrame = 0;  // its timecode, as a frame number
     std::int64_t duration = 0;    // in frames
@@ -110,7 +110,8 @@ struct DocumentInfo {
 
 // What was there before an import, so that media can be told linked from
 // imported.
-using IdentitySet = std::set<std::tuple<std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t>>;
+using IdentitySet =
+    std::set<std::tuple<std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t>>;
 IdentitySet identitiesOf(const EditStore& store);
 
 // How an import resolved the media of its shots, read from its log: for each

@@ -226,8 +226,9 @@ int main(int argc, char** argv) {
                 return usageError("--to wants a format: native, xmeml, fcpxml or otio");
         } else if (a == "-o" || a == "--output") {
             if (!value(o.outputDir))
-                return usageError(a + (command == "draw" || command == "relink" ? " wants a file"
-                                                                                 : " wants a folder"));
+                return usageError(a + (command == "draw" || command == "relink"
+                                           ? " wants a file"
+                                           : " wants a folder"));
             o.outputGiven = true;
         } else if ((a == "-j" || a == "--jobs") && (command == "convert" || command == "info")) {
             std::string n;

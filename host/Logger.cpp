@@ -115,7 +115,8 @@ LightweightString<char> formatTextV(const char* format, va_list args) {
                     const wchar_t* w = va_arg(ap, const wchar_t*);
                     LightweightString<char> u = toUTF8(std::wstring_view(w ? w : L"(null)"));
                     // Width and precision count characters of the UTF-8 text.
-                    std::string narrowDirective = directive.substr(0, directive.size() - 1 - length.size());
+                    std::string narrowDirective =
+                        directive.substr(0, directive.size() - 1 - length.size());
                     narrowDirective.push_back('s');
                     appendConverted(out, narrowDirective, u.c_str());
                 } else {

@@ -137,8 +137,7 @@ class MediaFileToClipMap {
     mutable std::mutex mutex_;
     // For each store, by its serial, the material of each file, in the order
     // the links were made.
-    std::unordered_map<std::uint64_t, std::unordered_map<std::wstring, std::vector<Cookie>>>
-        links_;
+    std::unordered_map<std::uint64_t, std::unordered_map<std::wstring, std::vector<Cookie>>> links_;
 };
 
 // Records which files belong to which material.

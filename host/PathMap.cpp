@@ -33,8 +33,8 @@ bool isLetter(wchar_t c) {
 // locator can be written the same way.
 struct Parsed {
     enum Kind { None, Posix, Drive, Unc } kind = None;
-    std::wstring host;     // the server of a UNC name or URL
-    wchar_t drive = 0;     // the drive letter
+    std::wstring host;  // the server of a UNC name or URL
+    wchar_t drive = 0;  // the drive letter
     std::vector<std::wstring> parts;
     bool url = false;            // written as a file URL
     std::wstring authority;      // a URL's authority as written: "", "localhost", a server

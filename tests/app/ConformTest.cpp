@@ -152,8 +152,8 @@ TEST_F(Conform, MapPathFindsMediaNamedByPosixWindowsAndUncLocators) {
     // What is written names the media where it is now, percent-encoded.
     const std::string out = dir.file("out");
     fs::create_directories(out);
-    Outcome converted = qvxml("convert " + quote(document) + " --to xmeml --quiet -o " +
-                              quote(out) + maps);
+    Outcome converted =
+        qvxml("convert " + quote(document) + " --to xmeml --quiet -o " + quote(out) + maps);
     ASSERT_EQ(converted.status, 0) << converted.err;
     std::string written = qvtest::readFile(out + "/Cut.xml");
     EXPECT_NE(written.find("/mnt/footage/Day%201/clip.mov</pathurl>"), std::string::npos)
@@ -265,8 +265,10 @@ TEST_F(Conform, ExportReportsWhatTheFormatCannotHold) {
 
 TEST_F(Conform, ManyDocumentsSideBySideGiveWhatOneAtATimeGives) {
     // Two documents with sequences of one name, and one that is not there.
-    const std::string example = std::string(QVXML_SOURCE_DIR) + "/examples/native/interview-cut.xml";
-    const std::string other = std::string(QVXML_SOURCE_DIR) + "/examples/xmeml/premiere_example.xml";
+    const std::string example =
+        std::string(QVXML_SOURCE_DIR) + "/examples/native/interview-cut.xml";
+    const std::string other =
+        std::string(QVXML_SOURCE_DIR) + "/examples/xmeml/premiere_example.xml";
     copyFile(example, dir.file("in/one.xml"));
     copyFile(example, dir.file("in/two.xml"));
     copyFile(other, dir.file("in/three.xml"));
@@ -280,11 +282,12 @@ TEST_F(Conform, ManyDocumentsSideBySideGiveWhatOneAtATimeGives) {
         std::string out = dir.file("out" + std::to_string(jobs));
         fs::create_directories(out);
         Outcome r = qvxml("convert" + inputs + " --to xmeml -j " + std::to_string(jobs) + " -o " +
-                          quote(out) + " --report " + quote(out + "/../report" +
-                                                             std::to_string(jobs) + ".json"));
+                          quote(out) + " --report " +
+                          quote(out + "/../report" + std::to_string(jobs) + ".json"));
         EXPECT_EQ(r.status, 2) << "the missing document's status: " << r.err;
-        EXPECT_NE(r.err.find("converted 3 of 4 documents; 1 failed: \"" + dir.file("in/missing.xml")),
-                  std::string::npos)
+        EXPECT_NE(
+            r.err.find("converted 3 of 4 documents; 1 failed: \"" + dir.file("in/missing.xml")),
+            std::string::npos)
             << r.err;
         EXPECT_EQ(r.err.find("\033"), std::string::npos) << "no bar when stderr is no terminal";
         for (const std::string& f : qvtest::listDirectory(out))
@@ -300,7 +303,8 @@ TEST_F(Conform, ManyDocumentsSideBySideGiveWhatOneAtATimeGives) {
     ASSERT_EQ(written[1].size(), written[3].size());
     EXPECT_TRUE(written[1].count("Interview cut.xml") && written[1].count("Interview cut 2.xml"));
     EXPECT_EQ(written[1], written[3]) << "the same files, of the same names and bytes";
-    EXPECT_EQ(qvtest::readFile(dir.file("report1.json")), qvtest::readFile(dir.file("report3.json")));
+    EXPECT_EQ(qvtest::readFile(dir.file("report1.json")),
+              qvtest::readFile(dir.file("report3.json")));
 
     Outcome info = qvxml("info --json -j 2" + inputs);
     EXPECT_EQ(info.status, 2);
@@ -334,12 +338,11 @@ TEST_F(Conform, DrawnPageShowsEveryClipInChromium) {
                                 "--no-first-run --disable-background-networking "
                                 "--disable-component-update --disable-sync --hide-scrollbars "
                                 "--window-size=1280,900 --user-data-dir=";
-    Outcome dom = run(browser + quote(dir.file("profile1")) + " --dump-dom " +
-                      quote("file://" + page));
+    Outcome dom =
+        run(browser + quote(dir.file("profile1")) + " --dump-dom " + quote("file://" + page));
     ASSERT_EQ(dom.status, 0) << dom.err;
     // The page's script ran and counted the boxes the browser holds.
-    EXPECT_NE(dom.out.find("data-clip-boxes=\"" + std::to_string(clips) + "\""),
-              std::string::npos)
+    EXPECT_NE(dom.out.find("data-clip-boxes=\"" + std::to_string(clips) + "\""), std::string::npos)
         << clips << " clips";
     EXPECT_NE(dom.out.find(std::to_string(clips) + " clip boxes drawn"), std::string::npos);
 
