@@ -113,8 +113,10 @@ std::string sequenceSvg(const DocumentInfo& d, const SequenceInfo& s) {
         std::int64_t f = truncateToInt64(t * s.ticks + 0.5);
         svg += "<line class=\"tick\" x1=\"" + num(x(f)) + "\" y1=\"" + num(kRuler - 8) +
                "\" x2=\"" + num(x(f)) + "\" y2=\"" + num(kRuler) + "\"/>";
-        svg += "<text class=\"tc\" x=\"" + num(x(f) + 2) + "\" y=\"" + num(kRuler - 11) + "\">" +
-               s.timecode(f) + "</text>\n";
+        // A label that would run off the right edge is left out.
+        if (x(f) + 66 <= kWidth)
+            svg += "<text class=\"tc\" x=\"" + num(x(f) + 2) + "\" y=\"" + num(kRuler - 11) +
+                   "\">" + s.timecode(f) + "</text>\n";
     }
     svg += "</g>\n";
 
