@@ -594,6 +594,15 @@ std::vector<XMLParser::Tag> XMLParser::attributes() const {
     return out;
 }
 
+std::size_t XMLParser::offset() const {
+    if (root_ == kNone) return 0;
+    // The name holds no '<': the tag begins at the last one before it.
+    std::size_t at = index_->elements[root_].attrBegin;
+    while (at > 0 && index_->text[at] != '<')
+        --at;
+    return at;
+}
+
 unsigned int XMLParser::count(const LightweightString<char>& tag) const {
     auto [first, last] = range(tag);
     return last - first;

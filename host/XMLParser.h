@@ -49,8 +49,11 @@ class XMLParser {
                                        unsigned int index) const;
     std::vector<std::unique_ptr<XMLParser>> sections_TopLevel(
         const LightweightString<char>& tag) const;
-    // For a parser made by section(): the element's attributes.
+    // For a parser made by section(): the element's attributes, and where its
+    // start tag begins in the text of the first parser (0 for a parser made
+    // over a text), so that a caller can say where an element stands.
     std::vector<Tag> attributes() const;
+    std::size_t offset() const;
     XMLParser(const XMLParser&) = delete;
     XMLParser& operator=(const XMLParser&) = delete;
 
