@@ -54,6 +54,9 @@ class XMLParser {
     // over a text), so that a caller can say where an element stands.
     std::vector<Tag> attributes() const;
     std::size_t offset() const;
+    // Where the index-th element of that name begins in the text of the first
+    // parser, empty or not; npos when there is none.
+    std::size_t offsetOf(const LightweightString<char>& tag, unsigned int index) const;
     XMLParser(const XMLParser&) = delete;
     XMLParser& operator=(const XMLParser&) = delete;
 

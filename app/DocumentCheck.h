@@ -1,0 +1,44 @@
+// What the command tells a user about a document's content that the readers
+// pass over without a word: the readers keep their ways (a reference to
+// nothing plays black, a negative frame count is read unsigned), and the
+// command says where that happens and whether the result can be trusted.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "app/WellFormed.h"
+#include "host/Edit.h"
+
+namespace qvapp {
+
+struct Finding {
+    XmlPlace at;       // where the element stands; line 0 when not in a document
+    std::string what;  // names the element and says what becomes of it
+    // The import would give times or positions that are wrong: no usable
+    // rate, counts read as huge numbers, positions that are not numbers.
+    bool untrusted = false;
+};
+
+// The findings of a QVXML document, read as its reader of that version reads
+// it (`text` up to its first NUL byte, as the reader sees it).
+std::vector<Finding> auditNative(std::string_view text, bool version2);
+
+// Values that are not finite numbers in the edits, named by edit, channel
+// and cel. The times, lengths and rates of sequences and sub-clips place
+// their material, so such a one makes the result untrusted; those of a shot
+// get its length wrong, and levels, speeds, level keyframes and markers are
+// lost, which is told but does not. At most `limit` are named; `more` counts
+// the rest.
+struct NonFinite {
+    std::vector<Finding> named;
+    std::size_t more = 0;
+    bool untrusted = false;  // among all, named or not
+};
+NonFinite nonFiniteValues(const std::vector<Qv::Ptr<Edit>>& edits, std::size_t limit);
+
+// The edit and every edit it plays, once each.
+std::vector<Qv::Ptr<Edit>> editAndSources(const Qv::Ptr<Edit>& edit);
+
+}  // namespace qvapp
