@@ -271,8 +271,8 @@ int Commands::checkDocument(const std::string& input, std::string_view bytes,
     return kExitOK;
 }
 
-bool Commands::warnNonFinite(const std::vector<Qv::Ptr<Edit>>& edits) {
-    NonFinite found = nonFiniteValues(edits, 10);
+bool Commands::warnUnusable(const std::vector<Qv::Ptr<Edit>>& edits) {
+    Unusable found = unusableValues(edits, 10);
     for (const Finding& f : found.named)
         log().WarningOut("%s", f.what.c_str());
     if (found.more) log().WarningOut("and %zu more values that are not finite numbers", found.more);
@@ -344,7 +344,7 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
         for (const Qv::Ptr<Edit>& e : project.edits())
             if (!before.count(e.get())) fresh.push_back(e);
         // What the check of the document found untrusted, it has told.
-        if (!untrusted) untrusted = warnNonFinite(fresh);
+        if (!untrusted) untrusted = warnUnusable(fresh);
         if (untrusted) untrusted_.push_back(input);
     }
     return kExitOK;
@@ -667,10 +667,10 @@ int Commands::exportSnapshot(const Options& o) {
     }
     // An export writes times as frame counts: one that is not a number
     // would be written as a count that looks right and is not.
-    bool untrusted = warnNonFinite(editAndSources(chosen));
+    bool untrusted = warnUnusable(editAndSources(chosen));
     if (untrusted && !o.lenient)
         return fail(kExitUntrusted, quoted(input) +
-                                        " has times that are not numbers (see the warnings "
+                                        " has times that no export can write (see the warnings "
                                         "above), so nothing is written (--lenient writes it)");
     std::string extension = narrow(plugin_.resource()->getExtension(flavour.value));
     std::string fileName =

@@ -68,9 +68,9 @@ class Commands {
     // nests past the limits, and tells what its readers will pass over.
     int checkDocument(const std::string& input, std::string_view bytes, const DocumentHead& head,
                       bool lenient, bool& untrusted);
-    // Warns of the values that are not finite numbers among `edits`; true if
-    // any makes the result untrusted.
-    bool warnNonFinite(const std::vector<Qv::Ptr<Edit>>& edits);
+    // Warns of the values among `edits` that no export can write as they are;
+    // true if any makes the result untrusted.
+    bool warnUnusable(const std::vector<Qv::Ptr<Edit>>& edits);
     // Registers the inputs of a run and sets up its output.
     void startRun(const std::vector<std::string>& inputs, bool overwrite);
     // Says that an older file was replaced.

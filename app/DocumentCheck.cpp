@@ -36,6 +36,31 @@ bool scanInt(const LightweightString<char>& text, long long& value) {
     return true;
 }
 
+// Why a frame count's text is not the whole number it is read as: empty
+// when it is one.
+std::string notWhole(const LightweightString<char>& text, long long& read) {
+    read = 0;
+    bool number = scanInt(text, read);
+    if (!number) return "is no number: the reader takes it as 0";
+    const char* p = text.c_str();
+    while (std::isspace(static_cast<unsigned char>(*p)))
+        ++p;
+    if (*p == '+' || *p == '-') ++p;
+    long long exact = 0;
+    bool overflow = false;
+    for (; std::isdigit(static_cast<unsigned char>(*p)); ++p) {
+        exact = exact * 10 + (*p - '0');
+        overflow = overflow || exact > static_cast<long long>(INT_MAX) + 1;
+        if (overflow) exact = 0;
+    }
+    while (std::isspace(static_cast<unsigned char>(*p)))
+        ++p;
+    if (overflow || read == INT_MAX || read == INT_MIN)
+        return "is past what a frame count holds: the reader takes it as " + std::to_string(read);
+    if (*p) return "is no whole number: the reader takes it as " + std::to_string(read);
+    return "";
+}
+
 // A rational as the readers take it: the first two attributes, num and den,
 // both above 0.
 bool rational(const XMLParser::Value& v, double& out) {
@@ -52,6 +77,15 @@ bool rational(const XMLParser::Value& v, double& out) {
     if (n <= 0 || d <= 0) return false;
     out = static_cast<double>(n) / static_cast<double>(d);
     return true;
+}
+
+// The longest time a 32-bit frame count holds at the highest rate, 240.
+constexpr double kLongestTime = 2147483647.0 / 240.0;
+
+std::string secondsText(double seconds) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.6g", seconds);
+    return text;
 }
 
 std::string rateText(double rate) {
@@ -160,7 +194,13 @@ class Audit {
                 return false;
             }
             long long frames = 0;
-            scanInt(text, frames);
+            if (std::string why = notWhole(text, frames); !why.empty()) {
+                findings_.push_back(
+                    {placeOf(text_, where(event, name)),
+                     "<" + std::string(name) + "> \"" + text.str() + "\" of " + what + " " + why,
+                     timeline});
+                continue;
+            }
             if (frames < 0)
                 findings_.push_back({placeOf(text_, where(event, name)),
                                      "<" + std::string(name) + "> " + std::to_string(frames) +
@@ -343,8 +383,8 @@ std::vector<Qv::Ptr<Edit>> editAndSources(const Qv::Ptr<Edit>& edit) {
     return out;
 }
 
-NonFinite nonFiniteValues(const std::vector<Qv::Ptr<Edit>>& edits, std::size_t limit) {
-    NonFinite out;
+Unusable unusableValues(const std::vector<Qv::Ptr<Edit>>& edits, std::size_t limit) {
+    Unusable out;
     auto add = [&](std::string what, bool untrusted) {
         out.untrusted = out.untrusted || untrusted;
         if (out.named.size() < limit)
@@ -363,6 +403,10 @@ NonFinite nonFiniteValues(const std::vector<Qv::Ptr<Edit>>& edits, std::size_t l
         auto time = [&](double value, const std::string& what) {
             if (!std::isfinite(value))
                 add(what + " is " + (std::isnan(value) ? "no number" : "infinite"), timeline);
+            else if (std::fabs(value) > kLongestTime)
+                add(what + " is " + secondsText(value) +
+                        " seconds, more than a frame count can hold",
+                    timeline);
         };
         time(e->length, "the length of " + name);
         time(e->rate, "the rate of " + name);

@@ -25,18 +25,19 @@ struct Finding {
 // it (`text` up to its first NUL byte, as the reader sees it).
 std::vector<Finding> auditNative(std::string_view text, bool version2);
 
-// Values that are not finite numbers in the edits, named by edit, channel
-// and cel. The times, lengths and rates of sequences and sub-clips place
-// their material, so such a one makes the result untrusted; those of a shot
-// get its length wrong, and levels, speeds, level keyframes and markers are
-// lost, which is told but does not. At most `limit` are named; `more` counts
-// the rest.
-struct NonFinite {
+// Values of the edits that no export can write as they are: numbers that
+// are not finite, and times too large for a frame count (at 240 frames a
+// second a 32-bit count holds 103 days), named by edit, channel and cel. The
+// times, lengths and rates of sequences and sub-clips place their material,
+// so such a one makes the result untrusted; those of a shot get its length
+// wrong, and levels, speeds, level keyframes and markers are lost, which is
+// told but does not. At most `limit` are named; `more` counts the rest.
+struct Unusable {
     std::vector<Finding> named;
     std::size_t more = 0;
     bool untrusted = false;  // among all, named or not
 };
-NonFinite nonFiniteValues(const std::vector<Qv::Ptr<Edit>>& edits, std::size_t limit);
+Unusable unusableValues(const std::vector<Qv::Ptr<Edit>>& edits, std::size_t limit);
 
 // The edit and every edit it plays, once each.
 std::vector<Qv::Ptr<Edit>> editAndSources(const Qv::Ptr<Edit>& edit);

@@ -177,7 +177,7 @@ class Scanner {
             if (o.group >= 0 && groupOpen_[o.group] > 0) {
                 for (auto it = open_.rbegin(); it != open_.rend(); ++it)
                     if (it->group == o.group) {
-                        limit(at(lt), "an <" + std::string(name, length) + "> stands inside " +
+                        limit(at(lt), "<" + std::string(name, length) + "> stands inside " +
                                           tagAt(*it) + ", which " + limits_.format + " never does");
                         return;
                     }
