@@ -716,6 +716,9 @@ Result load(EditStore& store, const std::string& text, const std::string& baseDi
     } catch (const json::parse_error& e) {
         return failure("the file is not valid JSON (" +
                        lineAndColumn(text, e.byte > 0 ? e.byte - 1 : 0) + ")");
+    } catch (const json::exception&) {
+        // The parser's only other complaint: a number past what a double holds.
+        return failure("the file holds a number too large to read");
     }
     std::uint64_t seed = store.generatorState();
     Reader reader(store, baseDirectory);
