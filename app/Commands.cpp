@@ -232,19 +232,17 @@ int Commands::checkDocument(const std::string& input, std::string_view bytes,
     // Only documents of a kind that is read are checked: anything else is
     // refused for what it is.
     if (!native && head.kind != DocumentHead::Kind::Xmeml) return kExitOK;
-    XmlLimits limits;
-    if (native) {
-        // The elements that QVXML never nests in one another: its readers
-        // look for them at any depth, and would read nested ones again at
-        // every level.
-        limits.unnested = {{"Shot", "Edit"}, {"ChanList"}, {"Chan"},    {"CelEvent"},
-                           {"Label"},        {"Effect"},   {"Keyframe"}};
-        limits.format = "QVXML";
-    }
+    // A QVXML document is looked at as its reader of that version reads it,
+    // in the same scan: what the reader passes over without a word is told.
+    VersionMend mend = mendVersion(head);
+    const std::string& version = mend.becomes.empty() ? head.firstValue : mend.becomes;
+    const bool audited = native && (version == "1.0" || version == "2.0");
+    std::vector<Finding> findings;
+    XmlCheck xml = audited ? checkNative(bytes, version == "2.0", findings)
+                           : checkXml(bytes, native ? qvxmlLimits() : XmlLimits());
     auto at = [](const XmlPlace& p) {
         return "(line " + std::to_string(p.line) + ", column " + std::to_string(p.column) + ")";
     };
-    XmlCheck xml = checkXml(bytes, limits);
     if (xml.limit)
         return fail(kExitRefused,
                     quoted(input) + " is refused " + at(xml.limit.at) + ": " + xml.limit.what);
@@ -257,16 +255,9 @@ int Commands::checkDocument(const std::string& input, std::string_view bytes,
             "%s is not well formed %s: %s; what can be read is read, as --lenient asks",
             quoted(input).c_str(), at(xml.malformed.at).c_str(), xml.malformed.what.c_str());
     }
-    // The readers of QVXML pass over what they cannot use without a word:
-    // say it, where it stands.
-    VersionMend mend = mendVersion(head);
-    const std::string& version = mend.becomes.empty() ? head.firstValue : mend.becomes;
-    if (native && (version == "1.0" || version == "2.0")) {
-        for (const Finding& f : auditNative(bytes, version == "2.0")) {
-            log().WarningOut("%s:%zu:%zu: %s", input.c_str(), f.at.line, f.at.column,
-                             f.what.c_str());
-            untrusted = untrusted || f.untrusted;
-        }
+    for (const Finding& f : findings) {
+        log().WarningOut("%s:%zu:%zu: %s", input.c_str(), f.at.line, f.at.column, f.what.c_str());
+        untrusted = untrusted || f.untrusted;
     }
     return kExitOK;
 }

@@ -21,8 +21,13 @@ struct Finding {
     bool untrusted = false;
 };
 
-// The findings of a QVXML document, read as its reader of that version reads
-// it (`text` up to its first NUL byte, as the reader sees it).
+// The limits of the scan for a QVXML document.
+XmlLimits qvxmlLimits();
+
+// The check of a QVXML document, and in the same scan its findings: what its
+// reader of that version passes over (up to the document's first NUL byte,
+// where the reader stops). No findings when a limit refuses the document.
+XmlCheck checkNative(std::string_view text, bool version2, std::vector<Finding>& findings);
 std::vector<Finding> auditNative(std::string_view text, bool version2);
 
 // Values of the edits that no export can write as they are: numbers that

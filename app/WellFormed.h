@@ -51,6 +51,21 @@ struct XmlCheck {
     XmlFault limit;      // the first place where reading it would pass a limit
 };
 
-XmlCheck checkXml(std::string_view text, const XmlLimits& limits);
+// Sees the elements of a text as the scan meets them, so that a look at a
+// document's content costs no scan of its own. Every element that starts
+// also ends: after a fault as the host's reader cuts it, at the end of the
+// text if it is never closed.
+class XmlObserver {
+  public:
+    virtual ~XmlObserver() = default;
+    // `attributes`: the text of the start tag after the name; `depth`: 1 for
+    // the root, one more for each element around.
+    virtual void start(std::string_view name, std::string_view attributes, std::size_t offset,
+                       int depth) = 0;
+    // `inner`: the element's inner text, raw, markup kept.
+    virtual void end(std::string_view name, std::string_view inner, int depth) = 0;
+};
+
+XmlCheck checkXml(std::string_view text, const XmlLimits& limits, XmlObserver* observer = nullptr);
 
 }  // namespace qvapp
