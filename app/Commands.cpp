@@ -22,6 +22,8 @@
 #include "host/OS.h"
 #include "host/Paths.h"
 #include "host/Snapshot.h"
+#include "otio/OtioImport.h"
+#include "otio/OtioWriter.h"
 #include "plugin/Status.h"
 
 namespace qvapp {
@@ -201,13 +203,17 @@ bool Commands::flavourOf(const std::string& to, Flavour& out, int& exitCode) {
         out = {XML::XMLFlavourFCP5, "xmeml"};
     } else if (to == "fcpxml") {
         out = {XML::XMLFlavourFCPX, "fcpxml"};
+    } else if (to == "otio" || to == "opentimelineio") {
+        out = {XML::XMLFlavourNone, "otio", true};
     } else if (to.empty()) {
         exitCode = fail(kExitUsage,
-                        "say which format to write with --to native, --to xmeml or --to fcpxml");
+                        "say which format to write with --to native, --to xmeml, --to fcpxml or "
+                        "--to otio");
         return false;
     } else {
-        exitCode = fail(kExitUsage,
-                        quoted(to) + " is no format qvxml writes; use native, xmeml or fcpxml");
+        exitCode =
+            fail(kExitUsage,
+                 quoted(to) + " is no format qvxml writes; use native, xmeml, fcpxml or otio");
         return false;
     }
     return true;
@@ -282,6 +288,39 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
         if (S_ISDIR(st.st_mode))
             return fail(kExitUnreadable, quoted(input) + " is a folder, not a document");
         if (st.st_size == 0) return fail(kExitUnreadable, quoted(input) + " is empty");
+        EditStore& project = EditStore::current();
+        std::set<const Edit*> before;
+        for (const Qv::Ptr<Edit>& e : project.edits())
+            before.insert(e.get());
+        // What this document made: times that are not numbers can come from
+        // any kind of document.
+        auto madeUntrusted = [&] {
+            std::vector<Qv::Ptr<Edit>> fresh;
+            for (const Qv::Ptr<Edit>& e : project.edits())
+                if (!before.count(e.get())) fresh.push_back(e);
+            return warnUnusable(fresh);
+        };
+        // OpenTimelineIO: JSON whose root object has an OTIO_SCHEMA, whatever
+        // the file's name. The command reads it itself.
+        if (QvOtio::isOtioDocument(widePath(absolute(input)))) {
+            console_->status("importing " + input);
+            std::string why;
+            XML::ImportResult r = QvOtio::importOtioFile(widePath(absolute(input)), log(), why);
+            console_->clearProgress();
+            for (const EditModifier& m : r.edits)
+                made.push_back(m.ptr());
+            if (r.status == XML::kStatusOK) {
+                if (madeUntrusted()) untrusted_.push_back(input);
+                continue;
+            }
+            if (r.status == XML::kStatusUnreadable)
+                return fail(kExitUnreadable, "cannot read " + quoted(input));
+            if (!why.empty())
+                return fail(kExitUnknownDocument,
+                            quoted(input) + " cannot be read as OpenTimelineIO: " + why);
+            return fail(kExitFailed,
+                        quoted(input) + " could not be imported (see the messages above)");
+        }
         DocumentHead head = readDocumentHead(input);
         if (head.kind == DocumentHead::Kind::Fcpxml)
             return fail(kExitUnknownDocument, whyUnreadable(input, head));
@@ -295,10 +334,6 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
         }
         const LightweightString<wchar_t> path = widePath(absolute(input));
         MendedVersion mended(input, head, path, log());
-        EditStore& project = EditStore::current();
-        std::set<const Edit*> before;
-        for (const Qv::Ptr<Edit>& e : project.edits())
-            before.insert(e.get());
 
         ImportFileList files;
         files.push_back(Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({path})));
@@ -330,12 +365,8 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
                                 " could not be imported: its structure is broken "
                                 "(a Shot or Edit without channels, or an empty channel)");
         }
-        // Times that are not numbers can come from any document.
-        std::vector<Qv::Ptr<Edit>> fresh;
-        for (const Qv::Ptr<Edit>& e : project.edits())
-            if (!before.count(e.get())) fresh.push_back(e);
         // What the check of the document found untrusted, it has told.
-        if (!untrusted) untrusted = warnUnusable(fresh);
+        if (!untrusted) untrusted = madeUntrusted();
         if (untrusted) untrusted_.push_back(input);
     }
     return kExitOK;
@@ -389,8 +420,46 @@ std::string Commands::uniqueStem(const LightweightString<wchar_t>& name,
     }
 }
 
+std::string Commands::extensionOf(const Flavour& flavour) {
+    if (flavour.otio) return ".otio";
+    return narrow(plugin_.resource()->getExtension(flavour.value));
+}
+
+int Commands::exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName) {
+    std::string label =
+        edit->name.empty() ? std::string("the nameless edit") : quoted(narrow(edit->name));
+    // Written in a staging folder and moved into place, as the plug-in's
+    // exports are.
+    StagingFolder staging(usedDir_);
+    if (staging.path().empty()) return fail(staging.error().code, staging.error().sentence);
+    std::string name = narrowPath(stripPath(Qv::FilespecUtils::makeValidFilespec(
+        widePath(usedDir_), stripExtension(widePath(fileName)), L".otio", false, L'_')));
+    std::string staged = staging.path() + "/" + name;
+    std::string destination = usedDir_ + "/" + name;
+    QvOtio::ExportOptions options;
+    options.skipOffline = o.skipOffline;
+    int status = QvOtio::exportOtio(edit->cookie, widePath(staged), options, log());
+    console_->takeWrittenPaths();
+    if (status == XML::kStatusCannotCreate) {
+        for (const FileWriteFailure& f : takeFileWriteFailures())
+            if (pathBytes(f.path) == staged)
+                return fail(kExitNotWritable,
+                            "cannot write " + quoted(destination) + ": " + reasonOf(f.error));
+        return fail(kExitNotWritable, "cannot write " + quoted(destination));
+    }
+    if (status != XML::kStatusOK)
+        return fail(kExitFailed, label + " could not be exported as otio (see the messages above)");
+    WriteResult w = output_->commit(staged, destination);
+    if (!w) return fail(w.code, w.sentence);
+    if (w.replaced) replaced(destination, o);
+    std::fprintf(stdout, "%s\n", shown(destination).c_str());
+    std::fflush(stdout);
+    return kExitOK;
+}
+
 int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
                          const std::string& fileName) {
+    if (flavour.otio) return exportOtio(edit, o, fileName);
     QvExport::ExporterFactoryBase* factory = plugin_.exporterFactory();
     if (!factory)
         return fail(kExitNotAvailable,
@@ -492,8 +561,12 @@ int Commands::convert(const Options& o) {
     if (WriteResult w = checkFolder(o.outputDir, "the output folder"); !w)
         return fail(w.code, w.sentence);
     usedDir_ = absolute(o.outputDir);
-    std::string extension = narrow(plugin_.resource()->getExtension(flavour.value));
+    std::string extension = extensionOf(flavour);
     startRun(o.inputs, o.overwrite);
+    // A file written never takes the place of a document read: its name goes
+    // to the next number.
+    for (const std::string& input : o.inputs)
+        usedPaths_.push_back(absolute(input));
 
     int result = kExitOK;
     for (const std::string& input : o.inputs) {
@@ -663,7 +736,8 @@ int Commands::exportSnapshot(const Options& o) {
         return fail(kExitUntrusted, quoted(input) +
                                         " has times that no export can write (see the warnings "
                                         "above), so nothing is written (--lenient writes it)");
-    std::string extension = narrow(plugin_.resource()->getExtension(flavour.value));
+    std::string extension = extensionOf(flavour);
+    usedPaths_.push_back(absolute(input));
     std::string fileName =
         uniqueStem(o.name.empty() ? chosen->name : stripExtension(widePath(o.name)), extension) +
         extension;
@@ -683,6 +757,16 @@ int Commands::rate(const Options& o) {
         return fail(kExitUnreadable, "cannot read " + quoted(input) + ": there is no such file");
     iXMLResource* resource = plugin_.resource();
     if (!resource) return fail(kExitPlugin, "the XML plug-in offers no XML resource");
+    const LightweightString<wchar_t> path = widePath(absolute(input));
+    if (QvOtio::isOtioDocument(path)) {
+        Qv::FrameRate rate = QvOtio::otioFrameRate(path);
+        if (rate == Qv::eFrameRateNone)
+            return fail(kExitUnknownDocument, "the frame rate of " + quoted(input) +
+                                                  " cannot be told: it holds no OpenTimelineIO "
+                                                  "timeline qvxml can read");
+        std::printf("%s\n", narrow(Qv::getPlainString(rate)).c_str());
+        return kExitOK;
+    }
     DocumentHead head = readDocumentHead(input);
     {
         std::string bytes;
@@ -691,7 +775,6 @@ int Commands::rate(const Options& o) {
         bool untrusted = false;
         if (int refused = checkDocument(input, bytes, head, o.lenient, untrusted)) return refused;
     }
-    const LightweightString<wchar_t> path = widePath(absolute(input));
     Qv::FrameRate r;
     {
         MendedVersion mended(input, head, path, log());

@@ -31,7 +31,7 @@ enum ExitCode {
 
 struct Options {
     std::vector<std::string> inputs;
-    std::string to;  // native, xmeml, fcpxml
+    std::string to;  // native, xmeml, fcpxml, otio
     std::string outputDir = ".";
     std::string snapshot;  // import: where to write the project
     std::string edit;      // export: which edit
@@ -56,6 +56,7 @@ class Commands {
     struct Flavour {
         XML::XMLFlavour value;
         const char* name;
+        bool otio = false;  // OpenTimelineIO: written by the command, not the plug-in
     };
     // A --to value as a flavour, or a failure already reported.
     bool flavourOf(const std::string& to, Flavour& out, int& exitCode);
@@ -81,6 +82,9 @@ class Commands {
     // A name for a file from `stem` that no earlier export of this run used,
     // shortened to what the file system takes with its extension.
     std::string uniqueStem(const LightweightString<wchar_t>& stem, const std::string& extension);
+    // Writes an edit as an OpenTimelineIO file.
+    int exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName);
+    std::string extensionOf(const Flavour& flavour);
     int fail(int code, const std::string& sentence);
     LoggerHandle log() const { return LoggerHandle(Qv::Ptr<iLogSink>(console_)); }
 

@@ -17,7 +17,7 @@ using namespace qvapp;
 const char* const kUsage =
     "usage: qvxml COMMAND [OPTIONS] ...\n"
     "\n"
-    "Carries edit timelines between editors as XML.\n"
+    "Carries edit timelines between editors as XML and OpenTimelineIO.\n"
     "\n"
     "commands:\n"
     "  convert INPUT... --to FORMAT [-o DIR]      import documents and write them as FORMAT\n"
@@ -26,7 +26,8 @@ const char* const kUsage =
     "                                              write an edit of a project snapshot\n"
     "  rate INPUT                                  the frame rate of a document's first sequence\n"
     "\n"
-    "FORMAT is native (QVXML 2.0), xmeml (Final Cut Pro 7, Premiere, Resolve) or fcpxml.\n"
+    "FORMAT is native (QVXML 2.0), xmeml (Final Cut Pro 7, Premiere, Resolve), fcpxml, or\n"
+    "otio (OpenTimelineIO .otio, read too: by content, whatever the file's name).\n"
     "Run 'qvxml COMMAND --help' for a command's options, 'qvxml --version' for the version.\n"
     "The user guide is docs/user-guide.md.\n";
 
@@ -43,11 +44,12 @@ const char* const kCommonOptions =
 
 const char* helpFor(const std::string& command) {
     if (command == "convert")
-        return "usage: qvxml convert INPUT... --to native|xmeml|fcpxml [-o DIR] [--silent]\n"
+        return "usage: qvxml convert INPUT... --to native|xmeml|fcpxml|otio [-o DIR] [--silent]\n"
                "\n"
                "Imports each document into a fresh project and writes every sequence it made\n"
                "(or its shots, when it made none) as FORMAT into DIR (default: the current\n"
                "folder), one file per sequence, named after it. Prints each file written.\n"
+               "INPUT may be QVXML, xmeml or OpenTimelineIO (.otio).\n"
                "\n"
                "  --to FORMAT       the format to write\n"
                "  -o, --output DIR  where to write\n"
@@ -57,12 +59,12 @@ const char* helpFor(const std::string& command) {
     if (command == "import")
         return "usage: qvxml import INPUT... [--snapshot OUT.json]\n"
                "\n"
-               "Imports the documents into one project, linking their media, importing it or\n"
-               "marking it offline, and prints what was made. With --snapshot the project is\n"
-               "written as JSON (see docs/snapshot.md).\n";
+               "Imports the documents (QVXML, xmeml or OpenTimelineIO) into one project,\n"
+               "linking their media, importing it or marking it offline, and prints what was\n"
+               "made. With --snapshot the project is written as JSON (see docs/snapshot.md).\n";
     if (command == "export")
-        return "usage: qvxml export SNAPSHOT.json --to native|xmeml|fcpxml [--edit NAME] [-o DIR]\n"
-               "                    [--name FILE] [--silent]\n"
+        return "usage: qvxml export SNAPSHOT.json --to native|xmeml|fcpxml|otio [--edit NAME]\n"
+               "                    [-o DIR] [--name FILE] [--silent]\n"
                "\n"
                "Loads a project snapshot (see docs/snapshot.md) and writes one of its edits:\n"
                "the one named by --edit, or its only sequence.\n"
@@ -156,7 +158,8 @@ int main(int argc, char** argv) {
             std::printf("%s\noptions of every command:\n%s", help, kCommonOptions);
             return kExitOK;
         } else if (a == "--to") {
-            if (!value(o.to)) return usageError("--to wants a format: native, xmeml or fcpxml");
+            if (!value(o.to))
+                return usageError("--to wants a format: native, xmeml, fcpxml or otio");
         } else if (a == "-o" || a == "--output") {
             if (!value(o.outputDir)) return usageError(a + " wants a folder");
         } else if (a == "--snapshot" && command == "import") {

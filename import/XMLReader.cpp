@@ -24,7 +24,6 @@ XMLReader::~XMLReader() = default;
 
 ImportResult XMLReader::importFile(const XMLParser& parser,
                                    const Qv::Ptr<ImportFileInfoRep>& fileInfo, LoggerHandle l) {
-    ImportResult result;
     LightweightString<wchar_t> documentPath;
     if (fileInfo) {
         importDrive = fileInfo->getDrive();
@@ -34,6 +33,11 @@ ImportResult XMLReader::importFile(const XMLParser& parser,
     seqFrameRate = getxmlFrameRate(parser);
 
     int status = parseFile(parser);
+    return completeImport(status, documentPath);
+}
+
+ImportResult XMLReader::completeImport(int status, const LightweightString<wchar_t>& documentPath) {
+    ImportResult result;
     if (status != 1) {
         result.status = status;
         return result;

@@ -61,6 +61,11 @@ class XMLReader : public iObject {
   protected:
     explicit XMLReader(LoggerHandle logger);
 
+    // What every import does once the lists are filled: finds the media of
+    // each shot, resolves the references of ghosts and sequences, and writes
+    // the records. `status` is the parse's; anything but 1 is returned at once.
+    ImportResult completeImport(int status, const LightweightString<wchar_t>& documentPath);
+
     // Fills the three lists; 1 on success.
     virtual int parseFile(const XMLParser& parser) = 0;
     virtual Qv::FrameRate getSeqFrameRate(const XMLParser& parser) = 0;

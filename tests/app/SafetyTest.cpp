@@ -192,9 +192,14 @@ TEST_F(Safety, BadInputsCostNoFile) {
     // Outputs that would land on inputs, by any name.
     std::string own = dir.file("Interview cut.xml");
     qvtest::writeFile(own, example);
-    cases.push_back({"output is the input",
-                     "convert " + quote(own) + " --to native --overwrite -o " + quote(dir.path()),
-                     5, "it is an input of this run"});
+    // A hard link to the input where the output would go: another name, the
+    // same file.
+    ::mkdir(dir.file("same").c_str(), 0755);
+    ::link(own.c_str(), dir.file("same/Interview cut.xml").c_str());
+    cases.push_back(
+        {"output is a link to the input",
+         "convert " + quote(own) + " --to native --overwrite -o " + quote(dir.file("same")), 5,
+         "it is an input of this run"});
     cases.push_back({"snapshot is the input",
                      "import " + quote(own) + " --snapshot " + quote(own) + " --overwrite", 5,
                      "it is an input of this run"});
@@ -236,6 +241,17 @@ TEST_F(Safety, BadInputsCostNoFile) {
         EXPECT_EQ(contents(dir.path()), before) << c.label;
     }
     ::chmod(dir.file("locked").c_str(), 0755);
+}
+
+// A document converted into its own folder, whose sequence has the document's
+// name: the output takes the next name, and the input stays as it was.
+TEST_F(Safety, AnOutputNeverTakesTheInputsPlace) {
+    std::string own = dir.file("Interview cut.xml");
+    qvtest::writeFile(own, qvtest::readFile(kExample));
+    Outcome r = qvxml("convert " + quote(own) + " --to native --overwrite -o " + quote(dir.path()));
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, dir.file("Interview cut 2.xml") + "\n");
+    EXPECT_EQ(qvtest::readFile(own), qvtest::readFile(kExample));
 }
 
 // An existing output is kept, or with --overwrite replaced whole, and said.
