@@ -8,7 +8,8 @@
 # tried, longer seeds being cut to it (default 65536). BUILD_DIR is a clang tree
 # configured with -DQVXML_BUILD_FUZZ=ON (default build-asan; it is configured
 # so when it does not exist). The targets are native_import_fuzz,
-# xmeml_import_fuzz, snapshot_fuzz and xml_parser_fuzz (default: all).
+# xmeml_import_fuzz, snapshot_fuzz, xml_parser_fuzz and otio_reader_fuzz
+# (default: all).
 #
 # Seeds are copied at run time from examples/, tests/data/ and the shared
 # corpus (../shared/corpus, or $QVXML_CORPUS); the snapshot target's seeds are
@@ -33,7 +34,7 @@ done
 shift $((OPTIND - 1))
 targets=("$@")
 if ((${#targets[@]} == 0)); then
-  targets=(native_import_fuzz xmeml_import_fuzz snapshot_fuzz xml_parser_fuzz)
+  targets=(native_import_fuzz xmeml_import_fuzz snapshot_fuzz xml_parser_fuzz otio_reader_fuzz)
 fi
 corpus=${QVXML_CORPUS:-../shared/corpus}
 
@@ -69,6 +70,7 @@ seed "$work/native_import_fuzz" "${native[@]}"
 seed "$work/xmeml_import_fuzz" "${xmeml[@]}"
 seed "$work/xml_parser_fuzz" "${native[@]}" "${xmeml[@]}" "$corpus"/fcpxml/*.fcpxml
 seed "$work/snapshot_fuzz" examples/timeline.json
+seed "$work/otio_reader_fuzz" "$corpus"/otio/*.otio
 # Snapshots of what the documents import to.
 n=0
 for doc in "${native[@]}" "${xmeml[@]}"; do

@@ -21,6 +21,6 @@ cmake --build build-asan -j"$jobs"
 echo "== tests under the sanitizers"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs"
-echo "== fuzzing, ${FUZZ_SECONDS:-15} s a target"
-scripts/fuzz.sh -t "${FUZZ_SECONDS:-15}" -b build-asan
+echo "== fuzzing, ${FUZZ_SECONDS:-12} s a target"
+scripts/fuzz.sh -t "${FUZZ_SECONDS:-12}" -b build-asan
 echo "All tests passed."
