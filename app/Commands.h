@@ -4,8 +4,13 @@
 #include <string>
 #include <vector>
 
+#include <memory>
+#include <string_view>
+
 #include "app/Console.h"
+#include "app/DocumentHead.h"
 #include "app/PluginLoader.h"
+#include "app/SafeOutput.h"
 
 namespace qvapp {
 
@@ -20,6 +25,8 @@ enum ExitCode {
     kExitFailed = 6,           // an import or export failed on its way
     kExitPlugin = 7,           // the plug-in could not be loaded
     kExitNotAvailable = 8,     // what was asked for is not built yet, or switched off
+    kExitRefused = 9,          // a document is not well formed, or nests past any real one
+    kExitUntrusted = 10,       // what was read has times that cannot be trusted
 };
 
 struct Options {
@@ -31,6 +38,8 @@ struct Options {
     std::string name;      // export: the file's name
     bool silent = false;
     bool skipOffline = false;
+    bool overwrite = false;  // replace existing files (never an input)
+    bool lenient = false;    // read documents that are not well formed, write untrusted ones
     Verbosity verbosity = Verbosity::Normal;
 };
 
@@ -52,16 +61,30 @@ class Commands {
     // A --to value as a flavour, or a failure already reported.
     bool flavourOf(const std::string& to, Flavour& out, int& exitCode);
     // Imports documents into the current project. The sequences made are
-    // appended to `made`.
-    int importDocuments(const std::vector<std::string>& inputs, std::vector<Qv::Ptr<Edit>>& made);
+    // appended to `made`. A document whose result cannot be trusted is
+    // imported all the same, and added to `untrusted_`.
+    int importDocuments(const std::vector<std::string>& inputs, std::vector<Qv::Ptr<Edit>>& made,
+                        bool lenient);
+    // Refuses a document that is not well formed (unless `lenient`) or that
+    // nests past the limits, and tells what its readers will pass over.
+    int checkDocument(const std::string& input, std::string_view bytes, const DocumentHead& head,
+                      bool lenient, bool& untrusted);
+    // Warns of the values among `edits` that no export can write as they are;
+    // true if any makes the result untrusted.
+    bool warnUnusable(const std::vector<Qv::Ptr<Edit>>& edits);
+    // Registers the inputs of a run and sets up its output.
+    void startRun(const std::vector<std::string>& inputs, bool overwrite);
+    // Says that an older file was replaced.
+    void replaced(const std::string& path, const Options& o);
     // Exports one edit; prints the path of each file written.
     int exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
                    const std::string& fileName);
+    // A name for a file from `stem` that no earlier export of this run used,
+    // shortened to what the file system takes with its extension.
+    std::string uniqueStem(const LightweightString<wchar_t>& stem, const std::string& extension);
     // Writes an edit as an OpenTimelineIO file.
     int exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName);
     std::string extensionOf(const Flavour& flavour);
-    // A name for the edit's file that no earlier export of this run used.
-    std::string uniqueStem(const Qv::Ptr<Edit>& edit, const std::string& extension);
     int fail(int code, const std::string& sentence);
     LoggerHandle log() const { return LoggerHandle(Qv::Ptr<iLogSink>(console_)); }
 
@@ -69,6 +92,9 @@ class Commands {
     Qv::Ptr<ConsoleLog> console_;
     std::string usedDir_;                 // the folder that file names are made for
     std::vector<std::string> usedPaths_;  // files this run has written
+    InputFiles inputs_;
+    std::unique_ptr<SafeOutput> output_;
+    std::vector<std::string> untrusted_;  // documents whose result cannot be trusted
 };
 
 }  // namespace qvapp

@@ -1,5 +1,6 @@
 // qvxml: converts, imports and exports timelines through the editor's XML
 // interchange plug-in, without the editor.
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -31,6 +32,9 @@ const char* const kUsage =
     "The user guide is docs/user-guide.md.\n";
 
 const char* const kCommonOptions =
+    "  --overwrite       replace files that exist already (never one of the inputs)\n"
+    "  --lenient         read documents that are not well formed as far as they go, and\n"
+    "                    write what cannot be trusted all the same (the exit status says so)\n"
     "  --set KEY=VALUE   set a configuration key or preference (see the user guide):\n"
     "                    enableXml, suppress_FCP7XML_multiclip_group, xml_export_limit_to_6dB,\n"
     "                    media_scanning_behaviour, \"Import : Suppress relink existing material\"\n"
@@ -119,6 +123,9 @@ bool applySetting(const std::string& setting, std::string& error) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // A file size limit makes a write fail, to be reported like a full disk,
+    // rather than end the process.
+    std::signal(SIGXFSZ, SIG_IGN);
     std::vector<std::string> args(argv + 1, argv + argc);
     if (args.empty()) {
         std::fputs(kUsage, stderr);
@@ -165,6 +172,10 @@ int main(int argc, char** argv) {
             o.silent = true;
         } else if (a == "--skip-offline") {
             o.skipOffline = true;
+        } else if (a == "--overwrite") {
+            o.overwrite = true;
+        } else if (a == "--lenient") {
+            o.lenient = true;
         } else if (a == "--quiet" || a == "-q") {
             o.verbosity = Verbosity::Quiet;
         } else if (a == "--verbose" || a == "-v") {

@@ -59,10 +59,30 @@ class Atomics final : public iAtomics {
     int decrement(int* count) override { return __atomic_sub_fetch(count, 1, __ATOMIC_ACQ_REL); }
 };
 
+struct WriteFailures {
+    std::mutex mutex;
+    std::vector<FileWriteFailure> list;
+};
+WriteFailures& writeFailures() {
+    static WriteFailures* w = new WriteFailures;
+    return *w;
+}
+
+void recordWriteFailure(const LightweightString<wchar_t>& path, int error) {
+    WriteFailures& w = writeFailures();
+    std::lock_guard<std::mutex> lock(w.mutex);
+    for (const FileWriteFailure& f : w.list)
+        if (f.path == path) return;  // the first reason is the one that counts
+    w.list.push_back({path, error});
+}
+
 class PosixFile final : public iFile {
   public:
-    explicit PosixFile(int fd) : fd_(fd) {}
-    ~PosixFile() override { ::close(fd_); }
+    PosixFile(int fd, LightweightString<wchar_t> path, bool writing)
+        : fd_(fd), path_(std::move(path)), writing_(writing) {}
+    ~PosixFile() override {
+        if (::close(fd_) != 0 && writing_ && errno != EINTR) recordWriteFailure(path_, errno);
+    }
 
     unsigned read(void* buffer, unsigned count) override {
         unsigned done = 0;
@@ -79,7 +99,10 @@ class PosixFile final : public iFile {
         while (done < count) {
             ssize_t n = ::write(fd_, static_cast<const char*>(buffer) + done, count - done);
             if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;
+            if (n <= 0) {
+                recordWriteFailure(path_, n < 0 ? errno : ENOSPC);
+                break;
+            }
             done += static_cast<unsigned>(n);
         }
         return done;
@@ -91,6 +114,8 @@ class PosixFile final : public iFile {
 
   private:
     int fd_;
+    LightweightString<wchar_t> path_;
+    bool writing_;
 };
 
 // A file read from memory: what an overlay puts in place of a file's bytes.
@@ -126,10 +151,10 @@ class FileSystem final : public iFileSystem {
     bool exists(const LightweightString<wchar_t>& path) override {
         if (path.empty()) return false;
         struct stat st;
-        return ::stat(toUTF8(path).c_str(), &st) == 0;
+        return ::stat(pathBytes(path).c_str(), &st) == 0;
     }
     bool remove(const LightweightString<wchar_t>& path) override {
-        return !path.empty() && ::unlink(toUTF8(path).c_str()) == 0;
+        return !path.empty() && ::unlink(pathBytes(path).c_str()) == 0;
     }
     Qv::Ptr<iFile> open(const LightweightString<wchar_t>& path, int access, int /*sharing*/,
                         int disposition, int /*flags*/) override {
@@ -147,14 +172,14 @@ class FileSystem final : public iFileSystem {
         } else {
             mode = O_RDONLY;
         }
-        int fd = ::open(toUTF8(path).c_str(), mode | O_CLOEXEC, 0666);
+        int fd = ::open(pathBytes(path).c_str(), mode | O_CLOEXEC, 0666);
         if (fd < 0) return nullptr;
         struct stat st;
         if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
             ::close(fd);
             return nullptr;
         }
-        return Qv::Ptr<iFile>(new PosixFile(fd));
+        return Qv::Ptr<iFile>(new PosixFile(fd, path, access == 2));
     }
 };
 
@@ -191,6 +216,14 @@ void setFileOverlay(const LightweightString<wchar_t>& path, std::string content)
     Overlays& o = overlays();
     std::lock_guard<std::mutex> lock(o.mutex);
     o.content[path.str()] = std::make_shared<const std::string>(std::move(content));
+}
+
+std::vector<FileWriteFailure> takeFileWriteFailures() {
+    WriteFailures& w = writeFailures();
+    std::lock_guard<std::mutex> lock(w.mutex);
+    std::vector<FileWriteFailure> out;
+    out.swap(w.list);
+    return out;
 }
 
 void clearFileOverlay(const LightweightString<wchar_t>& path) {
