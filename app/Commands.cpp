@@ -1,10 +1,11 @@
 #include "app/Commands.h"
 
-#include "app/DocumentHead.h"
-
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <cstdio>
@@ -15,6 +16,8 @@
 #include <set>
 #include <tuple>
 
+#include "app/DocumentCheck.h"
+#include "app/WellFormed.h"
 #include "host/Edit.h"
 #include "host/OS.h"
 #include "host/Paths.h"
@@ -32,6 +35,13 @@ LightweightString<wchar_t> wide(const std::string& s) {
 }
 std::string narrow(const LightweightString<wchar_t>& s) {
     return toUTF8(s).str();
+}
+// Paths are bytes: these keep them whole on the way through the host.
+LightweightString<wchar_t> widePath(const std::string& s) {
+    return pathFromBytes(s);
+}
+std::string narrowPath(const LightweightString<wchar_t>& s) {
+    return pathBytes(s);
 }
 
 std::string absolute(const std::string& path) {
@@ -70,12 +80,27 @@ std::string whyUnreadable(const std::string& input, const DocumentHead& head) {
            ">, where QVXML or xmeml is expected";
 }
 
-// The whole of a file, or false.
+// The whole of a file, or false with errno set.
 bool readWhole(const std::string& path, std::string& out) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
-    out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return !in.bad();
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    struct stat st;
+    if (::fstat(fd, &st) == 0 && st.st_size > 0) out.reserve(static_cast<std::size_t>(st.st_size));
+    char buffer[1 << 16];
+    for (;;) {
+        ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            int error = errno;
+            ::close(fd);
+            errno = error;
+            return false;
+        }
+        if (n == 0) break;
+        out.append(buffer, static_cast<std::size_t>(n));
+    }
+    ::close(fd);
+    return true;
 }
 
 // While it lives, a document whose version the readers would refuse only for
@@ -163,7 +188,7 @@ Commands::Commands(PluginLoader& plugin, Qv::Ptr<ConsoleLog> console)
 
 int Commands::fail(int code, const std::string& sentence) {
     console_->clearProgress();
-    std::fprintf(err_, "qvxml: %s\n", sentence.c_str());
+    std::fprintf(err_, "qvxml: %s\n", shown(sentence).c_str());
     return code;
 }
 
@@ -194,8 +219,83 @@ bool Commands::flavourOf(const std::string& to, Flavour& out, int& exitCode) {
     return true;
 }
 
+void Commands::startRun(const std::vector<std::string>& inputs, bool overwrite) {
+    std::lock_guard<std::mutex> lock(run_->mutex);
+    for (const std::string& input : inputs)
+        run_->inputs.add(input);
+    run_->output = std::make_unique<SafeOutput>(run_->inputs, overwrite);
+}
+
+WriteResult Commands::commitFile(const std::string& finished, const std::string& path) {
+    std::lock_guard<std::mutex> lock(run_->mutex);
+    return run_->output->commit(finished, path);
+}
+
+int Commands::writeFile(const std::string& path, std::string_view bytes, const Options& o) {
+    WriteResult w;
+    {
+        std::lock_guard<std::mutex> lock(run_->mutex);
+        if (!run_->output) run_->output = std::make_unique<SafeOutput>(run_->inputs, o.overwrite);
+        w = run_->output->write(path, bytes);
+    }
+    if (!w) return fail(w.code, w.sentence);
+    if (w.replaced) replaced(path, o);
+    return kExitOK;
+}
+
+void Commands::replaced(const std::string& path, const Options& o) {
+    if (o.verbosity == Verbosity::Quiet) return;
+    console_->clearProgress();
+    std::fprintf(err_, "qvxml: replaced the older %s, as --overwrite asks\n",
+                 shown(quoted(path)).c_str());
+}
+
+int Commands::checkDocument(const std::string& input, std::string_view bytes,
+                            const DocumentHead& head, bool lenient, bool& untrusted) {
+    const bool native = head.kind == DocumentHead::Kind::Native;
+    // Only documents of a kind that is read are checked: anything else is
+    // refused for what it is.
+    if (!native && head.kind != DocumentHead::Kind::Xmeml) return kExitOK;
+    // A QVXML document is looked at as its reader of that version reads it,
+    // in the same scan: what the reader passes over without a word is told.
+    VersionMend mend = mendVersion(head);
+    const std::string& version = mend.becomes.empty() ? head.firstValue : mend.becomes;
+    const bool audited = native && (version == "1.0" || version == "2.0");
+    std::vector<Finding> findings;
+    XmlCheck xml = audited ? checkNative(bytes, version == "2.0", findings)
+                           : checkXml(bytes, native ? qvxmlLimits() : XmlLimits());
+    auto at = [](const XmlPlace& p) {
+        return "(line " + std::to_string(p.line) + ", column " + std::to_string(p.column) + ")";
+    };
+    if (xml.limit)
+        return fail(kExitRefused,
+                    quoted(input) + " is refused " + at(xml.limit.at) + ": " + xml.limit.what);
+    if (xml.malformed) {
+        if (!lenient)
+            return fail(kExitRefused, quoted(input) + " is not well formed " +
+                                          at(xml.malformed.at) + ": " + xml.malformed.what +
+                                          " (--lenient reads what can be read)");
+        log().WarningOut(
+            "%s is not well formed %s: %s; what can be read is read, as --lenient asks",
+            quoted(input).c_str(), at(xml.malformed.at).c_str(), xml.malformed.what.c_str());
+    }
+    for (const Finding& f : findings) {
+        log().WarningOut("%s:%zu:%zu: %s", input.c_str(), f.at.line, f.at.column, f.what.c_str());
+        untrusted = untrusted || f.untrusted;
+    }
+    return kExitOK;
+}
+
+bool Commands::warnUnusable(const std::vector<Qv::Ptr<Edit>>& edits) {
+    Unusable found = unusableValues(edits, 10);
+    for (const Finding& f : found.named)
+        log().WarningOut("%s", f.what.c_str());
+    if (found.more) log().WarningOut("and %zu more values that are not finite numbers", found.more);
+    return found.untrusted;
+}
+
 int Commands::importDocuments(const std::vector<std::string>& inputs,
-                              std::vector<Qv::Ptr<Edit>>& made) {
+                              std::vector<Qv::Ptr<Edit>>& made, bool lenient) {
     iXMLResource* resource = plugin_.resource();
     if (!resource) return fail(kExitPlugin, "the XML plug-in offers no XML resource");
     for (const std::string& input : inputs) {
@@ -206,16 +306,31 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
         if (S_ISDIR(st.st_mode))
             return fail(kExitUnreadable, quoted(input) + " is a folder, not a document");
         if (st.st_size == 0) return fail(kExitUnreadable, quoted(input) + " is empty");
+        EditStore& project = EditStore::current();
+        std::set<const Edit*> before;
+        for (const Qv::Ptr<Edit>& e : project.edits())
+            before.insert(e.get());
+        // What this document made: times that are not numbers can come from
+        // any kind of document.
+        auto madeUntrusted = [&] {
+            std::vector<Qv::Ptr<Edit>> fresh;
+            for (const Qv::Ptr<Edit>& e : project.edits())
+                if (!before.count(e.get())) fresh.push_back(e);
+            return warnUnusable(fresh);
+        };
         // OpenTimelineIO: JSON whose root object has an OTIO_SCHEMA, whatever
         // the file's name. The command reads it itself.
-        if (QvOtio::isOtioDocument(wide(absolute(input)))) {
+        if (QvOtio::isOtioDocument(widePath(absolute(input)))) {
             console_->status("importing " + input);
             std::string why;
-            XML::ImportResult r = QvOtio::importOtioFile(wide(absolute(input)), log(), why);
+            XML::ImportResult r = QvOtio::importOtioFile(widePath(absolute(input)), log(), why);
             console_->clearProgress();
             for (const EditModifier& m : r.edits)
                 made.push_back(m.ptr());
-            if (r.status == XML::kStatusOK) continue;
+            if (r.status == XML::kStatusOK) {
+                if (madeUntrusted()) untrusted_.push_back(input);
+                continue;
+            }
             if (r.status == XML::kStatusUnreadable)
                 return fail(kExitUnreadable, "cannot read " + quoted(input));
             if (!why.empty())
@@ -227,7 +342,15 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
         DocumentHead head = readDocumentHead(input);
         if (head.kind == DocumentHead::Kind::Fcpxml)
             return fail(kExitUnknownDocument, whyUnreadable(input, head));
-        const LightweightString<wchar_t> path = wide(absolute(input));
+        bool untrusted = false;
+        {
+            std::string bytes;
+            if (!readWhole(input, bytes))
+                return fail(kExitUnreadable,
+                            "cannot read " + quoted(input) + ": " + reasonOf(errno));
+            if (int refused = checkDocument(input, bytes, head, lenient, untrusted)) return refused;
+        }
+        const LightweightString<wchar_t> path = widePath(absolute(input));
         MendedVersion mended(input, head, path, log());
 
         ImportFileList files;
@@ -260,22 +383,59 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
                                 " could not be imported: its structure is broken "
                                 "(a Shot or Edit without channels, or an empty channel)");
         }
+        // What the check of the document found untrusted, it has told.
+        if (!untrusted) untrusted = madeUntrusted();
+        if (untrusted) untrusted_.push_back(input);
     }
     return kExitOK;
 }
 
-std::string Commands::uniqueStem(const Qv::Ptr<Edit>& edit, const std::string& extension) {
-    std::string stem = narrow(edit->name);
-    if (stem.empty()) stem = "untitled";
+namespace {
+
+// The bytes of a character of a path.
+std::size_t bytesOf(wchar_t c) {
+    char32_t v = static_cast<char32_t>(c);
+    if (v < 0x80 || (v >= 0xDC80 && v <= 0xDCFF)) return 1;
+    return v < 0x800 ? 2 : v < 0x10000 ? 3 : 4;
+}
+
+// `stem` cut at a character so that it takes at most `budget` bytes.
+std::wstring cutTo(std::wstring_view stem, std::size_t budget) {
+    std::size_t used = 0, keep = 0;
+    while (keep < stem.size() && used + bytesOf(stem[keep]) <= budget)
+        used += bytesOf(stem[keep++]);
+    std::wstring out(stem.substr(0, keep));
+    // A cut that leaves a blank or a full stop at the end makes a name that
+    // is easy to misread.
+    while (!out.empty() && (out.back() == L' ' || out.back() == L'.'))
+        out.pop_back();
+    return out;
+}
+
+}  // namespace
+
+std::string Commands::uniqueStem(const LightweightString<wchar_t>& name,
+                                 const std::string& extension) {
+    std::wstring stem = name.empty() ? std::wstring(L"untitled") : name.str();
+    // The longest name the folder's file system takes.
+    long longest = ::pathconf(usedDir_.c_str(), _PC_NAME_MAX);
+    std::size_t limit = longest > 0 ? static_cast<std::size_t>(longest) : 255;
+    std::size_t extensionBytes = narrowPath(wide(extension)).size();
     for (int n = 1;; ++n) {
-        std::string candidate = n == 1 ? stem : stem + " " + std::to_string(n);
-        std::string path = narrow(Qv::FilespecUtils::makeValidFilespec(
-            wide(usedDir_), wide(candidate), wide(extension), false, L'_'));
-        std::lock_guard<std::mutex> lock(used_->mutex);
-        std::vector<std::string>& used = used_->paths;
+        std::wstring suffix = n == 1 ? std::wstring() : L" " + std::to_wstring(n);
+        std::size_t suffixBytes = suffix.size();
+        std::size_t budget =
+            limit > extensionBytes + suffixBytes ? limit - extensionBytes - suffixBytes : 1;
+        std::wstring candidate = cutTo(stem, budget) + suffix;
+        if (candidate.empty()) candidate = L"untitled";
+        std::string path = narrowPath(Qv::FilespecUtils::makeValidFilespec(
+            widePath(usedDir_), LightweightString<wchar_t>(candidate), wide(extension), false,
+            L'_'));
+        std::lock_guard<std::mutex> lock(run_->mutex);
+        std::vector<std::string>& used = run_->paths;
         if (std::find(used.begin(), used.end(), path) == used.end()) {
             used.push_back(path);
-            return candidate;
+            return narrowPath(LightweightString<wchar_t>(candidate));
         }
     }
 }
@@ -288,17 +448,30 @@ std::string Commands::extensionOf(const Flavour& flavour) {
 int Commands::exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName) {
     std::string label =
         edit->name.empty() ? std::string("the nameless edit") : quoted(narrow(edit->name));
-    LightweightString<wchar_t> path = Qv::FilespecUtils::makeValidFilespec(
-        wide(absolute(o.outputDir)), stripExtension(wide(fileName)), L".otio", false, L'_');
+    // Written in a staging folder and moved into place, as the plug-in's
+    // exports are.
+    StagingFolder staging(usedDir_);
+    if (staging.path().empty()) return fail(staging.error().code, staging.error().sentence);
+    std::string name = narrowPath(stripPath(Qv::FilespecUtils::makeValidFilespec(
+        widePath(usedDir_), stripExtension(widePath(fileName)), L".otio", false, L'_')));
+    std::string staged = staging.path() + "/" + name;
+    std::string destination = usedDir_ + "/" + name;
     QvOtio::ExportOptions options;
     options.skipOffline = o.skipOffline;
-    int status = QvOtio::exportOtio(edit->cookie, path, options, log());
-    if (status == XML::kStatusCannotCreate)
-        return fail(kExitNotWritable, "cannot write " + quoted(narrow(path)));
+    int status = QvOtio::exportOtio(edit->cookie, widePath(staged), options, log());
+    console_->takeWrittenPaths();
+    if (status == XML::kStatusCannotCreate) {
+        if (int failure = takeFileWriteFailure(widePath(staged)))
+            return fail(kExitNotWritable,
+                        "cannot write " + quoted(destination) + ": " + reasonOf(failure));
+        return fail(kExitNotWritable, "cannot write " + quoted(destination));
+    }
     if (status != XML::kStatusOK)
         return fail(kExitFailed, label + " could not be exported as otio (see the messages above)");
-    console_->takeWrittenPaths();
-    std::fprintf(out_, "%s\n", narrow(path).c_str());
+    WriteResult w = commitFile(staged, destination);
+    if (!w) return fail(w.code, w.sentence);
+    if (w.replaced) replaced(destination, o);
+    std::fprintf(out_, "%s\n", shown(destination).c_str());
     std::fflush(out_);
     return kExitOK;
 }
@@ -322,10 +495,17 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
         if (why != 0) return fail(kExitFailed, label + " cannot be exported");
     }
 
+    // The plug-in writes into a folder of its own inside the output folder;
+    // the finished file is moved out of it into place. Its path ends in a
+    // separator, so that even a name the plug-in appends without one stays
+    // inside it.
+    StagingFolder staging(usedDir_);
+    if (staging.path().empty()) return fail(staging.error().code, staging.error().sentence);
+
     XMLExportOptions options;
     options.log = log();
-    options.directory = wide(absolute(o.outputDir));
-    options.fileName = wide(fileName);
+    options.directory = widePath(staging.prefix());
+    options.fileName = widePath(fileName);
     options.flavour = flavour.value;
     options.silent = o.silent;
     options.prepareOption = o.skipOffline;
@@ -333,8 +513,8 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
     auto* single = dynamic_cast<QvExport::SingleSourceExporter*>(exporter.get());
     if (!single) return fail(kExitPlugin, "the XML plug-in made no exporter");
 
-    std::string expected = narrow(Qv::FilespecUtils::makeValidFilespec(
-        options.directory, stripExtension(options.fileName),
+    std::string expected = narrowPath(Qv::FilespecUtils::makeValidFilespec(
+        widePath(usedDir_), stripExtension(options.fileName),
         plugin_.resource() ? plugin_.resource()->getExtension(flavour.value) : L".xml", false,
         L'_'));
 
@@ -351,6 +531,8 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
             console_->status(std::string("exporting ") + label + " " + spinner[tick % 4]);
     QvExport::ExportResult r = task->wait();
     console_->clearProgress();
+    // The paths the pipeline reported lie in the staging folder.
+    console_->takeWrittenPaths();
 
     switch (r.status) {
         case XML::kStatusOK:
@@ -373,18 +555,19 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
             return fail(kExitFailed, label + " could not be exported as " + flavour.name +
                                          " (see the messages above)");
     }
-    std::vector<std::string> written;
-    for (const LightweightString<wchar_t>& f : r.files)
-        written.push_back(narrow(f));
-    for (std::string& f : console_->takeWrittenPaths())
-        written.push_back(std::move(f));
-    // A silent export reports nothing; the file is where the name says.
-    if (written.empty() && fileExists(wide(expected))) written.push_back(expected);
-    if (written.empty()) {
-        std::fprintf(out_, "%s: nothing to write\n", label.c_str());
+    std::vector<std::string> finished = staging.files();
+    if (finished.empty()) {
+        std::fprintf(out_, "%s: nothing to write\n", shown(label).c_str());
+        std::fflush(out_);
+        return kExitOK;
     }
-    for (const std::string& f : written)
-        std::fprintf(out_, "%s\n", f.c_str());
+    for (const std::string& name : finished) {
+        std::string destination = usedDir_ + "/" + name;
+        WriteResult w = commitFile(staging.path() + "/" + name, destination);
+        if (!w) return fail(w.code, w.sentence);
+        if (w.replaced) replaced(destination, o);
+        std::fprintf(out_, "%s\n", shown(destination).c_str());
+    }
     std::fflush(out_);
     return kExitOK;
 }
@@ -394,13 +577,17 @@ int Commands::convert(const Options& o) {
     int code = kExitOK;
     if (!flavourOf(o.to, flavour, code)) return code;
     if (o.inputs.empty()) return fail(kExitUsage, "say which documents to convert");
-    if (!isDirectory(wide(o.outputDir)))
-        return fail(kExitNoFolder, "the output folder " + quoted(o.outputDir) + " does not exist");
+    if (WriteResult w = checkFolder(o.outputDir, "the output folder"); !w)
+        return fail(w.code, w.sentence);
     usedDir_ = absolute(o.outputDir);
     std::string extension = extensionOf(flavour);
-    // A file written never takes the place of a document read.
+    startRun(o.inputs, o.overwrite);
+    if (!o.report.empty())
+        if (WriteResult w = run_->output->check(o.report); !w) return fail(w.code, w.sentence);
+    // A file written never takes the place of a document read: its name goes
+    // to the next number.
     for (const std::string& input : o.inputs)
-        used_->paths.push_back(absolute(input));
+        run_->paths.push_back(absolute(input));
     return convertAll(o, flavour, extension);
 }
 
@@ -414,8 +601,13 @@ int Commands::import(const Options& o) {
     for (const Qv::Ptr<Edit>& e : project.edits())
         before.insert(key(e->cookie));
 
+    // Where the snapshot goes is settled before any work is done.
+    startRun(o.inputs, o.overwrite);
+    if (!o.snapshot.empty())
+        if (WriteResult w = run_->output->check(o.snapshot); !w) return fail(w.code, w.sentence);
+
     std::vector<Qv::Ptr<Edit>> made;
-    int code = importDocuments(o.inputs, made);
+    int code = importDocuments(o.inputs, made, o.lenient);
     if (code != kExitOK) return code;
 
     int imported = 0, offline = 0, subclips = 0;
@@ -440,14 +632,26 @@ int Commands::import(const Options& o) {
     if (subclips) std::printf(", %d sub-clip%s", subclips, subclips == 1 ? "" : "s");
     std::printf(", %d warning%s\n", console_->warnings(), console_->warnings() == 1 ? "" : "s");
     for (const Qv::Ptr<Edit>& e : made)
-        std::printf("  sequence %s\n", quoted(narrow(e->name)).c_str());
+        std::printf("  sequence %s\n", shown(quoted(narrow(e->name))).c_str());
     std::fflush(stdout);
 
+    std::string untrusted;
+    for (const std::string& input : untrusted_)
+        untrusted += (untrusted.empty() ? "" : ", ") + quoted(input);
+    if (!untrusted.empty() && !o.lenient)
+        return fail(kExitUntrusted, untrusted + " cannot be trusted: times are wrong or lost " +
+                                        "(see the warnings above)" +
+                                        (o.snapshot.empty() ? std::string()
+                                                            : ", so no snapshot is written "
+                                                              "(--lenient writes it)"));
     if (!o.snapshot.empty()) {
-        Snapshot::Result r = Snapshot::saveFile(project, o.snapshot);
-        if (!r.ok) return fail(kExitNotWritable, r.error);
-        std::printf("snapshot written to %s\n", o.snapshot.c_str());
+        if (int failed = writeFile(o.snapshot, Snapshot::dump(project), o)) return failed;
+        std::printf("snapshot written to %s\n", shown(o.snapshot).c_str());
+        std::fflush(stdout);
     }
+    if (!untrusted.empty())
+        return fail(kExitUntrusted, untrusted + " cannot be trusted: times are wrong or lost " +
+                                        "(see the warnings above)");
     return kExitOK;
 }
 
@@ -460,13 +664,18 @@ int Commands::exportSnapshot(const Options& o) {
     struct stat st;
     if (::stat(input.c_str(), &st) != 0)
         return fail(kExitUnreadable, "cannot read " + quoted(input) + ": there is no such file");
-    if (!isDirectory(wide(o.outputDir)))
-        return fail(kExitNoFolder, "the output folder " + quoted(o.outputDir) + " does not exist");
+    if (WriteResult w = checkFolder(o.outputDir, "the output folder"); !w)
+        return fail(w.code, w.sentence);
     usedDir_ = absolute(o.outputDir);
+    startRun(o.inputs, o.overwrite);
+    if (!o.report.empty())
+        if (WriteResult w = run_->output->check(o.report); !w) return fail(w.code, w.sentence);
 
     EditStore& project = EditStore::current();
     Snapshot::Result loaded = Snapshot::loadFile(project, input);
     if (!loaded.ok) return fail(kExitUnknownDocument, quoted(input) + ": " + loaded.error);
+    for (const std::string& w : loaded.warnings)
+        log().WarningOut("%s: %s", input.c_str(), w.c_str());
 
     Qv::Ptr<Edit> chosen;
     if (!o.edit.empty()) {
@@ -491,10 +700,24 @@ int Commands::exportSnapshot(const Options& o) {
                                         "; say which with --edit NAME");
         }
     }
+    // An export writes times as frame counts: one that is not a number
+    // would be written as a count that looks right and is not.
+    bool untrusted = warnUnusable(editAndSources(chosen));
+    if (untrusted && !o.lenient)
+        return fail(kExitUntrusted, quoted(input) +
+                                        " has times that no export can write (see the warnings "
+                                        "above), so nothing is written (--lenient writes it)");
     std::string extension = extensionOf(flavour);
-    used_->paths.push_back(absolute(input));
-    std::string fileName = o.name.empty() ? uniqueStem(chosen, extension) + extension : o.name;
-    return exportWithReport(chosen, flavour, o, fileName, input);
+    run_->paths.push_back(absolute(input));
+    std::string fileName =
+        uniqueStem(o.name.empty() ? chosen->name : stripExtension(widePath(o.name)), extension) +
+        extension;
+    int exported = exportWithReport(chosen, flavour, o, fileName, input);
+    if (exported == kExitOK && untrusted)
+        return fail(kExitUntrusted, quoted(input) +
+                                        " was written as --lenient asks, but its times cannot be "
+                                        "trusted (see the warnings above)");
+    return exported;
 }
 
 int Commands::rate(const Options& o) {
@@ -505,7 +728,7 @@ int Commands::rate(const Options& o) {
         return fail(kExitUnreadable, "cannot read " + quoted(input) + ": there is no such file");
     iXMLResource* resource = plugin_.resource();
     if (!resource) return fail(kExitPlugin, "the XML plug-in offers no XML resource");
-    const LightweightString<wchar_t> path = wide(absolute(input));
+    const LightweightString<wchar_t> path = widePath(absolute(input));
     if (QvOtio::isOtioDocument(path)) {
         Qv::FrameRate rate = QvOtio::otioFrameRate(path);
         if (rate == Qv::eFrameRateNone)
@@ -516,6 +739,13 @@ int Commands::rate(const Options& o) {
         return kExitOK;
     }
     DocumentHead head = readDocumentHead(input);
+    {
+        std::string bytes;
+        if (!readWhole(input, bytes))
+            return fail(kExitUnreadable, "cannot read " + quoted(input) + ": " + reasonOf(errno));
+        bool untrusted = false;
+        if (int refused = checkDocument(input, bytes, head, o.lenient, untrusted)) return refused;
+    }
     Qv::FrameRate r;
     {
         MendedVersion mended(input, head, path, log());

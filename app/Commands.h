@@ -5,10 +5,13 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "app/Console.h"
+#include "app/DocumentHead.h"
 #include "app/PluginLoader.h"
+#include "app/SafeOutput.h"
 
 namespace qvapp {
 
@@ -23,6 +26,8 @@ enum ExitCode {
     kExitFailed = 6,           // an import or export failed on its way
     kExitPlugin = 7,           // the plug-in could not be loaded
     kExitNotAvailable = 8,     // what was asked for is not built yet, or switched off
+    kExitRefused = 9,          // a document is not well formed, or nests past any real one
+    kExitUntrusted = 10,       // what was read has times that cannot be trusted
 };
 
 struct Options {
@@ -34,6 +39,8 @@ struct Options {
     std::string name;      // export: the file's name
     bool silent = false;
     bool skipOffline = false;
+    bool overwrite = false;  // replace existing files (never an input)
+    bool lenient = false;    // read documents that are not well formed, write untrusted ones
     Verbosity verbosity = Verbosity::Normal;
     // The conform toolkit (see the user guide's "Conforming").
     int jobs = 1;                         // -j: documents worked on side by side; 0 all cores
@@ -74,16 +81,35 @@ class Commands {
     // A --to value as a flavour, or a failure already reported.
     bool flavourOf(const std::string& to, Flavour& out, int& exitCode);
     // Imports documents into the current project. The sequences made are
-    // appended to `made`.
-    int importDocuments(const std::vector<std::string>& inputs, std::vector<Qv::Ptr<Edit>>& made);
+    // appended to `made`. A document whose result cannot be trusted is
+    // imported all the same, and added to `untrusted_`.
+    int importDocuments(const std::vector<std::string>& inputs, std::vector<Qv::Ptr<Edit>>& made,
+                        bool lenient);
+    // Refuses a document that is not well formed (unless `lenient`) or that
+    // nests past the limits, and tells what its readers will pass over.
+    int checkDocument(const std::string& input, std::string_view bytes, const DocumentHead& head,
+                      bool lenient, bool& untrusted);
+    // Warns of the values among `edits` that no export can write as they are;
+    // true if any makes the result untrusted.
+    bool warnUnusable(const std::vector<Qv::Ptr<Edit>>& edits);
+    // Registers the inputs of a run and sets up its output.
+    void startRun(const std::vector<std::string>& inputs, bool overwrite);
+    // Says that an older file was replaced.
+    void replaced(const std::string& path, const Options& o);
+    // Writes a whole file through the run's safe output (reports, pictures,
+    // snapshots): reports a failure and returns its exit status.
+    int writeFile(const std::string& path, std::string_view bytes, const Options& o);
+    // Moves a finished export out of its staging folder into place.
+    WriteResult commitFile(const std::string& finished, const std::string& path);
     // Exports one edit; prints the path of each file written.
     int exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
                    const std::string& fileName);
+    // A name for a file from `stem` that no earlier export of this run used,
+    // shortened to what the file system takes with its extension.
+    std::string uniqueStem(const LightweightString<wchar_t>& stem, const std::string& extension);
     // Writes an edit as an OpenTimelineIO file.
     int exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName);
     std::string extensionOf(const Flavour& flavour);
-    // A name for the edit's file that no earlier export of this run used.
-    std::string uniqueStem(const Qv::Ptr<Edit>& edit, const std::string& extension);
     int fail(int code, const std::string& sentence);
     // Converts the documents, side by side with -j, each with its loss
     // report (app/Convert.cpp).
@@ -99,18 +125,23 @@ class Commands {
     // Reads a document or snapshot into the current store: the sequences it
     // made, what the store held before, and its format.
     int readForLooking(const std::string& input, std::vector<Qv::Ptr<Edit>>& sequences,
-                       std::string& format);
+                       std::string& format, bool lenient);
     LoggerHandle log() const { return LoggerHandle(Qv::Ptr<iLogSink>(console_)); }
 
     PluginLoader& plugin_;
     Qv::Ptr<ConsoleLog> console_;
     std::string usedDir_;  // the folder that file names are made for
-    // Files this run has written, shared by the jobs of a batch.
-    struct NameBook {
+    // What the jobs of a run share: the files it has written (or named, for
+    // one of its exports to write), its inputs and its safe output. `mutex`
+    // guards all of them.
+    struct RunFiles {
         std::mutex mutex;
         std::vector<std::string> paths;
+        InputFiles inputs;
+        std::unique_ptr<SafeOutput> output;
     };
-    std::shared_ptr<NameBook> used_ = std::make_shared<NameBook>();
+    std::shared_ptr<RunFiles> run_ = std::make_shared<RunFiles>();
+    std::vector<std::string> untrusted_;  // documents whose result cannot be trusted
     std::FILE* out_ = stdout;
     std::FILE* err_ = stderr;
 };

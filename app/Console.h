@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/Logger.h"
@@ -12,6 +13,12 @@
 namespace qvapp {
 
 enum class Verbosity { Quiet, Normal, Verbose };
+
+// Text as it may go to a terminal: control characters (C0, DEL and C1, which
+// can move the cursor, retitle a window or clear the screen) are shown as
+// escapes such as \x1b, and bytes that are not UTF-8 as \xff, so that a name
+// in a document is shown and never obeyed.
+std::string shown(std::string_view text);
 
 class ConsoleLog : public iLogSink {
   public:

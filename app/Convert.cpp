@@ -5,7 +5,6 @@
 #include "app/Batch.h"
 #include "app/Commands.h"
 #include "app/LossReport.h"
-#include "app/Output.h"
 #include "app/Relink.h"
 #include "app/SourceScan.h"
 #include "app/Util.h"
@@ -52,28 +51,6 @@ class ThreadAppLog {
     Qv::Ptr<iLogSink> previous_;
 };
 
-std::string formatOf(const std::string& input) {
-    if (QvOtio::isOtioDocument(wideText(absolutePath(input)))) return "otio";
-    // The head is read again by the import; this only names the reader.
-    std::FILE* f = std::fopen(input.c_str(), "rb");
-    if (!f) return "";
-    char head[4096];
-    std::size_t n = std::fread(head, 1, sizeof head, f);
-    std::fclose(f);
-    std::string text(head, n);
-    if (text.find("<xmeml") != std::string::npos) return "xmeml";
-    if (text.find("<QVXML") != std::string::npos) return "native";
-    return "";
-}
-
-bool writeReport(const std::string& path, const std::vector<DocumentLosses>& docs,
-                 const std::string& command, std::FILE* err) {
-    std::string why;
-    if (writeWholeFile(path, lossReportText(docs, command), why)) return true;
-    std::fprintf(err, "qvxml: %s\n", why.c_str());
-    return false;
-}
-
 }  // namespace
 
 int Commands::convertDocument(std::size_t job, const std::string& input, const Options& o,
@@ -89,11 +66,17 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
     losses.target = flavour.name;
 
     std::vector<Qv::Ptr<Edit>> made;
-    int imported = importDocuments({input}, made);
+    int imported = importDocuments({input}, made, o.lenient);
     if (imported != kExitOK) return imported;
+    const bool untrusted = !untrusted_.empty();
+    if (untrusted && !o.lenient)
+        return fail(kExitUntrusted, inQuotes(input) +
+                                        " cannot be trusted: its times are wrong or lost (see "
+                                        "the warnings above), so nothing is written for it "
+                                        "(--lenient writes it)");
     mapImportedLocators({});
     losses.read = true;
-    std::string format = formatOf(input);
+    std::string format = documentFormat(input);
     losses.items = scanSource(input, format);
 
     std::vector<Qv::Ptr<Edit>> toWrite = made;
@@ -111,7 +94,7 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
     std::vector<std::string> stems;
     for (const Qv::Ptr<Edit>& e : toWrite)
         stems.push_back(!e->isShot() && e->getNumChans(3) == 0 ? std::string()
-                                                               : uniqueStem(e, extension));
+                                                               : uniqueStem(e->name, extension));
     turn.pass();
 
     int result = kExitOK;
@@ -144,8 +127,15 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
         for (Loss& l : writerLosses(s, warnings))
             losses.items.push_back(std::move(l));
     }
-    if (o.verbosity != Verbosity::Quiet)
+    // The summary speaks for files written; a failure has said its own.
+    if (o.verbosity != Verbosity::Quiet && result == kExitOK)
         std::fprintf(err_, "qvxml: %s\n", lossSummary(losses).c_str());
+    if (untrusted) {
+        int code = fail(kExitUntrusted, inQuotes(input) +
+                                            " was written as --lenient asks, but its times cannot "
+                                            "be trusted (see the warnings above)");
+        if (result == kExitOK) result = code;
+    }
     return result;
 }
 
@@ -164,7 +154,7 @@ int Commands::convertAll(const Options& o, const Flavour& flavour, const std::st
                 Qv::Ptr<ConsoleLog> console(new ConsoleLog(o.verbosity, err));
                 Commands job(plugin_, console);
                 job.setStreams(out, err);
-                job.used_ = used_;
+                job.run_ = run_;
                 job.usedDir_ = usedDir_;
                 return job.convertDocument(i, o.inputs[i], o, flavour, extension, &turns,
                                            losses[i]);
@@ -187,8 +177,10 @@ int Commands::convertAll(const Options& o, const Flavour& flavour, const std::st
             std::fprintf(err_, "qvxml: %s\n", summary.c_str());
         }
     }
-    if (!o.report.empty() && !writeReport(o.report, losses, "convert", err_) && result == kExitOK)
-        result = kExitNotWritable;
+    if (!o.report.empty())
+        if (int failed = writeFile(o.report, lossReportText(losses, "convert"), o);
+            failed && result == kExitOK)
+            result = failed;
     return result;
 }
 
@@ -216,8 +208,7 @@ int Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour
     }
     if (o.verbosity != Verbosity::Quiet)
         std::fprintf(err_, "qvxml: %s\n", lossSummary(losses).c_str());
-    if (!o.report.empty() && !writeReport(o.report, {losses}, "export", err_))
-        return kExitNotWritable;
+    if (!o.report.empty()) return writeFile(o.report, lossReportText({losses}, "export"), o);
     return kExitOK;
 }
 

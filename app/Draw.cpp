@@ -9,7 +9,6 @@
 #include "app/Commands.h"
 #include "app/Info.h"
 #include "app/LossReport.h"
-#include "app/Output.h"
 #include "app/SourceScan.h"
 #include "app/Util.h"
 
@@ -277,14 +276,15 @@ int Commands::draw(const Options& o) {
     if (!html && !output.ends_with(".svg"))
         return fail(kExitUsage, "-o names an .svg or an .html file, not " + inQuotes(output));
     const std::string& input = o.inputs[0];
-    if (absolutePath(input) == absolutePath(output))
-        return fail(kExitUsage, "the picture would take the place of " + inQuotes(input));
+    // Where the picture goes is settled before any work is done.
+    startRun({input}, o.overwrite);
+    if (WriteResult w = run_->output->check(output); !w) return fail(w.code, w.sentence);
 
     EditStore project;
     ScopedCurrentStore scope(project);
     std::vector<Qv::Ptr<Edit>> sequences;
     std::string format;
-    int code = readForLooking(input, sequences, format);
+    int code = readForLooking(input, sequences, format, o.lenient);
     if (code != kExitOK) return code;
     DocumentInfo d =
         describe(sequences, {}, input, format, resolutionsFrom(console_->takeInfoLines()));
@@ -314,8 +314,7 @@ int Commands::draw(const Options& o) {
             num(kWidth) + "\" height=\"" + num(y) + "\" viewBox=\"0 0 " + num(kWidth) + " " +
             num(y) + "\">\n" + body + "</svg>\n";
     }
-    std::string why;
-    if (!writeWholeFile(output, content, why)) return fail(kExitNotWritable, why);
+    if (int failed = writeFile(output, content, o)) return failed;
     std::fprintf(out_, "%s\n", absolutePath(output).c_str());
     return kExitOK;
 }

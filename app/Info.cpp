@@ -212,7 +212,7 @@ std::string infoText(const DocumentInfo& d, bool clips, bool mediaList, bool mar
 }
 
 int Commands::readForLooking(const std::string& input, std::vector<Qv::Ptr<Edit>>& sequences,
-                             std::string& format) {
+                             std::string& format, bool lenient) {
     struct stat st;
     if (::stat(input.c_str(), &st) != 0)
         return fail(kExitUnreadable, "cannot read " + inQuotes(input) + ": there is no such file");
@@ -227,15 +227,9 @@ int Commands::readForLooking(const std::string& input, std::vector<Qv::Ptr<Edit>
     }
     // The shots keep the locators their document gave, so that what was
     // moved by --map-path can be told; only what is written is moved.
-    int code = importDocuments({input}, sequences);
+    int code = importDocuments({input}, sequences, lenient);
     if (code != kExitOK) return code;
-    std::FILE* f = std::fopen(input.c_str(), "rb");
-    std::string head(4096, '\0');
-    head.resize(f ? std::fread(head.data(), 1, head.size(), f) : 0);
-    if (f) std::fclose(f);
-    format = head.find("<xmeml") != std::string::npos   ? "xmeml"
-             : head.find("<QVXML") != std::string::npos ? "native"
-                                                        : "otio";
+    format = documentFormat(input);
     return kExitOK;
 }
 
@@ -244,7 +238,7 @@ int Commands::infoDocument(const std::string& input, const Options& o, std::stri
     ScopedCurrentStore scope(project);
     std::vector<Qv::Ptr<Edit>> sequences;
     std::string format;
-    int code = readForLooking(input, sequences, format);
+    int code = readForLooking(input, sequences, format, o.lenient);
     if (code != kExitOK) return code;
     DocumentInfo d =
         describe(sequences, {}, input, format, resolutionsFrom(console_->takeInfoLines()));

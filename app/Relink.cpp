@@ -9,7 +9,6 @@
 #include <memory>
 
 #include "app/Commands.h"
-#include "app/Output.h"
 #include "app/Util.h"
 #include "host/Media.h"
 #include "host/PathMap.h"
@@ -19,6 +18,17 @@
 namespace qvapp {
 
 namespace {
+
+// "cut.json" gives "cut.relinked.json"; a name without an extension gets
+// ".relinked.json".
+std::string relinkedName(const std::string& snapshot) {
+    std::size_t slash = snapshot.rfind('/');
+    std::size_t dot = snapshot.rfind('.');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash) ||
+        dot == (slash == std::string::npos ? 0 : slash + 1))
+        return snapshot + ".relinked.json";
+    return snapshot.substr(0, dot) + ".relinked" + snapshot.substr(dot);
+}
 
 std::string lowerCase(std::string s) {
     for (char& c : s)
@@ -156,7 +166,12 @@ int Commands::relink(const Options& o) {
     for (const std::string& dir : o.searchDirs)
         if (!isDirectory(wideText(dir)))
             return fail(kExitNoFolder, "the folder " + inQuotes(dir) + " does not exist");
-    std::string output = o.outputGiven ? o.outputDir : input;
+    // The snapshot read is never written over: the relinked one goes beside
+    // it, as NAME.relinked.json, unless -o says where.
+    std::string output = o.outputGiven ? o.outputDir : relinkedName(input);
+    startRun({input}, o.overwrite);
+    if (!o.dryRun)
+        if (WriteResult w = run_->output->check(output); !w) return fail(w.code, w.sentence);
 
     EditStore project;
     ScopedCurrentStore scope(project);
@@ -237,9 +252,8 @@ int Commands::relink(const Options& o) {
     std::fprintf(out_, "%s: %d %s, %d still offline\n", counted(offline, "offline shot").c_str(),
                  linked, o.dryRun ? "would be linked" : "linked", offline - linked);
     std::fflush(out_);
-    if (o.dryRun || (linked == 0 && output == input)) return kExitOK;
-    std::string why;
-    if (!writeWholeFile(output, Snapshot::dump(project), why)) return fail(kExitNotWritable, why);
+    if (o.dryRun) return kExitOK;
+    if (int failed = writeFile(output, Snapshot::dump(project), o)) return failed;
     std::fprintf(out_, "snapshot written to %s\n", output.c_str());
     return kExitOK;
 }

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -40,6 +41,9 @@ const char* const kUsage =
     "The user guide is docs/user-guide.md.\n";
 
 const char* const kCommonOptions =
+    "  --overwrite       replace files that exist already (never one of the inputs)\n"
+    "  --lenient         read documents that are not well formed as far as they go, and\n"
+    "                    write what cannot be trusted all the same (the exit status says so)\n"
     "  --set KEY=VALUE   set a configuration key or preference (see the user guide):\n"
     "                    enableXml, suppress_FCP7XML_multiclip_group, xml_export_limit_to_6dB,\n"
     "                    media_scanning_behaviour, \"Import : Suppress relink existing material\"\n"
@@ -114,7 +118,8 @@ const char* helpFor(const std::string& command) {
                "Looks in the folders (and the folders below them) for the files of the\n"
                "snapshot's offline shots: by file name, and where several files share the\n"
                "name, by picture size, length and sound channels. Says what it matched, and\n"
-               "writes the snapshot back (or to OUT.json).\n"
+               "writes the relinked snapshot beside the one read, as NAME.relinked.json (or\n"
+               "to OUT.json); the snapshot read is never written over.\n"
                "\n"
                "  --search DIR      a folder to look in (repeatable)\n"
                "  -o FILE           write the relinked snapshot there instead\n"
@@ -188,6 +193,9 @@ bool addPathRule(const std::string& text, PathMap& map, std::string& error) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // A file size limit makes a write fail, to be reported like a full disk,
+    // rather than end the process.
+    std::signal(SIGXFSZ, SIG_IGN);
     std::vector<std::string> args(argv + 1, argv + argc);
     if (args.empty()) {
         std::fputs(kUsage, stderr);
@@ -268,6 +276,10 @@ int main(int argc, char** argv) {
             o.silent = true;
         } else if (a == "--skip-offline") {
             o.skipOffline = true;
+        } else if (a == "--overwrite") {
+            o.overwrite = true;
+        } else if (a == "--lenient") {
+            o.lenient = true;
         } else if (a == "--quiet" || a == "-q") {
             o.verbosity = Verbosity::Quiet;
         } else if (a == "--verbose" || a == "-v") {

@@ -1,5 +1,6 @@
 #include "host/FrameRate.h"
 
+#include <array>
 #include <cmath>
 #include <limits>
 
@@ -48,8 +49,16 @@ const RateRow* row(FrameRate rate) {
     return nullptr;
 }
 
+// The true rate of a row, from its rational; worked out once, since the
+// readers ask for rates at every record.
 double exactFps(const RateRow& r) {
-    return std::wcstod(r.num, nullptr) / std::wcstod(r.den, nullptr);
+    static const auto table = [] {
+        std::array<double, sizeof kRates / sizeof kRates[0]> fps{};
+        for (std::size_t i = 0; i < fps.size(); ++i)
+            fps[i] = std::wcstod(kRates[i].num, nullptr) / std::wcstod(kRates[i].den, nullptr);
+        return fps;
+    }();
+    return table[static_cast<std::size_t>(&r - kRates)];
 }
 
 FrameRate nearest(double fps, double tolerance, bool relative) {

@@ -57,6 +57,9 @@ bool timecodeToFrame(const char* text, unsigned ticks, bool dropFrame, std::int6
         ff >= static_cast<long long>(ticks) || hh > 100000)
         return false;
     const std::int64_t drop = droppedPerMinute(ticks, dropFrame);
+    // Drop-frame numbering has no frames 0 and 1 (0 to 3 at 60) at the start
+    // of a minute but every tenth: "00:01:00;00" names no frame.
+    if (drop && ss == 0 && ff < drop && mm % 10 != 0) return false;
     std::int64_t minutes = hh * 60 + mm;
     frame = (hh * 3600 + mm * 60 + ss) * static_cast<std::int64_t>(ticks) + ff;
     frame -= drop * (minutes - minutes / 10);

@@ -22,7 +22,7 @@ struct MediumRollIdent {
 // applies to timebases 30 and 60. Negative frame numbers get a leading '-'.
 LightweightString<char> frameToTimecode(std::int64_t frame, unsigned ticks, bool dropFrame);
 // Parses "HH:MM:SS:FF" (any of ':', ';', '.', ',' between the fields); false
-// if the text is no timecode.
+// if the text is no timecode, or names a number that drop frame skips.
 bool timecodeToFrame(const char* text, unsigned ticks, bool dropFrame, std::int64_t& frame);
 
 class Label {

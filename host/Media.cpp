@@ -32,7 +32,7 @@ int getMediaScanningBehaviour() {
 LightweightString<wchar_t> canonicalPath(const LightweightString<wchar_t>& path) {
     if (path.empty()) return path;
     char resolved[PATH_MAX];
-    if (::realpath(toUTF8(path).c_str(), resolved)) return fromUTF8(resolved);
+    if (::realpath(pathBytes(path).c_str(), resolved)) return pathFromBytes(resolved);
     return path;
 }
 

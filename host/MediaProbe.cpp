@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "host/Media.h"
+#include "host/Paths.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -34,7 +35,7 @@ MediaProbe probeMediaFile(const LightweightString<wchar_t>& path) {
     MediaProbe probe;
     quietFFmpeg();
     AVFormatContext* context = nullptr;
-    LightweightString<char> file = toUTF8(path);
+    std::string file = pathBytes(path);
     if (avformat_open_input(&context, file.c_str(), nullptr, nullptr) != 0) {
         probe.error = "not a media file that can be read";
         return probe;

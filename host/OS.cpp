@@ -60,10 +60,30 @@ class Atomics final : public iAtomics {
     int decrement(int* count) override { return __atomic_sub_fetch(count, 1, __ATOMIC_ACQ_REL); }
 };
 
+struct WriteFailures {
+    std::mutex mutex;
+    std::vector<FileWriteFailure> list;
+};
+WriteFailures& writeFailures() {
+    static WriteFailures* w = new WriteFailures;
+    return *w;
+}
+
+void recordWriteFailure(const LightweightString<wchar_t>& path, int error) {
+    WriteFailures& w = writeFailures();
+    std::lock_guard<std::mutex> lock(w.mutex);
+    for (const FileWriteFailure& f : w.list)
+        if (f.path == path) return;  // the first reason is the one that counts
+    w.list.push_back({path, error});
+}
+
 class PosixFile final : public iFile {
   public:
-    explicit PosixFile(int fd) : fd_(fd) {}
-    ~PosixFile() override { ::close(fd_); }
+    PosixFile(int fd, LightweightString<wchar_t> path, bool writing)
+        : fd_(fd), path_(std::move(path)), writing_(writing) {}
+    ~PosixFile() override {
+        if (::close(fd_) != 0 && writing_ && errno != EINTR) recordWriteFailure(path_, errno);
+    }
 
     unsigned read(void* buffer, unsigned count) override {
         unsigned done = 0;
@@ -80,7 +100,10 @@ class PosixFile final : public iFile {
         while (done < count) {
             ssize_t n = ::write(fd_, static_cast<const char*>(buffer) + done, count - done);
             if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;
+            if (n <= 0) {
+                recordWriteFailure(path_, n < 0 ? errno : ENOSPC);
+                break;
+            }
             done += static_cast<unsigned>(n);
         }
         return done;
@@ -92,6 +115,8 @@ class PosixFile final : public iFile {
 
   private:
     int fd_;
+    LightweightString<wchar_t> path_;
+    bool writing_;
 };
 
 // A file read from memory: what an overlay puts in place of a file's bytes.
@@ -127,10 +152,10 @@ class FileSystem final : public iFileSystem {
     bool exists(const LightweightString<wchar_t>& path) override {
         if (path.empty()) return false;
         struct stat st;
-        return ::stat(toUTF8(path).c_str(), &st) == 0;
+        return ::stat(pathBytes(path).c_str(), &st) == 0;
     }
     bool remove(const LightweightString<wchar_t>& path) override {
-        return !path.empty() && ::unlink(toUTF8(path).c_str()) == 0;
+        return !path.empty() && ::unlink(pathBytes(path).c_str()) == 0;
     }
     Qv::Ptr<iFile> open(const LightweightString<wchar_t>& path, int access, int /*sharing*/,
                         int disposition, int /*flags*/) override {
@@ -148,14 +173,14 @@ class FileSystem final : public iFileSystem {
         } else {
             mode = O_RDONLY;
         }
-        int fd = ::open(toUTF8(path).c_str(), mode | O_CLOEXEC, 0666);
+        int fd = ::open(pathBytes(path).c_str(), mode | O_CLOEXEC, 0666);
         if (fd < 0) return nullptr;
         struct stat st;
         if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
             ::close(fd);
             return nullptr;
         }
-        return Qv::Ptr<iFile>(new PosixFile(fd));
+        return Qv::Ptr<iFile>(new PosixFile(fd, path, access == 2));
     }
 };
 
@@ -196,6 +221,26 @@ void setFileOverlay(const LightweightString<wchar_t>& path, std::string content)
     Overlays& o = overlays();
     std::lock_guard<std::mutex> lock(o.mutex);
     o.content[path.str()] = std::make_shared<const std::string>(std::move(content));
+}
+
+std::vector<FileWriteFailure> takeFileWriteFailures() {
+    WriteFailures& w = writeFailures();
+    std::lock_guard<std::mutex> lock(w.mutex);
+    std::vector<FileWriteFailure> out;
+    out.swap(w.list);
+    return out;
+}
+
+int takeFileWriteFailure(const LightweightString<wchar_t>& path) {
+    WriteFailures& w = writeFailures();
+    std::lock_guard<std::mutex> lock(w.mutex);
+    for (auto it = w.list.begin(); it != w.list.end(); ++it)
+        if (it->path == path) {
+            int error = it->error;
+            w.list.erase(it);
+            return error;
+        }
+    return 0;
 }
 
 void clearFileOverlay(const LightweightString<wchar_t>& path) {

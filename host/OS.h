@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "host/LightweightString.h"
 #include "host/OSCore.h"
@@ -80,6 +81,20 @@ iOS* OS();
 // hand the plug-in a document it has mended, without writing to the disk.
 void setFileOverlay(const LightweightString<wchar_t>& path, std::string content);
 void clearFileOverlay(const LightweightString<wchar_t>& path);
+
+// Files written through OS()->files() whose writing failed: a write that
+// did not take all it was given (a full disk, a quota, a file size limit) or
+// a close that reported an error, with the system's error number. The
+// plug-in does not look at what a write returns, so whoever runs an export
+// asks here afterwards. Taking the list empties it.
+struct FileWriteFailure {
+    LightweightString<wchar_t> path;
+    int error = 0;
+};
+std::vector<FileWriteFailure> takeFileWriteFailures();
+// The error of the failed write of one file, taken from the list; 0 when its
+// writing did not fail. Exports that run side by side each ask for their own.
+int takeFileWriteFailure(const LightweightString<wchar_t>& path);
 
 // The private half of the layer: turns a locator into the form that this
 // platform's file system understands (see Paths.h).

@@ -1,7 +1,6 @@
 #include "host/Paths.h"
 
 #include <dirent.h>
-#include <fnmatch.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -78,7 +77,7 @@ bool locator_UNCToURL(WS& in, WS& out) {
             path.push_back(c == L'\\' ? L'/' : c);
     }
     if (path.empty()) path = L"/";
-    LightweightString<char> encoded = percentEncode(toUTF8(std::wstring_view(path)));
+    LightweightString<char> encoded = percentEncode(pathBytes(WS(path)));
     out = WS(L"file://") + WS(host) + fromUTF8(encoded);
     return true;
 }
@@ -150,7 +149,8 @@ WS locatorToPlatformForm(const WS& locator) {
         host = rest.substr(0, slash);
         rest = slash == std::wstring_view::npos ? std::wstring_view() : rest.substr(slash);
     }
-    WS path = fromUTF8(percentDecode(toUTF8(rest)));
+    // The escapes stand for the bytes of the path, which need not be UTF-8.
+    WS path = pathFromBytes(percentDecode(pathBytes(WS(rest))).view());
     if (path.empty()) path = WS(L"/");
     if (host.empty() || host == L"localhost") return path;
     std::wstring unc = L"\\\\" + std::wstring(host);
@@ -207,21 +207,87 @@ WS joinPath(const WS& dir, const WS& name) {
     return dir + L"/" + name;
 }
 
+WS pathFromBytes(std::string_view bytes) {
+    std::wstring out;
+    out.reserve(bytes.size());
+    size_t i = 0;
+    while (i < bytes.size()) {
+        unsigned char b = static_cast<unsigned char>(bytes[i]);
+        if (b < 0x80) {
+            out.push_back(static_cast<wchar_t>(b));
+            ++i;
+            continue;
+        }
+        // The length of the sequence that this byte begins, and the smallest
+        // value it may encode (longer forms of smaller values are not UTF-8).
+        size_t extra = (b & 0xE0) == 0xC0 ? 1 : (b & 0xF0) == 0xE0 ? 2 : (b & 0xF8) == 0xF0 ? 3 : 0;
+        static const char32_t minimum[4] = {0, 0x80, 0x800, 0x10000};
+        char32_t c = b & (0x3F >> extra);
+        bool ok = extra > 0;
+        for (size_t k = 1; ok && k <= extra; ++k) {
+            if (i + k >= bytes.size()) {
+                ok = false;
+                break;
+            }
+            unsigned char cb = static_cast<unsigned char>(bytes[i + k]);
+            if ((cb & 0xC0) != 0x80) ok = false;
+            c = (c << 6) | (cb & 0x3F);
+        }
+        if (ok && c >= minimum[extra] && c <= 0x10FFFF && !(c >= 0xD800 && c <= 0xDFFF)) {
+            out.push_back(static_cast<wchar_t>(c));
+            i += extra + 1;
+        } else {
+            out.push_back(static_cast<wchar_t>(0xDC00 + b));
+            ++i;
+        }
+    }
+    return WS(out);
+}
+
+std::string pathBytes(const WS& path) {
+    std::string out;
+    out.reserve(path.size());
+    for (wchar_t w : path.view()) {
+        char32_t c = static_cast<char32_t>(w);
+        if (c >= 0xDC80 && c <= 0xDCFF) {
+            out.push_back(static_cast<char>(c - 0xDC00));
+            continue;
+        }
+        if (c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) c = 0xFFFD;
+        if (c < 0x80) {
+            out.push_back(static_cast<char>(c));
+        } else if (c < 0x800) {
+            out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else if (c < 0x10000) {
+            out.push_back(static_cast<char>(0xE0 | (c >> 12)));
+            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else {
+            out.push_back(static_cast<char>(0xF0 | (c >> 18)));
+            out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        }
+    }
+    return out;
+}
+
 bool fileExists(const WS& path) {
     if (path.empty()) return false;
     struct stat st;
-    return ::stat(toUTF8(path).c_str(), &st) == 0 && S_ISREG(st.st_mode);
+    return ::stat(pathBytes(path).c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
 bool isDirectory(const WS& path) {
     if (path.empty()) return false;
     struct stat st;
-    return ::stat(toUTF8(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    return ::stat(pathBytes(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 namespace {
 
-void listDirectory(const std::string& dir, const std::string& pattern, WStringList& found,
+void listDirectory(const std::string& dir, const std::string& wanted, WStringList& found,
                    unsigned flags, int depth) {
     DIR* d = ::opendir(dir.empty() ? "." : dir.c_str());
     if (!d) return;
@@ -240,24 +306,22 @@ void listDirectory(const std::string& dir, const std::string& pattern, WStringLi
         if (::lstat(full.c_str(), &st) != 0) continue;
         bool isDir = S_ISDIR(st.st_mode);
         if (isDir) subdirectories.push_back(full);
-        bool wanted = isDir ? (flags & kDirIncludeDirectories) : (flags & kDirIncludeFiles);
-        if (wanted && ::fnmatch(pattern.c_str(), name.c_str(), FNM_PERIOD) == 0)
-            found.push_back(fromUTF8(full.c_str()));
+        bool kind = isDir ? (flags & kDirIncludeDirectories) : (flags & kDirIncludeFiles);
+        if (kind && name == wanted) found.push_back(pathFromBytes(full));
     }
     // Symbolic links to directories are not followed (lstat), so the walk
     // cannot loop; the depth bound keeps a search near the document.
     if ((flags & kDirRecurse) && depth < 8) {
         for (const std::string& sub : subdirectories)
-            listDirectory(sub, pattern, found, flags, depth + 1);
+            listDirectory(sub, wanted, found, flags, depth + 1);
     }
 }
 
 }  // namespace
 
-void getDirectoryContents(const WS& dir, const WS& pattern, WStringList& found,
-                          unsigned int flags) {
-    if (pattern.empty()) return;
-    listDirectory(toUTF8(dir).str(), toUTF8(pattern).str(), found, flags, 0);
+void getDirectoryContents(const WS& dir, const WS& name, WStringList& found, unsigned int flags) {
+    if (name.empty()) return;
+    listDirectory(pathBytes(dir), pathBytes(name), found, flags, 0);
 }
 
 namespace Qv::FilespecUtils {

@@ -8,6 +8,8 @@
 // percent-encoded (UTF-8 bytes); local paths and UNC forms carry them as they are.
 #pragma once
 
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/Containers.h"
@@ -44,6 +46,15 @@ LightweightString<wchar_t> getExtension(const LightweightString<wchar_t>& path, 
 LightweightString<wchar_t> joinPath(const LightweightString<wchar_t>& dir,
                                     const LightweightString<wchar_t>& name);
 
+// A path as the file system holds it is bytes, not text. These two turn the
+// bytes into the host's wide string and back without loss: valid UTF-8 reads
+// as its characters, and every byte that is not part of valid UTF-8 becomes
+// one of the code points U+DC80 to U+DCFF (otherwise unused: they are lone
+// surrogates), which turns back into that byte. Every host service that
+// hands a path to the system goes through pathBytes.
+LightweightString<wchar_t> pathFromBytes(std::string_view bytes);
+std::string pathBytes(const LightweightString<wchar_t>& path);
+
 bool fileExists(const LightweightString<wchar_t>& path);
 bool isDirectory(const LightweightString<wchar_t>& path);
 
@@ -53,12 +64,13 @@ enum : unsigned int {
     kDirRecurse = 2,
     kDirIncludeFiles = 4,
 };
-// Fills `found` with the full paths of the entries of `dir` whose names match
-// `pattern` (a shell pattern, '*' and '?'), in name order; with kDirRecurse the
-// sub-directories follow, in name order, after the entries of the directory
-// itself. An empty `dir` is the current directory.
+// Fills `found` with the full paths of the entries of `dir` whose name is
+// `name`, in name order; with kDirRecurse the sub-directories follow, in name
+// order, after the entries of the directory itself. The name is compared
+// byte for byte: "clip?.mov" and "Interview [take 2].mov" are names, not
+// patterns. An empty `dir` is the current directory.
 void getDirectoryContents(const LightweightString<wchar_t>& dir,
-                          const LightweightString<wchar_t>& pattern, WStringList& found,
+                          const LightweightString<wchar_t>& name, WStringList& found,
                           unsigned int flags);
 
 namespace Qv::FilespecUtils {

@@ -1,5 +1,6 @@
 #include "host/Snapshot.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -294,6 +295,21 @@ class Reader {
         return l;
     }
 
+    // The audio enumerations hold only the values they name: any other would
+    // not be a value of the type at all.
+    Aud::eBaseSampleRate baseSampleRate(long long v, const std::string& field) {
+        if (v < Aud::eBaseNone || v > Aud::eBase96000)
+            fail(field, std::to_string(v) + " is no sample rate base (0 to " +
+                            std::to_string(Aud::eBase96000) + ")");
+        return static_cast<Aud::eBaseSampleRate>(v);
+    }
+    Aud::eFactor sampleRateFactor(long long v, const std::string& field) {
+        if (v < Aud::eFactorNone || v > Aud::eFactorHalf)
+            fail(field, std::to_string(v) + " is no sample rate factor (0 to " +
+                            std::to_string(Aud::eFactorHalf) + ")");
+        return static_cast<Aud::eFactor>(v);
+    }
+
     unsigned colour(const json& v, const std::string& field) {
         if (v.is_string()) {
             std::string s = v.get<std::string>();
@@ -311,7 +327,7 @@ class Reader {
         if (p.empty()) return {};
         LightweightString<wchar_t> w = fromUTF8(p.c_str());
         if (p[0] == '/' || locator_IsURL(w) || base_.empty()) return w;
-        return joinPath(fromUTF8(base_.c_str()), w);
+        return joinPath(pathFromBytes(base_), w);
     }
 
     Qv::Ptr<Edit> readEdit(const json& j) {
@@ -371,17 +387,18 @@ class Reader {
         ifPresent(j, "audioSampleRate",
                   [&](const json& v) { e->audioSampleRate = real(v, "audioSampleRate"); });
         ifPresent(j, "audioInputSampleRate", [&](const json& v) {
-            int base = v.contains("base")
-                           ? static_cast<int>(integer(v["base"], "audioInputSampleRate.base"))
-                           : 0;
-            int factor = v.contains("factor")
-                             ? static_cast<int>(integer(v["factor"], "audioInputSampleRate.factor"))
-                             : 1;
-            e->audioInputSampleRate = Aud::SampleRate(static_cast<Aud::eBaseSampleRate>(base),
-                                                      static_cast<Aud::eFactor>(factor));
+            if (!v.is_object()) fail("audioInputSampleRate", "must be an object");
+            long long base =
+                v.contains("base") ? integer(v["base"], "audioInputSampleRate.base") : 0;
+            long long factor =
+                v.contains("factor") ? integer(v["factor"], "audioInputSampleRate.factor") : 1;
+            e->audioInputSampleRate =
+                Aud::SampleRate(baseSampleRate(base, "audioInputSampleRate.base"),
+                                sampleRateFactor(factor, "audioInputSampleRate.factor"));
         });
         ifPresent(j, "resamplingFactor", [&](const json& v) {
-            e->resamplingFactor = static_cast<Aud::eFactor>(integer(v, "resamplingFactor"));
+            e->resamplingFactor =
+                sampleRateFactor(integer(v, "resamplingFactor"), "resamplingFactor");
         });
         ifPresent(j, "sequence",
                   [&](const json& v) { e->sequence = static_cast<int>(integer(v, "sequence")); });
@@ -458,10 +475,21 @@ class Reader {
         return store_.findByName(name);
     }
 
+    bool known(const Cookie& c) const {
+        for (const Qv::Ptr<Edit>& e : edits_)
+            if (e->cookie.sameIdentity(c)) return true;
+        return static_cast<bool>(store_.find(c));
+    }
+
     // What a cel plays: its cookie, a magic name, or a source edit and channel.
     Cookie celCookie(const json& j, const std::string& field, EditChanType chanType) {
-        if (j.contains("cookie") && !j["cookie"].is_null())
-            return cookie(j["cookie"], field + ".cookie");
+        if (j.contains("cookie") && !j["cookie"].is_null()) {
+            Cookie c = cookie(j["cookie"], field + ".cookie");
+            if (!c.isMagic() && !known(c))
+                warnings_.push_back(path_ + "." + field + ".cookie: \"" + text(j["cookie"], field) +
+                                    "\" names no edit of the snapshot or the project");
+            return c;
+        }
         if (j.contains("magic")) {
             std::string m = text(j["magic"], field + ".magic");
             bool video = chanType == kChanVideo;
@@ -598,6 +626,7 @@ class Reader {
                     : eWipeForward;
         });
         ifPresent(j, "alternates", [&](const json& v) {
+            if (!v.is_array()) fail(field + ".alternates", "must be a list");
             for (size_t k = 0; k < v.size(); ++k) {
                 std::string af = field + ".alternates[" + std::to_string(k) + "]";
                 CelAlternate a;
@@ -613,7 +642,53 @@ class Reader {
     EditStore& store_;
     std::string base_;
     std::string path_;
+
+  public:
+    std::vector<std::string> warnings_;
 };
+
+// Line and column (from 1, columns in bytes) of a place in a text.
+std::string lineAndColumn(const std::string& text, std::size_t at) {
+    at = std::min(at, text.size());
+    std::size_t line = 1, lineStart = 0;
+    for (std::size_t i = 0; i < at; ++i)
+        if (text[i] == '\n') {
+            ++line;
+            lineStart = i + 1;
+        }
+    return "line " + std::to_string(line) + ", column " + std::to_string(at - lineStart + 1);
+}
+
+// Where the text first nests deeper than kMaxNesting, or npos. The parser
+// would follow such nesting with its own stack; the question is settled
+// before it starts.
+std::size_t tooDeep(const std::string& text) {
+    int depth = 0;
+    bool inString = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
+        if (inString) {
+            if (c == '\\')
+                ++i;
+            else if (c == '"')
+                inString = false;
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > kMaxNesting) return i;
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+    }
+    return std::string::npos;
+}
+
+Result failure(std::string error) {
+    Result r;
+    r.ok = false;
+    r.error = std::move(error);
+    return r;
+}
 
 }  // namespace
 
@@ -626,47 +701,62 @@ std::string dump(const EditStore& store) {
     for (const Qv::Ptr<Edit>& e : store.edits())
         edits.push_back(editJson(*e));
     root["edits"] = edits;
-    return root.dump(2) + "\n";
+    // Texts that came from a document are not always UTF-8: their stray bytes
+    // are written as U+FFFD rather than stopping the dump.
+    return root.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
 Result load(EditStore& store, const std::string& text, const std::string& baseDirectory) {
-    json root = json::parse(text, nullptr, false);
-    if (root.is_discarded()) return {false, "the file is not valid JSON"};
+    if (std::size_t at = tooDeep(text); at != std::string::npos)
+        return failure("the snapshot nests deeper than " + std::to_string(kMaxNesting) +
+                       " levels (" + lineAndColumn(text, at) + "), which no snapshot does");
+    json root;
+    try {
+        root = json::parse(text);
+    } catch (const json::parse_error& e) {
+        return failure("the file is not valid JSON (" +
+                       lineAndColumn(text, e.byte > 0 ? e.byte - 1 : 0) + ")");
+    } catch (const json::exception&) {
+        // The parser's only other complaint: a number past what a double holds.
+        return failure("the file holds a number too large to read");
+    }
     std::uint64_t seed = store.generatorState();
     Reader reader(store, baseDirectory);
     try {
         reader.read(root);
     } catch (const Failure& f) {
         store.reseed(seed);
-        return {false, (f.where.empty() ? "" : f.where + ": ") + f.what};
+        return failure((f.where.empty() ? "" : f.where + ": ") + f.what);
     } catch (const json::exception& e) {
         store.reseed(seed);
-        return {false, e.what()};
+        return failure(e.what());
     }
     for (const Qv::Ptr<Edit>& e : reader.edits_)
         store.add(e);
-    return {};
+    Result r;
+    r.warnings = std::move(reader.warnings_);
+    return r;
 }
 
 Result loadFile(EditStore& store, const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    if (!in) return {false, "cannot read \"" + path + "\""};
+    if (!in) return failure("cannot read \"" + path + "\"");
     std::stringstream buffer;
     buffer << in.rdbuf();
     // Media paths in the snapshot are relative to its folder, made absolute
     // so that the store's media paths are.
-    LightweightString<wchar_t> file = fromUTF8(path.c_str());
+    LightweightString<wchar_t> file = pathFromBytes(path);
     if (!file.startsWith(L"/"))
-        file = joinPath(fromUTF8(std::filesystem::current_path().c_str()), file);
-    return load(store, buffer.str(), toUTF8(getPath(file)).str());
+        file = joinPath(pathFromBytes(std::filesystem::current_path().native()), file);
+    return load(store, buffer.str(), pathBytes(getPath(file)));
 }
 
 Result saveFile(const EditStore& store, const std::string& path) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (!out) return {false, "cannot write \"" + path + "\""};
+    if (!out) return failure("cannot write \"" + path + "\"");
     out << dump(store);
     out.close();
-    if (!out) return {false, "could not finish writing \"" + path + "\""};
+    if (!out) return failure("could not finish writing \"" + path + "\"");
     return {};
 }
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "host/Edit.h"
 
@@ -14,7 +15,14 @@ namespace Snapshot {
 struct Result {
     bool ok = true;
     std::string error;  // where and what, when not ok
+    // What was loaded but will not play as written: a cel or angle that
+    // names no edit of the snapshot or the store. Where and what, each.
+    std::vector<std::string> warnings;
 };
+
+// Snapshots nest a handful of levels (edits, channels, cels, angles); one
+// that nests deeper than this is refused before it is parsed.
+inline constexpr int kMaxNesting = 64;
 
 // The store as JSON text.
 std::string dump(const EditStore& store);

@@ -594,6 +594,27 @@ std::vector<XMLParser::Tag> XMLParser::attributes() const {
     return out;
 }
 
+namespace {
+// The name holds no '<': a tag begins at the last one before its attributes.
+std::size_t tagStart(const char* text, std::size_t attrBegin) {
+    std::size_t at = attrBegin;
+    while (at > 0 && text[at] != '<')
+        --at;
+    return at;
+}
+}  // namespace
+
+std::size_t XMLParser::offset() const {
+    if (root_ == kNone) return 0;
+    return tagStart(index_->text, index_->elements[root_].attrBegin);
+}
+
+std::size_t XMLParser::offsetOf(const LightweightString<char>& tag, unsigned int index) const {
+    auto [first, last] = range(tag);
+    if (index >= last - first) return std::string::npos;
+    return tagStart(index_->text, index_->elements[index_->byName[first + index]].attrBegin);
+}
+
 unsigned int XMLParser::count(const LightweightString<char>& tag) const {
     auto [first, last] = range(tag);
     return last - first;

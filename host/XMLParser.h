@@ -49,8 +49,14 @@ class XMLParser {
                                        unsigned int index) const;
     std::vector<std::unique_ptr<XMLParser>> sections_TopLevel(
         const LightweightString<char>& tag) const;
-    // For a parser made by section(): the element's attributes.
+    // For a parser made by section(): the element's attributes, and where its
+    // start tag begins in the text of the first parser (0 for a parser made
+    // over a text), so that a caller can say where an element stands.
     std::vector<Tag> attributes() const;
+    std::size_t offset() const;
+    // Where the index-th element of that name begins in the text of the first
+    // parser, empty or not; npos when there is none.
+    std::size_t offsetOf(const LightweightString<char>& tag, unsigned int index) const;
     XMLParser(const XMLParser&) = delete;
     XMLParser& operator=(const XMLParser&) = delete;
 

@@ -138,13 +138,16 @@ EditChanType trackType(const Item& track) {
     return 0;
 }
 
-// Cuts a channel's cels to a window of it, which becomes its whole.
-void clipToWindow(CChannel* channel, double start, double length, const TimeBase& base) {
+// Cuts a channel's cels to a window of it, which becomes its whole. Answers
+// how many cels that play something lay wholly outside and were let go.
+int clipToWindow(CChannel* channel, double start, double length, const TimeBase& base) {
     double from = start / base.ticks, to = (start + length) / base.ticks;
+    int dropped = 0;
     CED2Cell* cel = channel->firstCel();
     while (cel) {
         CED2Cell* next = cel->next();
         if (cel->editOut <= from || cel->editIn >= to) {
+            if (!cel->cookie.isValid() || !cel->cookie.isBlack()) ++dropped;
             delete channel->cels.remove(cel);
         } else {
             double in = std::max(cel->editIn, from), out = std::min(cel->editOut, to);
@@ -157,6 +160,7 @@ void clipToWindow(CChannel* channel, double start, double length, const TimeBase
         }
         cel = next;
     }
+    return dropped;
 }
 
 }  // namespace
@@ -372,9 +376,22 @@ void OtioReader::buildChannels(const Item& composition, CED2* record, const Time
         buildTrack(track, record, channel, base, &track != &composition);
         // So is a timeline's stack; a nested one is kept whole.
         if (top && composition.sourceRange.valid())
-            clipToWindow(channel, framesOf(composition.sourceRange.start, base),
-                         framesOf(composition.sourceRange.duration, base), base);
+            warnOutside(clipToWindow(channel, framesOf(composition.sourceRange.start, base),
+                                     framesOf(composition.sourceRange.duration, base), base),
+                        composition, base);
     }
+}
+
+void OtioReader::warnOutside(int dropped, const Item& trimmed, const TimeBase& base) {
+    if (dropped == 0) return;
+    // Items outside the range a track or stack shows are not part of the cut,
+    // but they are in the file: say so.
+    logger.WarningOut(
+        "%s \"%s\": %d item%s outside its source_range (from frame %.0f, %.0f "
+        "frames long) %s not read",
+        trimmed.kind == ItemKind::Stack ? "stack" : "track", trimmed.name.c_str(), dropped,
+        dropped == 1 ? "" : "s", framesOf(trimmed.sourceRange.start, base),
+        framesOf(trimmed.sourceRange.duration, base), dropped == 1 ? "is" : "are");
 }
 
 double OtioReader::durationOf(const Item& item, const TimeBase& base, int depth) const {
@@ -513,8 +530,9 @@ void OtioReader::buildTrack(const Item& track, CED2* record, CChannel* channel,
     }
     bool window = trimmed && track.sourceRange.valid();
     if (window)
-        clipToWindow(channel, framesOf(track.sourceRange.start, base),
-                     framesOf(track.sourceRange.duration, base), base);
+        warnOutside(clipToWindow(channel, framesOf(track.sourceRange.start, base),
+                                 framesOf(track.sourceRange.duration, base), base),
+                    track, base);
     // A track's markers are the record's cues, in its time.
     double origin = window ? framesOf(track.sourceRange.start, base) : 0;
     addCues(track.markers, origin, base, record->cues, false);

@@ -85,6 +85,8 @@ class OtioReader : public XML::XMLReader {
         return t.valid() ? rescale(t.value, t.rate, base.fps) : 0.0;
     }
     double durationOf(const Item& item, const TimeBase& base, int depth) const;
+    // Says how many items lay outside the source range a track or stack shows.
+    void warnOutside(int dropped, const Item& trimmed, const TimeBase& base);
     double mediaOrigin(std::size_t media, const TimeBase& base) const;
 
     const Document* doc_ = nullptr;

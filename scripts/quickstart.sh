@@ -9,7 +9,8 @@ cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPI
 cmake --build build -j"${JOBS:-2}" --target qvxml_app
 
 mkdir -p out
-echo "== qvxml convert examples/native/interview-cut.xml --to xmeml -o out"
-build/bin/qvxml convert examples/native/interview-cut.xml --to xmeml -o out
+# --overwrite: a second run replaces what the first one wrote.
+echo "== qvxml convert examples/native/interview-cut.xml --to xmeml -o out --overwrite"
+build/bin/qvxml convert examples/native/interview-cut.xml --to xmeml -o out --overwrite
 echo "Done: the file above is the cut as xmeml, for Premiere, Resolve or Final Cut Pro 7."
 echo "Try 'build/bin/qvxml --help', and see docs/user-guide.md."

@@ -199,9 +199,22 @@ TEST_F(Conform, RelinkFindsMovedMediaAndTellsFilesOfOneNameApart) {
         << r.out;
     EXPECT_NE(r.out.find("still offline \"lost\": no file named \"lost.wav\""), std::string::npos);
     EXPECT_NE(r.out.find("3 offline shots: 2 linked, 1 still offline"), std::string::npos);
+    // The snapshot read is kept; the relinked one goes beside it, and is
+    // not replaced by a second run without --overwrite.
+    EXPECT_EQ(qvtest::readFile(snapshot), Snapshot::dump(store));
+    const std::string relinked = dir.file("project.relinked.json");
+    Outcome again = qvxml("relink " + quote(snapshot) + " --search " + quote(search));
+    EXPECT_EQ(again.status, 5);
+    EXPECT_NE(again.err.find("exists already and is kept (--overwrite replaces it)"),
+              std::string::npos)
+        << again.err;
+    Outcome over = qvxml("relink " + quote(snapshot) + " --search " + quote(search) + " -o " +
+                         quote(snapshot) + " --overwrite");
+    EXPECT_EQ(over.status, 5);
+    EXPECT_NE(over.err.find("never writes over its inputs"), std::string::npos) << over.err;
 
     EditStore back;
-    ASSERT_TRUE(Snapshot::loadFile(back, snapshot).ok);
+    ASSERT_TRUE(Snapshot::loadFile(back, relinked).ok);
     std::map<std::wstring, std::string> media;
     for (const Qv::Ptr<Edit>& e : back.edits())
         if (e->isShot()) media[e->name.str()] = toUTF8(e->mediaPath).str();

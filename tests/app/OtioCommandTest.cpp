@@ -67,6 +67,17 @@ TEST(OtioCommand, WritesOtioAndReadsItBackByItsContent) {
               " --to otio --name mine.xml -o " + quote(dir.path()));
     EXPECT_EQ(exported.status, 0) << exported.err;
     EXPECT_EQ(exported.out, dir.file("mine.otio") + "\n");
+
+    // Items that a track's source range leaves out are said, not dropped
+    // without a word.
+    std::string screening = std::string(QVXML_CORPUS) + "/otio/screening_example.otio";
+    if (qvtest::exists(screening)) {
+        Outcome trimmed = qvxml("import " + quote(screening));
+        EXPECT_EQ(trimmed.status, 0) << trimmed.err;
+        EXPECT_NE(trimmed.err.find("track \"V\": 9 items outside its source_range"),
+                  std::string::npos)
+            << trimmed.err;
+    }
 }
 
 TEST(OtioCommand, ABrokenOtioDocumentIsSaidInOneSentence) {

@@ -38,6 +38,14 @@ TEST(DropFrame, TextAndFrameNumbersAgreeBothWays) {
     EXPECT_FALSE(timecodeToFrame("00:00:00:30", 30, false, f));  // no frame 30 at 30
     EXPECT_FALSE(timecodeToFrame("01:00:00", 25, false, f));
     EXPECT_FALSE(timecodeToFrame("01:00:00:00x", 25, false, f));
+    // Numbers that drop frame skips name no frame: they are no timecode.
+    EXPECT_FALSE(timecodeToFrame("00:01:00;00", 30, true, f));
+    EXPECT_FALSE(timecodeToFrame("00:01:00;01", 30, true, f));
+    EXPECT_FALSE(timecodeToFrame("00:01:00;03", 60, true, f));
+    EXPECT_TRUE(timecodeToFrame("00:10:00;00", 30, true, f));
+    EXPECT_TRUE(timecodeToFrame("00:01:00;00", 30, false, f));
+    EXPECT_FALSE(EditLabel("TC 5 DF 00:01:00;00 105").is_valid());
+    EXPECT_TRUE(EditLabel("TC 5 NDF 00:01:00:00 105").is_valid());
 }
 
 TEST(EditLabel, KeepStringRoundTrip) {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include "host/OS.h"
 #include "host/Paths.h"
 #include "tests/support/TestSupport.h"
@@ -85,12 +87,79 @@ TEST(Directories, ContentsAreSortedAndRecursionIsOptIn) {
     getDirectoryContents(dir.wpath(), L"a.mov", found, kDirIncludeFiles | kDirRecurse);
     ASSERT_EQ(found.size(), 2u);
     EXPECT_EQ(found[1], dir.wpath() + L"/sub/a.mov");
-    found.clear();
-    getDirectoryContents(dir.wpath(), L"*.mov", found, kDirIncludeFiles);
-    EXPECT_EQ(found.size(), 2u);
     EXPECT_TRUE(fileExists(dir.wpath() + L"/a.mov"));
     EXPECT_FALSE(fileExists(dir.wpath() + L"/sub"));
     EXPECT_TRUE(OS()->files()->exists(dir.wpath() + L"/sub"));
+}
+
+// Moved media is looked for by its name: the name is no shell pattern.
+TEST(Directories, NamesMatchLiterally) {
+    qvtest::TempDir dir;
+    for (const char* name : {"Interview [take 2].mov", "clipA.mov", "clip?.mov", "x*.wav"})
+        qvtest::writeFile(dir.file(name), "x");
+    auto find = [&](const wchar_t* name) {
+        WStringList found;
+        getDirectoryContents(dir.wpath(), name, found, kDirIncludeFiles);
+        std::vector<std::string> names;
+        for (const WS& f : found)
+            names.push_back(toUTF8(stripPath(f)).str());
+        return names;
+    };
+    EXPECT_EQ(find(L"Interview [take 2].mov"), std::vector<std::string>{"Interview [take 2].mov"});
+    EXPECT_EQ(find(L"clip?.mov"), std::vector<std::string>{"clip?.mov"});
+    EXPECT_EQ(find(L"clipA.mov"), std::vector<std::string>{"clipA.mov"});
+    EXPECT_TRUE(find(L"clip*.mov").empty());
+    EXPECT_TRUE(find(L"Interview ?take 2].mov").empty());
+}
+
+// A path is bytes: what is not UTF-8 survives the wide string and reaches
+// the file system as it was.
+TEST(Files, PathsThatAreNotUtf8) {
+    const std::string raw[] = {
+        "/tmp/caf\xE9.xml",       "/a/\xFF\xFE", "/b/\xC3", "/c/\xED\xA0\x80",
+        "/d/\xF0\x9F\x8E\xAC ok", "/e/\xC0\xAF"};
+    for (const std::string& bytes : raw) {
+        WS wide = pathFromBytes(bytes);
+        EXPECT_EQ(pathBytes(wide), bytes);
+        EXPECT_EQ(pathBytes(pathFromBytes(pathBytes(wide))), bytes);
+    }
+    EXPECT_EQ(pathFromBytes("/m\xC3\xA9"
+                            "dia"),
+              WS(L"/m\u00e9dia"))
+        << "UTF-8 reads as text";
+    EXPECT_EQ(pathFromBytes("/\xE9")[1], static_cast<wchar_t>(0xDCE9));
+
+    qvtest::TempDir dir;
+    std::string name = dir.path() + "/Cut \xE9t\xE9.xml";
+    qvtest::writeFile(name, "<QVXML/>");
+    WS path = pathFromBytes(name);
+    EXPECT_TRUE(fileExists(path));
+    Qv::Ptr<iFile> in = OS()->files()->open(path, kOpenForReading);
+    ASSERT_TRUE(in);
+    EXPECT_EQ(in->size(), 8u);
+    WStringList found;
+    getDirectoryContents(dir.wpath(), stripPath(path), found, kDirIncludeFiles);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(pathBytes(found[0]), name);
+    // A file URL escapes the bytes themselves, and comes back to them.
+    WS url = localPathToURL(path);
+    EXPECT_NE(url.find(L"%E9t%E9.xml"), WS::npos) << toUTF8(url).c_str();
+    EXPECT_EQ(pathBytes(locatorToPlatformForm(url)), name);
+}
+
+// A write that the file system refuses is remembered for whoever runs the
+// export, since the writer does not look at what a write returns.
+TEST(Files, FailedWritesAreRecorded) {
+    takeFileWriteFailures();
+    Qv::Ptr<iFile> full = OS()->files()->open(WS(L"/dev/full"), kCreateForWriting);
+    ASSERT_TRUE(full);
+    EXPECT_EQ(full->write("abc", 3), 0u);
+    full = nullptr;
+    std::vector<FileWriteFailure> failures = takeFileWriteFailures();
+    ASSERT_EQ(failures.size(), 1u);
+    EXPECT_EQ(failures[0].path, WS(L"/dev/full"));
+    EXPECT_EQ(failures[0].error, ENOSPC);
+    EXPECT_TRUE(takeFileWriteFailures().empty());
 }
 
 TEST(Files, TheTwoWaysOfOpening) {

@@ -93,6 +93,14 @@ TEST(Mediums, PositionsLandOnFramesOfTheTargetMedium) {
     MPosn_Xlate_Params p(Qv::eFrameRateNone, Qv::eFrameRateNone);
     EXPECT_DOUBLE_EQ(mPosn_Xlate(10.03, kMediumRealTime, pal, p), 10.04);
     EXPECT_DOUBLE_EQ(mPosn_Xlate(10.03, kMediumRealTime, kMediumNone, p), 10.03);
+    // Any medium a label or snapshot may carry, the ends of the range
+    // included (the suite runs under UBSan too).
+    for (MediumRollMedium m : {INT32_MIN, INT32_MIN + 1, -1, 0, 100, 101, 147, 148, INT32_MAX}) {
+        Qv::FrameRate r = getFrameRatefromMedium(m);
+        EXPECT_TRUE(r == Qv::eFrameRateNone || Qv::isKnownFrameRate(r)) << m;
+        EXPECT_TRUE(std::isfinite(mPosn_Xlate(1.5, kMediumRealTime, m, p))) << m;
+    }
+    EXPECT_EQ(getFrameRatefromMedium(INT32_MIN), Qv::eFrameRateNone);
 }
 
 TEST(SampleRates, FactorsAndBases) {

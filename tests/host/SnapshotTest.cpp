@@ -144,7 +144,7 @@ TEST_F(StoreTest, SnapshotErrorsSayWhereAndLeaveTheStoreAlone) {
         EXPECT_FALSE(r.ok);
         return r.error;
     };
-    EXPECT_EQ(error("{"), "the file is not valid JSON");
+    EXPECT_EQ(error("{\n  \"edits\": [,]}"), "the file is not valid JSON (line 2, column 13)");
     EXPECT_EQ(error(R"({"edits":[{"name":"a","frameRate":"27"}]})"),
               "edits[0].frameRate: \"27\" is no known frame rate");
     EXPECT_EQ(error(R"({"edits":[{"name":"a","channels":[{"cels":[{"source":"nobody"}]}]}]})"),
@@ -154,6 +154,56 @@ TEST_F(StoreTest, SnapshotErrorsSayWhereAndLeaveTheStoreAlone) {
     EXPECT_EQ(error(R"({"version": 99})"),
               "version: snapshot version 99 is newer than this program reads (1)");
     EXPECT_EQ(store.size(), 0u);
+}
+
+// Hostile snapshots: nesting past any real snapshot is refused before it is
+// parsed, and no value of a field makes a value its type cannot hold.
+TEST_F(StoreTest, SnapshotsThatNoEditorWroteAreRefusedPlainly) {
+    auto error = [&](const std::string& text) {
+        Snapshot::Result r = Snapshot::load(store, text, "");
+        EXPECT_FALSE(r.ok) << text.substr(0, 80);
+        return r.error;
+    };
+    std::string deep = std::string(100000, '[') + std::string(100000, ']');
+    EXPECT_EQ(error(deep),
+              "the snapshot nests deeper than 64 levels (line 1, column 65), which no snapshot "
+              "does");
+    EXPECT_EQ(error(R"({"seed": 107080865E9529497632})"),
+              "the file holds a number too large to read");
+    std::string deepInString = "{\"edits\":[],\"x\":\"" + std::string(1000, '[') + "\"}";
+    EXPECT_TRUE(Snapshot::load(store, deepInString, "").ok) << "brackets in text do not nest";
+
+    EXPECT_EQ(error(R"({"edits":[{"audioInputSampleRate":{"base":-7}}]})"),
+              "edits[0].audioInputSampleRate.base: -7 is no sample rate base (0 to 10)");
+    EXPECT_EQ(error(R"({"edits":[{"audioInputSampleRate":{"base":9,"factor":2147483648}}]})"),
+              "edits[0].audioInputSampleRate.factor: 2147483648 is no sample rate factor (0 to 8)");
+    EXPECT_EQ(error(R"({"edits":[{"resamplingFactor":-1}]})"),
+              "edits[0].resamplingFactor: -1 is no sample rate factor (0 to 8)");
+    EXPECT_EQ(error(R"({"edits":[{"channels":[{"cels":[{"alternates":{"a":1}}]}]}]})"),
+              "edits[0].channels[0].cels[0].alternates: must be a list");
+    EXPECT_EQ(store.size(), 0u);
+}
+
+TEST_F(StoreTest, SnapshotCelsThatNameNoEditAreReported) {
+    Cookie stranger = makeNewEditCookie();
+    std::string text =
+        R"({"edits":[{"name":"Cut","channels":[{"type":"video","cels":[{"cookie":")" +
+        stranger.asString().str() + R"(","alternates":[{"cookie":")" + stranger.asString().str() +
+        R"("}]},{"magic":"black"}]}]}]})";
+    Snapshot::Result r = Snapshot::load(store, text, "");
+    ASSERT_TRUE(r.ok) << r.error;
+    ASSERT_EQ(r.warnings.size(), 2u);
+    EXPECT_EQ(r.warnings[0], "edits[0].channels[0].cels[0].cookie: \"" + stranger.asString().str() +
+                                 "\" names no edit of the snapshot or the project");
+    EXPECT_NE(r.warnings[1].find("cels[0].alternates[0].cookie"), std::string::npos);
+}
+
+// Text taken from a document need not be UTF-8; the snapshot still writes.
+TEST_F(StoreTest, SnapshotOfTextThatIsNotUtf8) {
+    Qv::Ptr<Edit> shot = qvtest::addShot(store, L"Shot", 25, 2);
+    shot->videoReelId = "Rolle \xF8";
+    std::string text = Snapshot::dump(store);
+    EXPECT_NE(text.find("Rolle \xEF\xBF\xBD"), std::string::npos);
 }
 
 }  // namespace

@@ -100,6 +100,23 @@ TEST_F(Material, AFileOfTheSameNameBesideTheDocumentIsUsed) {
     EXPECT_TRUE(second->cookie.sameIdentity(shot->cookie));
 }
 
+// The search beside the document looks for the name the document gave, not
+// for names that match it as a pattern.
+TEST_F(Material, NamesBesideTheDocumentAreNotPatterns) {
+    std::string clip = qvtest::readFile(mediaDir() + "/clip.mov");
+    qvtest::writeFile(dir.file("Interview [take 2].mov"), clip);
+    qvtest::writeFile(dir.file("clipA.mov"), clip);
+    Qv::Ptr<ListReader> reader(new ListReader(capturingLog()));
+    CED2* take = reader->addShot("t", L"file:///Volumes/Gone/Interview%20%5Btake%202%5D.mov");
+    CED2* pattern = reader->addShot("p", L"file:///Volumes/Gone/clip%3F.mov");
+    import(*reader, dir.file("doc.xml"));
+    EXPECT_TRUE(take->materialImported);
+    Qv::Ptr<Edit> made = store.find(take->cookie);
+    ASSERT_TRUE(made);
+    EXPECT_EQ(toUTF8(stripPath(made->mediaPath)).str(), "Interview [take 2].mov");
+    EXPECT_TRUE(pattern->materialOffline) << "clip?.mov is not clipA.mov";
+}
+
 TEST_F(Material, NothingFoundGoesOffline) {
     set_config_int("media_scanning_behaviour", 0);
     qvtest::writeFile(dir.file("clip.mov"), qvtest::readFile(mediaDir() + "/clip.mov"));

@@ -1,6 +1,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <thread>
 
 #include "host/Config.h"
@@ -143,6 +144,10 @@ TEST_F(Frame, ExportRunsInTheBackgroundThroughTheResource) {
 
     QvDeviceDriverManager::theDeviceDriverManager().registerPlugin(&q);
     Qv::Ptr<QvExport::BackgroundTask> task = exporter->createBackgroundTasks(seq->cookie, {});
+    // The wait ends with the export, however long the caller offers: a wait
+    // that slept its time out would hold the suite for a day.
+    EXPECT_TRUE(task->waitFor(std::chrono::hours(24)));
+    EXPECT_TRUE(task->finished());
     QvExport::ExportResult r = task->wait();
     EXPECT_EQ(r.status, 1);
     ASSERT_EQ(r.files.size(), 1u);

@@ -1,0 +1,157 @@
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "app/Commands.h"
+#include "app/SafeOutput.h"
+#include "export/ExportDriver.h"
+#include "host/Paths.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using qvapp::InputFiles;
+using qvapp::SafeOutput;
+using qvapp::StagingFolder;
+using qvapp::WriteResult;
+
+ino_t inodeOf(const std::string& path) {
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+class SafeOutputTest : public qvtest::StoreTest {
+  protected:
+    qvtest::TempDir dir;
+    InputFiles inputs;
+};
+
+TEST_F(SafeOutputTest, ANewFileIsWrittenWholeAndNothingElseStays) {
+    SafeOutput out(inputs, false);
+    WriteResult w = out.write(dir.file("a.json"), "{}\n");
+    ASSERT_TRUE(w) << w.sentence;
+    EXPECT_FALSE(w.replaced);
+    EXPECT_EQ(qvtest::readFile(dir.file("a.json")), "{}\n");
+    EXPECT_EQ(qvtest::listDirectory(dir.path()), std::vector<std::string>{"a.json"});
+}
+
+TEST_F(SafeOutputTest, AnExistingFileIsKeptUnlessReplacingIsAsked) {
+    qvtest::writeFile(dir.file("a.json"), "old");
+    ::chmod(dir.file("a.json").c_str(), 0640);
+    {
+        SafeOutput keep(inputs, false);
+        WriteResult w = keep.write(dir.file("a.json"), "new");
+        EXPECT_EQ(w.code, qvapp::kExitNotWritable);
+        EXPECT_EQ(w.sentence, "\"" + dir.file("a.json") +
+                                  "\" exists already and is kept (--overwrite replaces it)");
+        EXPECT_EQ(qvtest::readFile(dir.file("a.json")), "old");
+    }
+    ino_t before = inodeOf(dir.file("a.json"));
+    SafeOutput replace(inputs, true);
+    WriteResult w = replace.write(dir.file("a.json"), "new");
+    ASSERT_TRUE(w) << w.sentence;
+    EXPECT_TRUE(w.replaced);
+    EXPECT_EQ(qvtest::readFile(dir.file("a.json")), "new");
+    // Replaced by a rename: a reader holding the old file keeps it whole.
+    EXPECT_NE(inodeOf(dir.file("a.json")), before);
+    struct stat st;
+    ASSERT_EQ(::stat(dir.file("a.json").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0640u) << "the older file's permissions stay";
+    EXPECT_EQ(qvtest::listDirectory(dir.path()).size(), 1u);
+}
+
+// Inputs are known by what they are, not by how they are named.
+TEST_F(SafeOutputTest, NoInputIsWrittenOverByAnyName) {
+    qvtest::writeFile(dir.file("in.xml"), "input");
+    ASSERT_EQ(::mkdir(dir.file("sub").c_str(), 0755), 0);
+    ASSERT_EQ(::link(dir.file("in.xml").c_str(), dir.file("hard.xml").c_str()), 0);
+    ASSERT_EQ(::symlink(dir.file("in.xml").c_str(), dir.file("soft.xml").c_str()), 0);
+    inputs.add(dir.file("in.xml"));
+    SafeOutput out(inputs, true);
+    for (const std::string& name : {dir.file("in.xml"), dir.file("sub/../in.xml"),
+                                    dir.file("hard.xml"), dir.file("soft.xml")}) {
+        WriteResult w = out.write(name, "output");
+        EXPECT_EQ(w.code, qvapp::kExitNotWritable) << name;
+        EXPECT_NE(w.sentence.find("it is an input of this run, and qvxml never writes over its "
+                                  "inputs"),
+                  std::string::npos)
+            << w.sentence;
+    }
+    EXPECT_EQ(qvtest::readFile(dir.file("in.xml")), "input");
+}
+
+TEST_F(SafeOutputTest, FoldersThatAreNotThereOrAreFiles) {
+    qvtest::writeFile(dir.file("file"), "x");
+    SafeOutput out(inputs, false);
+    WriteResult w = out.write(dir.file("missing/s.json"), "{}");
+    EXPECT_EQ(w.code, qvapp::kExitNoFolder);
+    EXPECT_EQ(w.sentence, "the folder \"" + dir.file("missing") + "\" does not exist");
+    w = out.write(dir.file("file/s.json"), "{}");
+    EXPECT_EQ(w.code, qvapp::kExitNoFolder);
+    EXPECT_EQ(w.sentence, "a file is in the way of the folder \"" + dir.file("file") + "\"");
+    w = out.write(dir.file("file/deeper/s.json"), "{}");
+    EXPECT_EQ(w.sentence, "a file, \"" + dir.file("file") + "\", is in the way of the folder \"" +
+                              dir.file("file/deeper") + "\"");
+    ASSERT_EQ(::mkdir(dir.file("taken.json").c_str(), 0755), 0);
+    w = out.write(dir.file("taken.json"), "{}");
+    EXPECT_EQ(w.code, qvapp::kExitNotWritable);
+    EXPECT_NE(w.sentence.find("a folder of that name is in the way"), std::string::npos);
+}
+
+// A device is written as it stands, and its refusal is a sentence.
+TEST_F(SafeOutputTest, AFullDeviceIsAWriteError) {
+    SafeOutput out(inputs, false);
+    WriteResult w = out.write("/dev/full", std::string(100000, 'x'));
+    EXPECT_EQ(w.code, qvapp::kExitNotWritable);
+    EXPECT_EQ(w.sentence, "cannot write \"/dev/full\": no space left on device");
+    EXPECT_TRUE(out.write("/dev/null", "x"));
+}
+
+// The plug-in appends a nameless export's file name to the folder it is
+// given without a separator; a staging folder's path ends in one, so the
+// file lands inside it, and from there in the destination.
+TEST_F(SafeOutputTest, ANamelessExportStaysInsideTheDestination) {
+    Qv::Ptr<Edit> shot = qvtest::addShot(store, L"shot", 25, 4);
+    Qv::Ptr<Edit> seq = qvtest::addSequence(store, L"", Qv::eFrameRate25);
+    qvtest::addCel(seq, 0, qvtest::playCookie(shot, 0), 0, 2, 0);
+    ASSERT_EQ(::mkdir(dir.file("out").c_str(), 0755), 0);
+
+    StagingFolder staging(dir.file("out"));
+    ASSERT_FALSE(staging.path().empty()) << staging.error().sentence;
+    EXPECT_EQ(staging.prefix().back(), '/');
+    XMLExportOptions o;
+    o.directory = pathFromBytes(staging.prefix());
+    o.flavour = XML::XMLFlavourQV2;
+    ASSERT_EQ(XML::XMLExportFiles(seq->cookie, o, LoggerHandle()).status, 1);
+    std::vector<std::string> made = staging.files();
+    ASSERT_EQ(made.size(), 1u);
+    EXPECT_TRUE(made[0].ends_with("..xml")) << made[0];
+
+    SafeOutput out(inputs, false);
+    ASSERT_TRUE(out.commit(staging.path() + "/" + made[0], dir.file("out/" + made[0])));
+    EXPECT_EQ(qvtest::listDirectory(dir.path()), std::vector<std::string>{"out"});
+
+    // Handed the folder as a user names it, the plug-in writes beside it.
+    o.directory = pathFromBytes(dir.file("out"));
+    ASSERT_EQ(XML::XMLExportFiles(seq->cookie, o, LoggerHandle()).status, 1);
+    EXPECT_EQ(qvtest::listDirectory(dir.path()).size(), 2u);
+}
+
+TEST_F(SafeOutputTest, AStagingFolderLeavesNothingBehind) {
+    std::string path;
+    {
+        StagingFolder staging(dir.path());
+        path = staging.path();
+        qvtest::writeFile(path + "/left.xml", "");
+        EXPECT_EQ(staging.files(), std::vector<std::string>{"left.xml"});
+    }
+    EXPECT_FALSE(qvtest::exists(path));
+    EXPECT_TRUE(qvtest::listDirectory(dir.path()).empty());
+    StagingFolder nowhere(dir.file("missing"));
+    EXPECT_TRUE(nowhere.path().empty());
+    EXPECT_EQ(nowhere.error().code, qvapp::kExitNotWritable);
+    EXPECT_NE(nowhere.error().sentence.find("no such file or directory"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,73 @@
+// Feeds arbitrary bytes to the import, the way the command does with
+// --lenient: the command's own checks first (well-formedness and limits, and
+// for QVXML what its readers pass over), then, unless a limit refuses the
+// document, the plug-in's import driver through a file overlay, then the
+// checks of what was made and a snapshot of the store. Built twice: as the
+// native target (QVXML_FUZZ_NATIVE, QVXML's limits) and as the xmeml target,
+// which differ in their seeds and in the limits the command applies.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "app/DocumentCheck.h"
+#include "app/WellFormed.h"
+#include "host/Config.h"
+#include "host/Edit.h"
+#include "host/OS.h"
+#include "host/Snapshot.h"
+#include "import/ImportDriver.h"
+
+namespace {
+
+void check(bool ok) {
+    if (!ok) __builtin_trap();
+}
+
+const LightweightString<wchar_t> kPath(L"/qvxml-fuzz/document.xml");
+
+bool setUp() {
+    // Nothing is looked for on the disk: every shot goes offline.
+    prefs().setPreference("Import : Suppress relink existing material", true);
+    set_config_int("media_scanning_behaviour", 0);
+    return true;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static bool ready = setUp();
+    (void)ready;
+    if (size > (1u << 20)) return 0;
+    std::string_view text(reinterpret_cast<const char*>(data), size);
+
+#ifdef QVXML_FUZZ_NATIVE
+    // As the command reads a QVXML document: one scan checks it, and tells
+    // what its reader passes over.
+    std::vector<qvapp::Finding> findings;
+    qvapp::XmlCheck xml = qvapp::checkNative(text, (size & 1) != 0, findings);
+    for (const qvapp::Finding& f : findings)
+        check(f.at.offset <= size && !f.what.empty());
+#else
+    qvapp::XmlCheck xml = qvapp::checkXml(text, qvapp::XmlLimits());
+#endif
+    if (xml.malformed) check(xml.malformed.at.offset <= size && xml.malformed.at.line >= 1);
+    if (xml.limit) return 0;  // refused: the plug-in never sees it
+
+    EditStore store;
+    ScopedCurrentStore scope(store);
+    setFileOverlay(kPath, std::string(text));
+    ImportFileList files;
+    files.push_back(Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({kPath})));
+    XML::ImportResult r = XML::XMLImportFiles(files, LoggerHandle());
+    (void)XML::getSequenceFrameRate(kPath);
+    clearFileOverlay(kPath);
+    (void)r;
+
+    qvapp::Unusable unusable = qvapp::unusableValues(store.edits(), 4);
+    check(unusable.named.size() <= 4);
+    std::string snapshot = Snapshot::dump(store);
+    EditStore again;
+    check(Snapshot::load(again, snapshot, "").ok);
+    return 0;
+}
