@@ -188,7 +188,7 @@ Commands::Commands(PluginLoader& plugin, Qv::Ptr<ConsoleLog> console)
 
 int Commands::fail(int code, const std::string& sentence) {
     console_->clearProgress();
-    std::fprintf(stderr, "qvxml: %s\n", shown(sentence).c_str());
+    std::fprintf(err_, "qvxml: %s\n", shown(sentence).c_str());
     return code;
 }
 
@@ -220,15 +220,33 @@ bool Commands::flavourOf(const std::string& to, Flavour& out, int& exitCode) {
 }
 
 void Commands::startRun(const std::vector<std::string>& inputs, bool overwrite) {
+    std::lock_guard<std::mutex> lock(run_->mutex);
     for (const std::string& input : inputs)
-        inputs_.add(input);
-    output_ = std::make_unique<SafeOutput>(inputs_, overwrite);
+        run_->inputs.add(input);
+    run_->output = std::make_unique<SafeOutput>(run_->inputs, overwrite);
+}
+
+WriteResult Commands::commitFile(const std::string& finished, const std::string& path) {
+    std::lock_guard<std::mutex> lock(run_->mutex);
+    return run_->output->commit(finished, path);
+}
+
+int Commands::writeFile(const std::string& path, std::string_view bytes, const Options& o) {
+    WriteResult w;
+    {
+        std::lock_guard<std::mutex> lock(run_->mutex);
+        if (!run_->output) run_->output = std::make_unique<SafeOutput>(run_->inputs, o.overwrite);
+        w = run_->output->write(path, bytes);
+    }
+    if (!w) return fail(w.code, w.sentence);
+    if (w.replaced) replaced(path, o);
+    return kExitOK;
 }
 
 void Commands::replaced(const std::string& path, const Options& o) {
     if (o.verbosity == Verbosity::Quiet) return;
     console_->clearProgress();
-    std::fprintf(stderr, "qvxml: replaced the older %s, as --overwrite asks\n",
+    std::fprintf(err_, "qvxml: replaced the older %s, as --overwrite asks\n",
                  shown(quoted(path)).c_str());
 }
 
@@ -413,8 +431,10 @@ std::string Commands::uniqueStem(const LightweightString<wchar_t>& name,
         std::string path = narrowPath(Qv::FilespecUtils::makeValidFilespec(
             widePath(usedDir_), LightweightString<wchar_t>(candidate), wide(extension), false,
             L'_'));
-        if (std::find(usedPaths_.begin(), usedPaths_.end(), path) == usedPaths_.end()) {
-            usedPaths_.push_back(path);
+        std::lock_guard<std::mutex> lock(run_->mutex);
+        std::vector<std::string>& used = run_->paths;
+        if (std::find(used.begin(), used.end(), path) == used.end()) {
+            used.push_back(path);
             return narrowPath(LightweightString<wchar_t>(candidate));
         }
     }
@@ -441,19 +461,18 @@ int Commands::exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std:
     int status = QvOtio::exportOtio(edit->cookie, widePath(staged), options, log());
     console_->takeWrittenPaths();
     if (status == XML::kStatusCannotCreate) {
-        for (const FileWriteFailure& f : takeFileWriteFailures())
-            if (pathBytes(f.path) == staged)
-                return fail(kExitNotWritable,
-                            "cannot write " + quoted(destination) + ": " + reasonOf(f.error));
+        if (int failure = takeFileWriteFailure(widePath(staged)))
+            return fail(kExitNotWritable,
+                        "cannot write " + quoted(destination) + ": " + reasonOf(failure));
         return fail(kExitNotWritable, "cannot write " + quoted(destination));
     }
     if (status != XML::kStatusOK)
         return fail(kExitFailed, label + " could not be exported as otio (see the messages above)");
-    WriteResult w = output_->commit(staged, destination);
+    WriteResult w = commitFile(staged, destination);
     if (!w) return fail(w.code, w.sentence);
     if (w.replaced) replaced(destination, o);
-    std::fprintf(stdout, "%s\n", shown(destination).c_str());
-    std::fflush(stdout);
+    std::fprintf(out_, "%s\n", shown(destination).c_str());
+    std::fflush(out_);
     return kExitOK;
 }
 
@@ -538,18 +557,18 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
     }
     std::vector<std::string> finished = staging.files();
     if (finished.empty()) {
-        std::fprintf(stdout, "%s: nothing to write\n", shown(label).c_str());
-        std::fflush(stdout);
+        std::fprintf(out_, "%s: nothing to write\n", shown(label).c_str());
+        std::fflush(out_);
         return kExitOK;
     }
     for (const std::string& name : finished) {
         std::string destination = usedDir_ + "/" + name;
-        WriteResult w = output_->commit(staging.path() + "/" + name, destination);
+        WriteResult w = commitFile(staging.path() + "/" + name, destination);
         if (!w) return fail(w.code, w.sentence);
         if (w.replaced) replaced(destination, o);
-        std::fprintf(stdout, "%s\n", shown(destination).c_str());
+        std::fprintf(out_, "%s\n", shown(destination).c_str());
     }
-    std::fflush(stdout);
+    std::fflush(out_);
     return kExitOK;
 }
 
@@ -563,61 +582,13 @@ int Commands::convert(const Options& o) {
     usedDir_ = absolute(o.outputDir);
     std::string extension = extensionOf(flavour);
     startRun(o.inputs, o.overwrite);
+    if (!o.report.empty())
+        if (WriteResult w = run_->output->check(o.report); !w) return fail(w.code, w.sentence);
     // A file written never takes the place of a document read: its name goes
     // to the next number.
     for (const std::string& input : o.inputs)
-        usedPaths_.push_back(absolute(input));
-
-    int result = kExitOK;
-    for (const std::string& input : o.inputs) {
-        // Each document goes into a fresh project of its own.
-        EditStore project;
-        ScopedCurrentStore scope(project);
-        std::vector<Qv::Ptr<Edit>> made;
-        int imported = importDocuments({input}, made, o.lenient);
-        if (imported != kExitOK) {
-            if (result == kExitOK) result = imported;
-            continue;
-        }
-        bool untrusted = std::find(untrusted_.begin(), untrusted_.end(), input) != untrusted_.end();
-        if (untrusted && !o.lenient) {
-            int refused = fail(kExitUntrusted, quoted(input) +
-                                                   " cannot be trusted: its times are wrong or "
-                                                   "lost (see the warnings above), so nothing "
-                                                   "is written for it (--lenient writes it)");
-            if (result == kExitOK) result = refused;
-            continue;
-        }
-        std::vector<Qv::Ptr<Edit>> toWrite = made;
-        if (toWrite.empty())
-            for (const Qv::Ptr<Edit>& e : project.edits())
-                if (e->isShot()) toWrite.push_back(e);
-        if (toWrite.empty()) {
-            std::fprintf(stderr, "qvxml: %s holds no sequences and no shots; nothing to write\n",
-                         quoted(input).c_str());
-            continue;
-        }
-        for (const Qv::Ptr<Edit>& e : toWrite) {
-            // A sequence without tracks (in xmeml, a use of a nested sequence
-            // that is defined elsewhere) has nothing to write.
-            if (!e->isShot() && e->getNumChans(3) == 0) {
-                log().WarningOut(
-                    "%s has no tracks; no file is written for it",
-                    quoted(e->name.empty() ? std::string("the nameless sequence") : narrow(e->name))
-                        .c_str());
-                continue;
-            }
-            int exported = exportEdit(e, flavour, o, uniqueStem(e->name, extension) + extension);
-            if (exported != kExitOK && result == kExitOK) result = exported;
-        }
-        if (untrusted) {
-            int code = fail(kExitUntrusted, quoted(input) +
-                                                " was written as --lenient asks, but its times "
-                                                "cannot be trusted (see the warnings above)");
-            if (result == kExitOK) result = code;
-        }
-    }
-    return result;
+        run_->paths.push_back(absolute(input));
+    return convertAll(o, flavour, extension);
 }
 
 int Commands::import(const Options& o) {
@@ -633,7 +604,7 @@ int Commands::import(const Options& o) {
     // Where the snapshot goes is settled before any work is done.
     startRun(o.inputs, o.overwrite);
     if (!o.snapshot.empty())
-        if (WriteResult w = output_->check(o.snapshot); !w) return fail(w.code, w.sentence);
+        if (WriteResult w = run_->output->check(o.snapshot); !w) return fail(w.code, w.sentence);
 
     std::vector<Qv::Ptr<Edit>> made;
     int code = importDocuments(o.inputs, made, o.lenient);
@@ -674,9 +645,7 @@ int Commands::import(const Options& o) {
                                                             : ", so no snapshot is written "
                                                               "(--lenient writes it)"));
     if (!o.snapshot.empty()) {
-        WriteResult w = output_->write(o.snapshot, Snapshot::dump(project));
-        if (!w) return fail(w.code, w.sentence);
-        if (w.replaced) replaced(o.snapshot, o);
+        if (int failed = writeFile(o.snapshot, Snapshot::dump(project), o)) return failed;
         std::printf("snapshot written to %s\n", shown(o.snapshot).c_str());
         std::fflush(stdout);
     }
@@ -699,6 +668,8 @@ int Commands::exportSnapshot(const Options& o) {
         return fail(w.code, w.sentence);
     usedDir_ = absolute(o.outputDir);
     startRun(o.inputs, o.overwrite);
+    if (!o.report.empty())
+        if (WriteResult w = run_->output->check(o.report); !w) return fail(w.code, w.sentence);
 
     EditStore& project = EditStore::current();
     Snapshot::Result loaded = Snapshot::loadFile(project, input);
@@ -737,11 +708,11 @@ int Commands::exportSnapshot(const Options& o) {
                                         " has times that no export can write (see the warnings "
                                         "above), so nothing is written (--lenient writes it)");
     std::string extension = extensionOf(flavour);
-    usedPaths_.push_back(absolute(input));
+    run_->paths.push_back(absolute(input));
     std::string fileName =
         uniqueStem(o.name.empty() ? chosen->name : stripExtension(widePath(o.name)), extension) +
         extension;
-    int exported = exportEdit(chosen, flavour, o, fileName);
+    int exported = exportWithReport(chosen, flavour, o, fileName, input);
     if (exported == kExitOK && untrusted)
         return fail(kExitUntrusted, quoted(input) +
                                         " was written as --lenient asks, but its times cannot be "

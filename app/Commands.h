@@ -1,11 +1,12 @@
 // The commands of qvxml.
 #pragma once
 
-#include <string>
-#include <vector>
-
+#include <cstdio>
 #include <memory>
+#include <mutex>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "app/Console.h"
 #include "app/DocumentHead.h"
@@ -41,7 +42,17 @@ struct Options {
     bool overwrite = false;  // replace existing files (never an input)
     bool lenient = false;    // read documents that are not well formed, write untrusted ones
     Verbosity verbosity = Verbosity::Normal;
+    // The conform toolkit (see the user guide's "Conforming").
+    int jobs = 1;                         // -j: documents worked on side by side; 0 all cores
+    std::string report;                   // --report: the loss report as JSON
+    std::vector<std::string> searchDirs;  // relink: where to look
+    bool outputGiven = false;             // -o was given (draw, relink: a file)
+    bool json = false;                    // info --json
+    bool listClips = false, listMedia = false, listMarkers = false;
+    bool dryRun = false;  // relink: say what would be matched, write nothing
 };
+
+struct DocumentLosses;
 
 class Commands {
   public:
@@ -51,6 +62,15 @@ class Commands {
     int import(const Options& o);
     int exportSnapshot(const Options& o);
     int rate(const Options& o);
+    int info(const Options& o);    // app/Info.cpp
+    int relink(const Options& o);  // app/Relink.cpp
+    int draw(const Options& o);    // app/Draw.cpp
+
+    // Where the command's words go: a job of a batch has streams of its own.
+    void setStreams(std::FILE* out, std::FILE* err) {
+        out_ = out;
+        err_ = err;
+    }
 
   private:
     struct Flavour {
@@ -76,6 +96,11 @@ class Commands {
     void startRun(const std::vector<std::string>& inputs, bool overwrite);
     // Says that an older file was replaced.
     void replaced(const std::string& path, const Options& o);
+    // Writes a whole file through the run's safe output (reports, pictures,
+    // snapshots): reports a failure and returns its exit status.
+    int writeFile(const std::string& path, std::string_view bytes, const Options& o);
+    // Moves a finished export out of its staging folder into place.
+    WriteResult commitFile(const std::string& finished, const std::string& path);
     // Exports one edit; prints the path of each file written.
     int exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
                    const std::string& fileName);
@@ -86,15 +111,39 @@ class Commands {
     int exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName);
     std::string extensionOf(const Flavour& flavour);
     int fail(int code, const std::string& sentence);
+    // Converts the documents, side by side with -j, each with its loss
+    // report (app/Convert.cpp).
+    int convertAll(const Options& o, const Flavour& flavour, const std::string& extension);
+    int convertDocument(std::size_t job, const std::string& input, const Options& o,
+                        const Flavour& flavour, const std::string& extension, class Turns* turns,
+                        DocumentLosses& losses);
+    // Exports an edit of a snapshot and reports what did not cross.
+    int exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
+                         const std::string& fileName, const std::string& input);
+    // Describes one document for `info` (app/Info.cpp).
+    int infoDocument(const std::string& input, const Options& o, std::string& json);
+    // Reads a document or snapshot into the current store: the sequences it
+    // made, what the store held before, and its format.
+    int readForLooking(const std::string& input, std::vector<Qv::Ptr<Edit>>& sequences,
+                       std::string& format, bool lenient);
     LoggerHandle log() const { return LoggerHandle(Qv::Ptr<iLogSink>(console_)); }
 
     PluginLoader& plugin_;
     Qv::Ptr<ConsoleLog> console_;
-    std::string usedDir_;                 // the folder that file names are made for
-    std::vector<std::string> usedPaths_;  // files this run has written
-    InputFiles inputs_;
-    std::unique_ptr<SafeOutput> output_;
+    std::string usedDir_;  // the folder that file names are made for
+    // What the jobs of a run share: the files it has written (or named, for
+    // one of its exports to write), its inputs and its safe output. `mutex`
+    // guards all of them.
+    struct RunFiles {
+        std::mutex mutex;
+        std::vector<std::string> paths;
+        InputFiles inputs;
+        std::unique_ptr<SafeOutput> output;
+    };
+    std::shared_ptr<RunFiles> run_ = std::make_shared<RunFiles>();
     std::vector<std::string> untrusted_;  // documents whose result cannot be trusted
+    std::FILE* out_ = stdout;
+    std::FILE* err_ = stderr;
 };
 
 }  // namespace qvapp

@@ -76,6 +76,7 @@ void ConsoleLog::line(LogKind kind, int indent, const LightweightString<char>& t
     switch (kind) {
         case LogKind::Warning:
             ++warnings_;
+            warningLines_.push_back(text.str());
             mark = "warning: ";
             break;
         case LogKind::Error:
@@ -93,6 +94,7 @@ void ConsoleLog::line(LogKind kind, int indent, const LightweightString<char>& t
             }
             break;
         case LogKind::Info:
+            infoLines_.push_back(text.str());
             break;
     }
     bool show = kind == LogKind::Error || (kind == LogKind::Written && type == 0) ||
@@ -125,6 +127,20 @@ void ConsoleLog::status(const std::string& what) {
 std::vector<std::string> ConsoleLog::takeWrittenPaths() {
     std::lock_guard<std::mutex> lock(mutex_);
     return std::move(written_);
+}
+
+std::vector<std::string> ConsoleLog::takeWarningLines() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::move(warningLines_);
+}
+
+}  // namespace qvapp
+
+namespace qvapp {
+
+std::vector<std::string> ConsoleLog::takeInfoLines() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::move(infoLines_);
 }
 
 }  // namespace qvapp

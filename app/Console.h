@@ -35,6 +35,11 @@ class ConsoleLog : public iLogSink {
     int errors() const { return errors_; }
     // Paths the pipeline reported as written (output type 6).
     std::vector<std::string> takeWrittenPaths();
+    // The warning lines of the run so far, as written, for the loss report.
+    std::vector<std::string> takeWarningLines();
+    // The information lines of the run so far: how the import resolved each
+    // shot's media, for `info`.
+    std::vector<std::string> takeInfoLines();
 
   private:
     void clearLocked();
@@ -45,19 +50,33 @@ class ConsoleLog : public iLogSink {
     std::string task_;
     int warnings_ = 0, errors_ = 0;
     std::vector<std::string> written_;
+    std::vector<std::string> warningLines_, infoLines_;
     std::mutex mutex_;
 };
 
-// Where LogBoth goes: the application's own log, shown with --verbose.
+// Where LogBoth goes: the application's own log, shown with --verbose. It
+// keeps its lines too, for the loss report.
 class ApplicationLog : public iLogSink {
   public:
-    explicit ApplicationLog(Qv::Ptr<ConsoleLog> console) : console_(std::move(console)) {}
+    explicit ApplicationLog(Qv::Ptr<ConsoleLog> console, bool show = true)
+        : console_(std::move(console)), show_(show) {}
     void line(LogKind kind, int, const LightweightString<char>& text, int) override {
-        console_->line(kind, 0, LightweightString<char>("[app] ") + text, -1);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            lines_.push_back(text.str());
+        }
+        if (show_) console_->line(kind, 0, LightweightString<char>("[app] ") + text, -1);
+    }
+    std::vector<std::string> takeLines() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return std::move(lines_);
     }
 
   private:
     Qv::Ptr<ConsoleLog> console_;
+    bool show_;
+    std::mutex mutex_;
+    std::vector<std::string> lines_;
 };
 
 }  // namespace qvapp

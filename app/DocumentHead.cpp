@@ -4,6 +4,10 @@
 #include <fstream>
 #include <string_view>
 
+#include "app/Util.h"
+#include "host/Paths.h"
+#include "otio/OtioImport.h"
+
 namespace qvapp {
 
 namespace {
@@ -139,6 +143,21 @@ VersionMend mendVersion(const DocumentHead& head) {
     m.offset = head.attributeOffset;
     m.length = head.valueOffset + head.valueLength + 1 - head.attributeOffset;
     return m;
+}
+
+std::string documentFormat(const std::string& path) {
+    if (QvOtio::isOtioDocument(pathFromBytes(absolutePath(path)))) return "otio";
+    switch (readDocumentHead(path).kind) {
+        case DocumentHead::Kind::Native:
+            return "native";
+        case DocumentHead::Kind::Xmeml:
+            return "xmeml";
+        case DocumentHead::Kind::Fcpxml:
+            return "fcpxml";
+        case DocumentHead::Kind::Unknown:
+            break;
+    }
+    return "";
 }
 
 }  // namespace qvapp

@@ -24,6 +24,10 @@ struct DocumentHead {
 // stand before the root element.
 DocumentHead readDocumentHead(const std::string& path);
 
+// The kind of document a file is, as the conform tools name it: "otio",
+// "xmeml", "native", "fcpxml", or "" for none of these.
+std::string documentFormat(const std::string& path);
+
 // A document whose version the readers would refuse only for its spelling,
 // mended: the first attribute as the readers want it written, and the byte
 // range of the file it replaces. An xmeml version written as a decimal

@@ -201,8 +201,8 @@ WriteResult SafeOutput::commit(const std::string& finished, const std::string& p
     if (WriteResult r = check(path); !r) return r;
     // The plug-in does not look at what its write returned; the host
     // remembers a write that the system refused.
-    for (const FileWriteFailure& f : takeFileWriteFailures())
-        if (pathBytes(f.path) == finished) return cannotWrite(path, f.error);
+    if (int failure = takeFileWriteFailure(pathFromBytes(finished)))
+        return cannotWrite(path, failure);
     int fd = ::open(finished.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return cannotWrite(path, errno);
     struct stat st;

@@ -1,13 +1,18 @@
 // qvxml: converts, imports and exports timelines through the editor's XML
 // interchange plug-in, without the editor.
+#include <unistd.h>
+
+#include <climits>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "app/Commands.h"
 #include "host/Config.h"
+#include "host/PathMap.h"
 #include "plugin/Version.h"
 
 namespace {
@@ -25,6 +30,10 @@ const char* const kUsage =
     "  export SNAPSHOT.json --to FORMAT [--edit NAME] [-o DIR] [--name FILE]\n"
     "                                              write an edit of a project snapshot\n"
     "  rate INPUT                                  the frame rate of a document's first sequence\n"
+    "  info INPUT... [--clips] [--media] [--markers] [--json]\n"
+    "                                              what is in a timeline and where its media is\n"
+    "  draw INPUT -o FILE.svg|FILE.html            a picture of each sequence\n"
+    "  relink SNAPSHOT.json --search DIR...        find offline media and link it\n"
     "\n"
     "FORMAT is native (QVXML 2.0), xmeml (Final Cut Pro 7, Premiere, Resolve), fcpxml, or\n"
     "otio (OpenTimelineIO .otio, read too: by content, whatever the file's name).\n"
@@ -55,13 +64,20 @@ const char* helpFor(const std::string& command) {
                "  -o, --output DIR  where to write\n"
                "  --silent          export without messages; also lets a sequence that is one\n"
                "                    multi-angle group go out as an xmeml multiclip\n"
-               "  --skip-offline    leave shots whose media is offline out of the export\n";
+               "  --skip-offline    leave shots whose media is offline out of the export\n"
+               "  -j, --jobs N      convert N documents side by side (0: one per processor)\n"
+               "  --report FILE     write what did not cross as JSON (a summary goes to\n"
+               "                    standard error in any case)\n"
+               "  --map-path FROM=TO  look for media under TO where the document says FROM\n"
+               "                    (paths, drives, UNC names, file:// URLs; repeatable)\n";
     if (command == "import")
         return "usage: qvxml import INPUT... [--snapshot OUT.json]\n"
                "\n"
                "Imports the documents (QVXML, xmeml or OpenTimelineIO) into one project,\n"
                "linking their media, importing it or marking it offline, and prints what was\n"
-               "made. With --snapshot the project is written as JSON (see docs/snapshot.md).\n";
+               "made. With --snapshot the project is written as JSON (see docs/snapshot.md).\n"
+               "\n"
+               "  --map-path FROM=TO  look for media under TO where the document says FROM\n";
     if (command == "export")
         return "usage: qvxml export SNAPSHOT.json --to native|xmeml|fcpxml|otio [--edit NAME]\n"
                "                    [-o DIR] [--name FILE] [--silent]\n"
@@ -72,7 +88,43 @@ const char* helpFor(const std::string& command) {
                "  --edit NAME       the edit to write, by name or identity\n"
                "  --name FILE       the file's name; the format's extension replaces its own\n"
                "  -o, --output DIR  where to write\n"
-               "  --skip-offline    leave shots whose media is offline out of the export\n";
+               "  --skip-offline    leave shots whose media is offline out of the export\n"
+               "  --report FILE     write what did not cross as JSON\n"
+               "  --map-path FROM=TO  move media locators before writing (repeatable)\n";
+    if (command == "info")
+        return "usage: qvxml info INPUT... [--clips] [--media] [--markers] [--json] [-j N]\n"
+               "\n"
+               "Reads each document (QVXML, xmeml, OpenTimelineIO or a snapshot) and tells, for\n"
+               "each sequence, its rate, start and length, its tracks, clips, transitions, gaps,\n"
+               "markers and speed changes, and the media it plays: imported, found, linked or\n"
+               "offline, and where offline media was looked for. Nothing is written.\n"
+               "\n"
+               "  --clips, --media, --markers   list them\n"
+               "  --json            everything, as JSON (see the user guide)\n"
+               "  -j, --jobs N      read N documents side by side (0: one per processor)\n"
+               "  --map-path FROM=TO  look for media under TO where the document says FROM\n";
+    if (command == "draw")
+        return "usage: qvxml draw INPUT -o FILE.svg|FILE.html\n"
+               "\n"
+               "Draws each sequence: a timecode ruler, a lane per track, clips as labelled\n"
+               "boxes (offline media in red), transitions, gaps and markers. An .html file\n"
+               "also holds the info tables and what reading the document passed over; it\n"
+               "opens from disk and needs nothing else.\n"
+               "\n"
+               "  --map-path FROM=TO  look for media under TO where the document says FROM\n";
+    if (command == "relink")
+        return "usage: qvxml relink SNAPSHOT.json --search DIR... [-o OUT.json] [--dry-run]\n"
+               "\n"
+               "Looks in the folders (and the folders below them) for the files of the\n"
+               "snapshot's offline shots: by file name, and where several files share the\n"
+               "name, by picture size, length and sound channels. Says what it matched, and\n"
+               "writes the relinked snapshot beside the one read, as NAME.relinked.json (or\n"
+               "to OUT.json); the snapshot read is never written over.\n"
+               "\n"
+               "  --search DIR      a folder to look in (repeatable)\n"
+               "  -o FILE           write the relinked snapshot there instead\n"
+               "  --dry-run         say what would be linked; write nothing\n"
+               "  --map-path FROM=TO  move locators first\n";
     if (command == "rate")
         return "usage: qvxml rate INPUT\n"
                "\n"
@@ -120,6 +172,24 @@ bool applySetting(const std::string& setting, std::string& error) {
     return true;
 }
 
+// FROM=TO, with a destination that is a relative path taken from here.
+bool addPathRule(const std::string& text, PathMap& map, std::string& error) {
+    PathRule rule;
+    std::string given = text;
+    size_t eq = given.find('=');
+    if (eq != std::string::npos && eq + 1 < given.size()) {
+        std::string to = given.substr(eq + 1);
+        bool relative = to[0] != '/' && to[0] != '\\' && to.find(':') == std::string::npos;
+        if (relative) {
+            char here[PATH_MAX];
+            if (::getcwd(here, sizeof here)) given = given.substr(0, eq + 1) + here + "/" + to;
+        }
+    }
+    if (!PathMap::parseRule(given, rule, error)) return false;
+    map.add(rule);
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -143,9 +213,11 @@ int main(int argc, char** argv) {
     const char* help = helpFor(command);
     if (!help)
         return usageError("\"" + command +
-                          "\" is no command; the commands are convert, import, export and rate");
+                          "\" is no command; the commands are convert, import, export, rate, info, "
+                          "draw and relink");
 
     Options o;
+    PathMap paths;
     for (size_t i = 1; i < args.size(); ++i) {
         const std::string& a = args[i];
         auto value = [&](std::string& into) {
@@ -161,7 +233,39 @@ int main(int argc, char** argv) {
             if (!value(o.to))
                 return usageError("--to wants a format: native, xmeml, fcpxml or otio");
         } else if (a == "-o" || a == "--output") {
-            if (!value(o.outputDir)) return usageError(a + " wants a folder");
+            if (!value(o.outputDir))
+                return usageError(a + (command == "draw" || command == "relink"
+                                           ? " wants a file"
+                                           : " wants a folder"));
+            o.outputGiven = true;
+        } else if ((a == "-j" || a == "--jobs") && (command == "convert" || command == "info")) {
+            std::string n;
+            char* end = nullptr;
+            if (!value(n)) return usageError(a + " wants a number of jobs");
+            long jobs = std::strtol(n.c_str(), &end, 10);
+            if (n.empty() || *end != '\0' || jobs < 0 || jobs > 256)
+                return usageError(a + " wants a number of jobs from 0 to 256, not \"" + n + "\"");
+            o.jobs = static_cast<int>(jobs);
+        } else if (a == "--report" && (command == "convert" || command == "export")) {
+            if (!value(o.report)) return usageError("--report wants a file name");
+        } else if (a == "--map-path" && command != "rate") {
+            std::string rule;
+            if (!value(rule)) return usageError("--map-path wants FROM=TO");
+            if (!addPathRule(rule, paths, error)) return usageError(error);
+        } else if (a == "--search" && command == "relink") {
+            std::string dir;
+            if (!value(dir)) return usageError("--search wants a folder");
+            o.searchDirs.push_back(dir);
+        } else if (a == "--dry-run" && command == "relink") {
+            o.dryRun = true;
+        } else if (a == "--json" && command == "info") {
+            o.json = true;
+        } else if (a == "--clips" && command == "info") {
+            o.listClips = true;
+        } else if (a == "--media" && command == "info") {
+            o.listMedia = true;
+        } else if (a == "--markers" && command == "info") {
+            o.listMarkers = true;
         } else if (a == "--snapshot" && command == "import") {
             if (!value(o.snapshot)) return usageError("--snapshot wants a file name");
         } else if (a == "--edit" && command == "export") {
@@ -192,6 +296,8 @@ int main(int argc, char** argv) {
         }
     }
 
+    // Media is looked for where --map-path says, by every import and export.
+    setLocatorMap(paths);
     Qv::Ptr<ConsoleLog> console(new ConsoleLog(o.verbosity, stderr));
     if (o.verbosity == Verbosity::Verbose)
         setApplicationLog(Qv::Ptr<iLogSink>(new ApplicationLog(console)));
@@ -209,6 +315,12 @@ int main(int argc, char** argv) {
         code = commands.import(o);
     else if (command == "export")
         code = commands.exportSnapshot(o);
+    else if (command == "info")
+        code = commands.info(o);
+    else if (command == "draw")
+        code = commands.draw(o);
+    else if (command == "relink")
+        code = commands.relink(o);
     else
         code = commands.rate(o);
     setApplicationLog(nullptr);

@@ -1,7 +1,9 @@
 #include "host/Edit.h"
 
 #include <algorithm>
+#include <atomic>
 
+#include "host/Media.h"
 #include "host/Paths.h"
 
 Edit::Edit(const Cookie& c) : cookie(convertCookie(c, kCookieEdit, 255)) {}
@@ -81,10 +83,15 @@ EditPtr& EditPtr::operator=(Edit* e) {
 }
 
 namespace {
-EditStore*& currentStore() {
+// The store of a thread that has not chosen one: the process's own project.
+EditStore& processStore() {
     static EditStore* store = new EditStore;
-    return store;
+    return *store;
 }
+// Each thread works on a store of its own choosing, so that projects can be
+// worked on side by side; a thread that chose none works on the process's.
+thread_local EditStore* threadStore = nullptr;
+std::atomic<std::uint64_t> nextSerial{1};
 // splitmix64: small, fast and good enough for identities.
 std::uint64_t nextRandom(std::uint64_t& state) {
     std::uint64_t z = (state += 0x9E3779B97F4A7C15ull);
@@ -94,13 +101,18 @@ std::uint64_t nextRandom(std::uint64_t& state) {
 }
 }  // namespace
 
-EditStore::EditStore(std::uint64_t seed) : state_(seed) {}
+EditStore::EditStore(std::uint64_t seed)
+    : serial_(nextSerial.fetch_add(1, std::memory_order_relaxed)), state_(seed) {}
+
+EditStore::~EditStore() {
+    MediaFileToClipMap::forgetStore(serial_);
+}
 
 EditStore& EditStore::current() {
-    return *currentStore();
+    return threadStore ? *threadStore : processStore();
 }
 void EditStore::setCurrent(EditStore* store) {
-    currentStore() = store;
+    threadStore = store;
 }
 
 Qv::UUID EditStore::newIdentity() {

@@ -159,12 +159,21 @@ class EditStore {
     // Identities come from a generator seeded per store, so that identical
     // work gives identical identities.
     explicit EditStore(std::uint64_t seed = 0x5156584D4Cull);
+    ~EditStore();
     EditStore(const EditStore&) = delete;
     EditStore& operator=(const EditStore&) = delete;
 
-    // The store that host services work on. A process starts with one.
+    // The store that host services work on: the one the calling thread made
+    // current, or the process's own, which a process starts with. A store is
+    // current on one thread only; an export's worker thread works on the
+    // store of the thread that started it.
     static EditStore& current();
+    // Makes a store current on the calling thread; null goes back to the
+    // process's own.
     static void setCurrent(EditStore* store);
+    // A number no other store of the process has had, so that what is
+    // remembered of one project is never taken for another's.
+    std::uint64_t serial() const { return serial_; }
 
     Qv::UUID newIdentity();
     // A new identity as an edit's cookie.
@@ -194,6 +203,7 @@ class EditStore {
     void noteClose() { ++closes_; }
 
   private:
+    const std::uint64_t serial_;
     mutable std::recursive_mutex mutex_;
     std::vector<Qv::Ptr<Edit>> edits_;
     // The place in edits_ of each identity, so that look-ups need not walk

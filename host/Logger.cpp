@@ -115,7 +115,8 @@ LightweightString<char> formatTextV(const char* format, va_list args) {
                     const wchar_t* w = va_arg(ap, const wchar_t*);
                     LightweightString<char> u = toUTF8(std::wstring_view(w ? w : L"(null)"));
                     // Width and precision count characters of the UTF-8 text.
-                    std::string narrowDirective = directive.substr(0, directive.size() - 1 - length.size());
+                    std::string narrowDirective =
+                        directive.substr(0, directive.size() - 1 - length.size());
                     narrowDirective.push_back('s');
                     appendConverted(out, narrowDirective, u.c_str());
                 } else {
@@ -217,7 +218,16 @@ Qv::Ptr<iLogSink>& appLog() {
     static Qv::Ptr<iLogSink> sink;
     return sink;
 }
+thread_local Qv::Ptr<iLogSink> threadAppLog;
 }  // namespace
+
+void setThreadApplicationLog(Qv::Ptr<iLogSink> sink) {
+    threadAppLog = std::move(sink);
+}
+
+Qv::Ptr<iLogSink> threadApplicationLog() {
+    return threadAppLog;
+}
 
 void setApplicationLog(Qv::Ptr<iLogSink> sink) {
     std::lock_guard<std::mutex> lock(appLogMutex());
@@ -229,6 +239,10 @@ void LogBoth(const char* format, ...) {
     va_start(ap, format);
     LightweightString<char> text = withoutTrailingNewlines(formatTextV(format, ap));
     va_end(ap);
+    if (threadAppLog) {
+        threadAppLog->line(LogKind::Info, 0, text, -1);
+        return;
+    }
     std::lock_guard<std::mutex> lock(appLogMutex());
     if (appLog()) appLog()->line(LogKind::Info, 0, text, -1);
 }

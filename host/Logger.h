@@ -100,3 +100,10 @@ class CapturingLogSink : public iLogSink {
 void LogBoth(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // The application decides where LogBoth goes; by default it goes nowhere.
 void setApplicationLog(Qv::Ptr<iLogSink> sink);
+// A thread may have an application log of its own, which then takes LogBoth's
+// lines from that thread in place of the process's: an application that runs
+// several jobs side by side tells them apart so. An export's worker thread
+// takes the one of the thread that started it. Null gives the thread back to
+// the process's log. The sink is called on the thread that writes the line.
+void setThreadApplicationLog(Qv::Ptr<iLogSink> sink);
+Qv::Ptr<iLogSink> threadApplicationLog();

@@ -173,6 +173,14 @@ void MediaFileToClipMap::destroy() {
     h.destroyed = true;
 }
 
+void MediaFileToClipMap::forgetStore(std::uint64_t serial) {
+    SingletonHolder& h = holder();
+    std::lock_guard<std::mutex> lock(h.criticalSection);
+    if (!h.map) return;
+    std::lock_guard<std::mutex> links(h.map->mutex_);
+    h.map->links_.erase(serial);
+}
+
 bool MediaFileToClipMap::wasDestroyed() {
     SingletonHolder& h = holder();
     std::lock_guard<std::mutex> lock(h.criticalSection);
@@ -186,10 +194,12 @@ Cookie MediaFileToClipMap::findClip(const LightweightString<wchar_t>& path, eMat
     if (Qv::Ptr<Edit> shot = store.findShotByMedia(canonical)) return shot->cookie;
     if (Qv::Ptr<Edit> shot = store.findShotByMedia(path)) return shot->cookie;
     std::lock_guard<std::mutex> lock(mutex_);
+    auto project = links_.find(store.serial());
+    if (project == links_.end()) return invalid_cookie;
     const LightweightString<wchar_t>* keys[] = {&canonical, &path};
     for (const LightweightString<wchar_t>* key : keys) {
-        auto it = links_.find(key->str());
-        if (it == links_.end()) continue;
+        auto it = project->second.find(key->str());
+        if (it == project->second.end()) continue;
         for (const Cookie& cookie : it->second)
             if (store.find(cookie)) return cookie;
     }
@@ -197,8 +207,10 @@ Cookie MediaFileToClipMap::findClip(const LightweightString<wchar_t>& path, eMat
 }
 
 void MediaFileToClipMap::addLink(const LightweightString<wchar_t>& path, const Cookie& cookie) {
+    LightweightString<wchar_t> canonical = canonicalPath(path);
+    std::uint64_t project = EditStore::current().serial();
     std::lock_guard<std::mutex> lock(mutex_);
-    links_[canonicalPath(path).str()].push_back(cookie);
+    links_[project][canonical.str()].push_back(cookie);
 }
 
 void FilenameLinkHandler::FNLaddNewLinkFile(const Cookie& cookie,

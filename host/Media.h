@@ -112,7 +112,9 @@ class MaterialImporter {
 
 // The material already imported from each file. A process-wide singleton,
 // made on first use (safely against concurrent first use), that can be
-// destroyed and made again; it answers from the current store.
+// destroyed and made again; it answers from the current store, and a link
+// made while one store was current is never taken for another store's: the
+// identities of two projects may coincide (each seeds its own generator).
 class MediaFileToClipMap {
   public:
     enum eMatchType { eMatchExact = 0, eMatchFile = 1 };
@@ -121,6 +123,9 @@ class MediaFileToClipMap {
     // Destroys the singleton; the next use makes a fresh one.
     static void destroy();
     static bool wasDestroyed();
+    // Forgets the links made in a store that is going away; makes no
+    // singleton when there is none.
+    static void forgetStore(std::uint64_t serial);
 
     // The cookie of the shot whose media is that file, or invalid.
     Cookie findClip(const LightweightString<wchar_t>& path, eMatchType type) const;
@@ -130,8 +135,9 @@ class MediaFileToClipMap {
   private:
     MediaFileToClipMap() = default;
     mutable std::mutex mutex_;
-    // The material of each file, in the order the links were made.
-    std::unordered_map<std::wstring, std::vector<Cookie>> links_;
+    // For each store, by its serial, the material of each file, in the order
+    // the links were made.
+    std::unordered_map<std::uint64_t, std::unordered_map<std::wstring, std::vector<Cookie>>> links_;
 };
 
 // Records which files belong to which material.

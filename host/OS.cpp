@@ -14,6 +14,7 @@
 #include <new>
 #include <string>
 
+#include "host/PathMap.h"
 #include "host/Paths.h"
 
 namespace {
@@ -197,8 +198,12 @@ class Layer final : public iOS {
 
 class PlatformFileSystem final : public iPlatformFileSystem {
   public:
+    // The file of this machine that a locator names, after the path map
+    // has moved it.
     LightweightString<wchar_t> platformForm(const LightweightString<wchar_t>& locator) override {
-        return locatorToPlatformForm(locator);
+        LightweightString<wchar_t> platform = locatorToPlatformForm(locator);
+        std::shared_ptr<const PathMap> map = locatorMap();
+        return map && !map->empty() ? map->apply(platform) : platform;
     }
 };
 
@@ -224,6 +229,18 @@ std::vector<FileWriteFailure> takeFileWriteFailures() {
     std::vector<FileWriteFailure> out;
     out.swap(w.list);
     return out;
+}
+
+int takeFileWriteFailure(const LightweightString<wchar_t>& path) {
+    WriteFailures& w = writeFailures();
+    std::lock_guard<std::mutex> lock(w.mutex);
+    for (auto it = w.list.begin(); it != w.list.end(); ++it)
+        if (it->path == path) {
+            int error = it->error;
+            w.list.erase(it);
+            return error;
+        }
+    return 0;
 }
 
 void clearFileOverlay(const LightweightString<wchar_t>& path) {

@@ -92,6 +92,9 @@ struct FileWriteFailure {
     int error = 0;
 };
 std::vector<FileWriteFailure> takeFileWriteFailures();
+// The error of the failed write of one file, taken from the list; 0 when its
+// writing did not fail. Exports that run side by side each ask for their own.
+int takeFileWriteFailure(const LightweightString<wchar_t>& path);
 
 // The private half of the layer: turns a locator into the form that this
 // platform's file system understands (see Paths.h).

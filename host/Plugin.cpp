@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "host/Edit.h"
+
 void QvPluginBase::closedown() {
     QvDeviceDriverManager::theDeviceDriverManager().unregisterPlugin(this);
 }
@@ -69,8 +71,15 @@ Qv::Ptr<BackgroundTask> SingleSourceExporter::createBackgroundTasks(
     Qv::Ptr<BackgroundTask> task(new BackgroundTask);
     Qv::Ptr<SingleSourceExporter> self(this);
     BackgroundTask* t = task.get();
-    t->worker_ = std::thread([self, source, range, t] {
+    // The export works on the project of the thread that started it, and
+    // reports to that thread's application log.
+    EditStore* store = &EditStore::current();
+    Qv::Ptr<iLogSink> appLog = threadApplicationLog();
+    t->worker_ = std::thread([self, source, range, t, store, appLog] {
+        EditStore::setCurrent(store);
+        setThreadApplicationLog(appLog);
         ExportResult r = self->doExport(source, range);
+        setThreadApplicationLog(nullptr);
         std::lock_guard<std::mutex> lock(t->mutex_);
         t->result_ = std::move(r);
         t->finished_ = true;

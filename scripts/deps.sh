@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   g++ clang libclang-rt-14-dev cmake ninja-build pkg-config
   libtinyxml2-dev nlohmann-json3-dev libavformat-dev libavcodec-dev libavutil-dev
-  libgtest-dev libbenchmark-dev libxml2-dev libxml2-utils python3
+  libgtest-dev libbenchmark-dev libxml2-dev libxml2-utils python3 chromium
 )
 
 missing=()

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "host/Edit.h"
+#include "host/Media.h"
+#include "host/Plugin.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -152,5 +156,81 @@ TEST_F(StoreTest, WrittenRecordsBecomeEdits) {
     EXPECT_EQ(made[0]->frameRate, Qv::eFrameRate25);
     EXPECT_EQ(store.size(), 3u);
 }
+
+namespace threads {
+
+// An exporter that reports what its worker thread sees: the size of the
+// current store, and a line in the application log.
+class ProbeExporter : public QvExport::SingleSourceExporter {
+  public:
+    QvExport::OptionsBase* getOptions() override { return nullptr; }
+    QvExport::ExportResult doExport(const Cookie&, const NumRange<double, Ordered>&) override {
+        QvExport::ExportResult r;
+        r.status = static_cast<int>(EditStore::current().size());
+        LogBoth("exported from a store of %d edits\n", r.status);
+        return r;
+    }
+};
+
+TEST(StoreThreads, EachThreadWorksOnItsOwnStoreAndAnExportOnItsStarters) {
+    EditStore shared;
+    ScopedCurrentStore scope(shared);
+    qvtest::addShot(shared, L"here", 25, 1);
+    Qv::Ptr<CapturingLogSink> mainLog(new CapturingLogSink);
+    setApplicationLog(Qv::Ptr<iLogSink>(mainLog));
+
+    std::vector<std::thread> workers;
+    std::vector<int> sizes(3, -1), exported(3, -1);
+    std::vector<Qv::Ptr<CapturingLogSink>> logs;
+    for (int i = 0; i < 3; ++i)
+        logs.emplace_back(new CapturingLogSink);
+    for (int i = 0; i < 3; ++i) {
+        workers.emplace_back([&, i] {
+            EXPECT_EQ(&EditStore::current(), &EditStore::current());
+            EditStore own(static_cast<std::uint64_t>(i + 1));
+            ScopedCurrentStore mine(own);
+            setThreadApplicationLog(Qv::Ptr<iLogSink>(logs[i]));
+            for (int n = 0; n <= i; ++n)
+                qvtest::addShot(own, L"shot", 25, 1);
+            sizes[i] = static_cast<int>(EditStore::current().size());
+            Qv::Ptr<ProbeExporter> exporter(new ProbeExporter);
+            exported[i] = exporter->createBackgroundTasks(Cookie(), {})->wait().status;
+            setThreadApplicationLog(nullptr);
+        });
+    }
+    for (std::thread& t : workers)
+        t.join();
+    setApplicationLog(nullptr);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(sizes[i], i + 1);
+        EXPECT_EQ(exported[i], i + 1) << "the worker works on the store of its starter";
+        ASSERT_EQ(logs[i]->lines.size(), 1u);
+        EXPECT_TRUE(logs[i]->contains(("of " + std::to_string(i + 1) + " edits").c_str()));
+    }
+    EXPECT_TRUE(mainLog->lines.empty()) << "no job's line reaches the process's log";
+    EXPECT_EQ(EditStore::current().size(), 1u);
+}
+
+TEST(StoreThreads, LinksOfOneProjectAreNeverTakenForAnothers) {
+    // Two projects seeded alike make the same identities.
+    EditStore first, second;
+    Cookie shot;
+    {
+        ScopedCurrentStore scope(first);
+        shot = qvtest::addShot(first, L"a", 25, 1)->cookie;
+        MediaFileToClipMap::instance().addLink(L"/media/a.mov", shot);
+        EXPECT_EQ(MediaFileToClipMap::instance().findClip(L"/media/a.mov",
+                                                          MediaFileToClipMap::eMatchFile),
+                  shot);
+    }
+    ScopedCurrentStore scope(second);
+    Qv::Ptr<Edit> other = qvtest::addShot(second, L"b", 25, 1);
+    ASSERT_EQ(other->cookie, shot) << "the identities coincide";
+    EXPECT_FALSE(MediaFileToClipMap::instance()
+                     .findClip(L"/media/a.mov", MediaFileToClipMap::eMatchFile)
+                     .isValid());
+}
+
+}  // namespace threads
 
 }  // namespace

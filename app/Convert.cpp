@@ -1,0 +1,215 @@
+// convert: each document a job of its own, side by side with -j, each with
+// its loss report; and the loss report of export.
+#include <algorithm>
+
+#include "app/Batch.h"
+#include "app/Commands.h"
+#include "app/LossReport.h"
+#include "app/Relink.h"
+#include "app/SourceScan.h"
+#include "app/Util.h"
+#include "host/Edit.h"
+#include "otio/OtioImport.h"
+
+namespace qvapp {
+
+namespace {
+
+// A job's turn to name its files, passed on however the job ends.
+class TurnGuard {
+  public:
+    TurnGuard(Turns* turns, std::size_t job) : turns_(turns), job_(job) {}
+    ~TurnGuard() { pass(); }
+    TurnGuard(const TurnGuard&) = delete;
+    TurnGuard& operator=(const TurnGuard&) = delete;
+    void wait() {
+        if (turns_) turns_->wait(job_);
+    }
+    void pass() {
+        if (turns_ && !passed_) turns_->pass(job_);
+        passed_ = true;
+    }
+
+  private:
+    Turns* turns_;
+    std::size_t job_;
+    bool passed_ = false;
+};
+
+// While it lives, LogBoth's lines of this thread (and of the exports it
+// starts) go to the job's application log.
+class ThreadAppLog {
+  public:
+    explicit ThreadAppLog(Qv::Ptr<ApplicationLog> log) : previous_(threadApplicationLog()) {
+        setThreadApplicationLog(Qv::Ptr<iLogSink>(log));
+    }
+    ~ThreadAppLog() { setThreadApplicationLog(previous_); }
+    ThreadAppLog(const ThreadAppLog&) = delete;
+    ThreadAppLog& operator=(const ThreadAppLog&) = delete;
+
+  private:
+    Qv::Ptr<iLogSink> previous_;
+};
+
+}  // namespace
+
+int Commands::convertDocument(std::size_t job, const std::string& input, const Options& o,
+                              const Flavour& flavour, const std::string& extension, Turns* turns,
+                              DocumentLosses& losses) {
+    // Each document goes into a fresh project of its own.
+    EditStore project;
+    ScopedCurrentStore scope(project);
+    Qv::Ptr<ApplicationLog> appLog(new ApplicationLog(console_, o.verbosity == Verbosity::Verbose));
+    ThreadAppLog appScope(appLog);
+    TurnGuard turn(turns, job);
+    losses.input = input;
+    losses.target = flavour.name;
+
+    std::vector<Qv::Ptr<Edit>> made;
+    int imported = importDocuments({input}, made, o.lenient);
+    if (imported != kExitOK) return imported;
+    const bool untrusted = !untrusted_.empty();
+    if (untrusted && !o.lenient)
+        return fail(kExitUntrusted, inQuotes(input) +
+                                        " cannot be trusted: its times are wrong or lost (see "
+                                        "the warnings above), so nothing is written for it "
+                                        "(--lenient writes it)");
+    mapImportedLocators({});
+    losses.read = true;
+    std::string format = documentFormat(input);
+    losses.items = scanSource(input, format);
+
+    std::vector<Qv::Ptr<Edit>> toWrite = made;
+    if (toWrite.empty())
+        for (const Qv::Ptr<Edit>& e : project.edits())
+            if (e->isShot()) toWrite.push_back(e);
+    if (toWrite.empty()) {
+        std::fprintf(err_, "qvxml: %s holds no sequences and no shots; nothing to write\n",
+                     inQuotes(input).c_str());
+        return kExitOK;
+    }
+    // Names are chosen in the order of the inputs, so that a run names its
+    // files the same way whatever the number of jobs.
+    turn.wait();
+    std::vector<std::string> stems;
+    for (const Qv::Ptr<Edit>& e : toWrite)
+        stems.push_back(!e->isShot() && e->getNumChans(3) == 0 ? std::string()
+                                                               : uniqueStem(e->name, extension));
+    turn.pass();
+
+    int result = kExitOK;
+    for (std::size_t i = 0; i < toWrite.size(); ++i) {
+        const Qv::Ptr<Edit>& e = toWrite[i];
+        // A sequence without tracks (in xmeml, a use of a nested sequence
+        // that is defined elsewhere) has nothing to write.
+        if (stems[i].empty()) {
+            log().WarningOut("%s has no tracks; no file is written for it",
+                             inQuotes(e->name.empty() ? std::string("the nameless sequence")
+                                                      : narrowText(e->name))
+                                 .c_str());
+            continue;
+        }
+        console_->takeWarningLines();
+        appLog->takeLines();
+        int exported = exportEdit(e, flavour, o, stems[i] + extension);
+        std::vector<std::string> warnings = console_->takeWarningLines();
+        if (exported != kExitOK) {
+            if (result == kExitOK) result = exported;
+            continue;
+        }
+        losses.outputs.push_back(stems[i] + extension);
+        if (e->isShot()) continue;
+        DocumentInfo info = describe({e}, {}, input, format);
+        if (info.sequences.empty()) continue;
+        const SequenceInfo& s = info.sequences.front();
+        for (Loss& l : targetLosses(s, flavour.name, o.silent, o.skipOffline))
+            losses.items.push_back(std::move(l));
+        for (Loss& l : writerLosses(s, warnings))
+            losses.items.push_back(std::move(l));
+    }
+    // The summary speaks for files written; a failure has said its own.
+    if (o.verbosity != Verbosity::Quiet && result == kExitOK)
+        std::fprintf(err_, "qvxml: %s\n", lossSummary(losses).c_str());
+    if (untrusted) {
+        int code = fail(kExitUntrusted, inQuotes(input) +
+                                            " was written as --lenient asks, but its times cannot "
+                                            "be trusted (see the warnings above)");
+        if (result == kExitOK) result = code;
+    }
+    return result;
+}
+
+int Commands::convertAll(const Options& o, const Flavour& flavour, const std::string& extension) {
+    std::vector<DocumentLosses> losses(o.inputs.size());
+    int result = kExitOK;
+    if (o.inputs.size() == 1) {
+        result = convertDocument(0, o.inputs[0], o, flavour, extension, nullptr, losses[0]);
+    } else {
+        Turns turns;
+        Batch batch(Batch::jobsFor(o.jobs, o.inputs.size()), "converting",
+                    o.verbosity != Verbosity::Quiet);
+        std::vector<JobResult> results = batch.run(
+            o.inputs,
+            [&](std::size_t i, std::FILE* out, std::FILE* err) {
+                Qv::Ptr<ConsoleLog> console(new ConsoleLog(o.verbosity, err));
+                Commands job(plugin_, console);
+                job.setStreams(out, err);
+                job.run_ = run_;
+                job.usedDir_ = usedDir_;
+                return job.convertDocument(i, o.inputs[i], o, flavour, extension, &turns,
+                                           losses[i]);
+            },
+            true);
+        std::vector<std::string> failed;
+        for (std::size_t i = 0; i < results.size(); ++i)
+            if (results[i].status != kExitOK) {
+                failed.push_back(o.inputs[i]);
+                if (result == kExitOK) result = results[i].status;
+            }
+        if (o.verbosity != Verbosity::Quiet || !failed.empty()) {
+            std::string summary = "converted " + std::to_string(o.inputs.size() - failed.size()) +
+                                  " of " + counted(static_cast<long>(o.inputs.size()), "document");
+            if (!failed.empty()) {
+                summary += "; " + std::to_string(failed.size()) + " failed:";
+                for (const std::string& f : failed)
+                    summary += " " + inQuotes(f);
+            }
+            std::fprintf(err_, "qvxml: %s\n", summary.c_str());
+        }
+    }
+    if (!o.report.empty())
+        if (int failed = writeFile(o.report, lossReportText(losses, "convert"), o);
+            failed && result == kExitOK)
+            result = failed;
+    return result;
+}
+
+int Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
+                               const std::string& fileName, const std::string& input) {
+    Qv::Ptr<ApplicationLog> appLog(new ApplicationLog(console_, o.verbosity == Verbosity::Verbose));
+    ThreadAppLog appScope(appLog);
+    console_->takeWarningLines();
+    int code = exportEdit(edit, flavour, o, fileName);
+    if (code != kExitOK) return code;
+    DocumentLosses losses;
+    losses.read = true;
+    losses.input = input;
+    losses.target = flavour.name;
+    losses.outputs.push_back(fileName);
+    std::vector<std::string> warnings = console_->takeWarningLines();
+    if (!edit->isShot()) {
+        DocumentInfo info = describe({edit}, identitiesOf(EditStore::current()), input, "snapshot");
+        if (!info.sequences.empty()) {
+            const SequenceInfo& s = info.sequences.front();
+            losses.items = targetLosses(s, flavour.name, o.silent, o.skipOffline);
+            for (Loss& l : writerLosses(s, warnings))
+                losses.items.push_back(std::move(l));
+        }
+    }
+    if (o.verbosity != Verbosity::Quiet)
+        std::fprintf(err_, "qvxml: %s\n", lossSummary(losses).c_str());
+    if (!o.report.empty()) return writeFile(o.report, lossReportText({losses}, "export"), o);
+    return kExitOK;
+}
+
+}  // namespace qvapp

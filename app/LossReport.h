@@ -1,0 +1,58 @@
+// The loss report: what did not cross when a document was converted or an
+// edit exported. Three sources feed it: an independent look at the source
+// document for what the readers pass over (SourceScan), the warnings the
+// plug-in writes as it repairs material, and a comparison of the project's
+// edits with what the target format can hold.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "app/Timeline.h"
+
+namespace qvapp {
+
+struct Loss {
+    std::string kind;    // a stable name: "filter", "speed", ... (see kindPhrase)
+    std::string origin;  // "reader" (the import), "writer" (the plug-in's repairs), "target"
+    std::string sequence, track, timecode;
+    std::int64_t frame = -1;  // from the sequence's start; -1 when it has no place
+    std::string detail;
+};
+
+struct DocumentLosses {
+    std::string input, target;
+    std::vector<std::string> outputs;
+    std::vector<Loss> items;
+    bool read = false;  // the document was read (a failed one has no report)
+
+    std::map<std::string, int> counts() const;
+};
+
+// What a kind of loss means, in a few words for a count ("filters passed
+// over"); the kind itself when it is not known.
+std::string kindPhrase(const std::string& kind);
+
+// What the target format cannot hold of a sequence, found by comparing the
+// project's edit with the format: "native", "xmeml", "fcpxml" or "otio".
+// `silent` and `skipOffline` are the export's options of those names.
+std::vector<Loss> targetLosses(const SequenceInfo& sequence, const std::string& target, bool silent,
+                               bool skipOffline);
+
+// The plug-in's warnings of an export, as its log gave them, made into
+// losses of the sequence: clips it shortened, transitions it replaced.
+std::vector<Loss> writerLosses(const SequenceInfo& sequence, const std::vector<std::string>& lines);
+
+// One line for standard error: how many losses of which kinds.
+std::string lossSummary(const DocumentLosses& losses);
+
+nlohmann::json lossJson(const DocumentLosses& losses);
+// The whole report of a run as JSON text.
+std::string lossReportText(const std::vector<DocumentLosses>& documents,
+                           const std::string& command);
+
+}  // namespace qvapp

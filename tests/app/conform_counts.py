@@ -1,0 +1,256 @@
+#!/usr/bin/env python3
+"""Checks `qvxml info --json` and the loss report of `qvxml convert --report`
+against counts made here from the document alone, with ElementTree (xmeml)
+or json (OpenTimelineIO) and nothing of qvxml.
+
+    conform_counts.py QVXML DOCUMENT
+
+For every sequence with tracks: its video and audio tracks, clips,
+transitions and markers, counted as the user guide says qvxml reads them:
+
+xmeml: a clip item is a clip when it plays a file that has a duration (a
+file may be defined by another clip item and named by its id): a video clip
+any file with a duration, an audio clip the channel its source track names. The
+reader finds elements at any depth, so a clip item that holds a nested
+sequence or a multiclip plays the first file inside it. Generators and video
+transitions that are neither a "Dissolve" nor a "Wipe" play black. Every
+audio transition is a cross fade. Markers are the sequence's own.
+OpenTimelineIO: clips and nested stacks on Video and Audio tracks;
+transitions; the timeline's markers and those of its tracks.
+
+And for the loss report, what reading passes over, by kind: filters other
+than Time Remap and Audio Levels, Time Remaps whose speed has keyframes,
+generators, uses of nested sequences, multiclips, switched-off items,
+video transitions of unknown kinds, clips of files without a duration;
+in OpenTimelineIO effects other than time warps, generators, image
+sequences, switched-off items and tracks, and video transitions other than
+dissolves.
+
+Exit status 0 when everything agrees, 1 otherwise, 77 when the document is
+not here.
+"""
+import collections
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import xml.etree.ElementTree as ET
+
+
+# ---- xmeml ----
+
+def text(element, tag):
+    found = element.find(tag) if element is not None else None
+    return (found.text or "").strip() if found is not None else ""
+
+
+def first_inside(element, tag):
+    return next(element.iter(tag), None) if element is not None else None
+
+
+def plays(file, kind, item):
+    """Whether a clip item can play its file: a video clip any file with a
+    duration, an audio clip the file's channel that its source track names
+    (only the first digit of the number counts)."""
+    if kind == "video":
+        return True
+    index = text(first_inside(item, "sourcetrack"), "trackindex") or "1"
+    digit = int(index[0]) if index[0].isdigit() else 1
+    channels = first_inside(first_inside(file, "audio"), "channelcount")
+    try:
+        count = int((channels.text or "0").strip()) if channels is not None else 0
+    except ValueError:
+        count = 0
+    return 1 <= digit <= count
+
+
+def xmeml_counts(root):
+    files = {}
+    for f in root.iter("file"):
+        if len(f) and f.get("id") is not None:
+            files.setdefault(f.get("id"), f)
+    sequences, losses = [], collections.Counter()
+    for seq in root.iter("sequence"):
+        media = seq.find("media")
+        if media is None or not media.findall("*/track"):
+            continue
+        name_element = first_inside(seq, "name")
+        name = (name_element.text or "") if name_element is not None else ""
+        counts = {"name": name or "NoName", "videoTracks": 0, "audioTracks": 0, "clips": 0,
+                  "transitions": 0, "markers": len(seq.findall("marker"))}
+        for kind in ("video", "audio"):
+            group = media.find(kind)
+            tracks = group.findall("track") if group is not None else []
+            counts[kind + "Tracks"] = len(tracks)
+            for track in tracks:
+                for item in track:
+                    if item.tag not in ("clipitem", "transitionitem", "generatoritem"):
+                        continue
+                    off = text(item, "enabled") == "FALSE"
+                    if item.tag == "generatoritem":
+                        losses["generator"] += 1
+                        continue
+                    if item.tag == "transitionitem":
+                        category = text(item.find("effect"), "effectcategory")
+                        if kind == "audio" or category in ("Dissolve", "Wipe"):
+                            counts["transitions"] += 1
+                        else:
+                            losses["unknown-transition"] += 1
+                        losses["disabled"] += off
+                        continue
+                    losses["disabled"] += off
+                    for f in item.findall("filter"):
+                        effect_id = text(f.find("effect"), "effectid")
+                        if effect_id == "audiolevels":
+                            continue
+                        if effect_id == "timeremap":
+                            for p in f.find("effect").findall("parameter"):
+                                pid = text(p, "parameterid")
+                                if (pid == "speed" and p.find("keyframe") is not None) or (
+                                        pid == "variablespeed" and text(p, "value") not in ("", "0")):
+                                    losses["speed-ramp"] += 1
+                                    break
+                            continue
+                        losses["filter"] += 1
+                    if item.find("sequence") is not None:
+                        losses["nested-sequence"] += 1
+                    elif item.find("multiclip") is not None:
+                        losses["multiclip"] += 1
+                    # The reader finds a clip's file at any depth: a use of a
+                    # nested sequence or a multiclip plays the first file
+                    # inside it.
+                    file = first_inside(item, "file")
+                    if file is None:
+                        continue
+                    definition = file if len(file) else files.get(file.get("id"))
+                    if definition is None:
+                        continue
+                    if first_inside(definition, "duration") is None:
+                        losses["unusable-file"] += 1
+                        continue
+                    if plays(definition, kind, item):
+                        counts["clips"] += 1
+        sequences.append(counts)
+    return sequences, losses
+
+
+# ---- OpenTimelineIO ----
+
+def schema(obj):
+    return obj.get("OTIO_SCHEMA", "").split(".")[0] if isinstance(obj, dict) else ""
+
+
+def otio_counts(root):
+    sequences, losses = [], collections.Counter()
+
+    def effects(item):
+        for e in item.get("effects") or []:
+            if schema(e) not in ("LinearTimeWarp", "FreezeFrame"):
+                losses["filter"] += 1
+
+    def timeline(t):
+        counts = {"name": t.get("name") or "NoName", "videoTracks": 0, "audioTracks": 0,
+                  "clips": 0, "transitions": 0,
+                  "markers": len((t.get("tracks") or {}).get("markers") or [])}
+        for track in (t.get("tracks") or {}).get("children") or []:
+            if schema(track) != "Track" or track.get("kind") not in ("Video", "Audio"):
+                continue
+            video = track.get("kind") == "Video"
+            counts["videoTracks" if video else "audioTracks"] += 1
+            counts["markers"] += len(track.get("markers") or [])
+            effects(track)
+            losses["disabled"] += track.get("enabled", True) is False
+            for item in track.get("children") or []:
+                kind = schema(item)
+                if kind == "Transition":
+                    counts["transitions"] += 1
+                    qv = (item.get("metadata") or {}).get("qvxml") or {}
+                    if video and item.get("transition_type") != "SMPTE_Dissolve" and "wipe" not in qv:
+                        losses["transition-as-dissolve"] += 1
+                    continue
+                losses["disabled"] += item.get("enabled", True) is False
+                effects(item)
+                if kind == "Clip":
+                    ref = schema(item.get("media_reference"))
+                    if ref == "GeneratorReference":
+                        losses["generator"] += 1
+                    elif ref == "ImageSequenceReference":
+                        losses["image-sequence"] += 1
+                    else:
+                        counts["clips"] += 1
+                elif kind in ("Stack", "Track"):
+                    counts["clips"] += 1
+        sequences.append(counts)
+
+    def visit(obj):
+        if schema(obj) == "Timeline":
+            timeline(obj)
+        elif schema(obj) == "SerializableCollection":
+            for child in obj.get("children") or []:
+                visit(child)
+
+    visit(root)
+    return sequences, losses
+
+
+def run(qvxml, *arguments):
+    return subprocess.run([qvxml, *arguments, "--quiet"], check=True, capture_output=True,
+                          text=True).stdout
+
+
+def main():
+    qvxml, document = sys.argv[1], sys.argv[2]
+    if not os.path.exists(document):
+        print(f"skipped: {document} is not here")
+        return 77
+    if document.endswith(".otio"):
+        with open(document, encoding="utf-8") as f:
+            want, want_losses = otio_counts(json.load(f))
+    else:
+        want, want_losses = xmeml_counts(ET.parse(document).getroot())
+
+    info = json.loads(run(qvxml, "info", "--json", document))["documents"][0]
+    got = [{"name": s["name"], "videoTracks": s["counts"]["videoTracks"],
+            "audioTracks": s["counts"]["audioTracks"], "clips": s["counts"]["clips"],
+            "transitions": s["counts"]["transitions"], "markers": s["counts"]["markers"]}
+           for s in info["sequences"]]
+    key = lambda s: tuple(sorted(s.items()))
+    faults = 0
+    missing = collections.Counter(map(key, want)) - collections.Counter(map(key, got))
+    extra = collections.Counter(map(key, got)) - collections.Counter(map(key, want))
+    for s in missing.elements():
+        print("counted in the document:", dict(s))
+        faults += 1
+    for s in extra.elements():
+        print("told by info --json:    ", dict(s))
+        faults += 1
+
+    # Written as .otio, which holds what the store has: the report's losses
+    # are then those of reading.
+    with tempfile.TemporaryDirectory() as tmp:
+        report = os.path.join(tmp, "report.json")
+        run(qvxml, "convert", document, "--to", "otio", "-o", tmp, "--report", report)
+        with open(report, encoding="utf-8") as f:
+            items = [i for d in json.load(f)["documents"] for i in d["items"]]
+    got_losses = collections.Counter(i["kind"] for i in items if i["origin"] == "reader")
+    want_losses = +want_losses
+    if got_losses != want_losses:
+        print(f"losses counted in the document: {dict(want_losses)}")
+        print(f"losses in the report:           {dict(got_losses)}")
+        faults += 1
+    # Every loss has its sequence; all but the writers' repairs, whose
+    # warnings may name no track, their track and place too.
+    unplaced = [i for i in items if not i["sequence"] or (
+        i["origin"] != "writer" and (not i["track"] or i["frame"] is None))]
+    if unplaced:
+        print(f"{len(unplaced)} losses without a place, such as {unplaced[0]}")
+        faults += 1
+    print(f"{os.path.basename(document)}: {len(want)} sequences, "
+          f"{sum(s['clips'] for s in want)} clips, {sum(want_losses.values())} losses, "
+          f"{'all agree' if not faults else str(faults) + ' disagreements'}")
+    return 1 if faults else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
