@@ -169,6 +169,8 @@ inline LightweightString<wchar_t>& operator+=(LightweightString<wchar_t>& a,
 // UTF-8 and 32-bit text. Malformed UTF-8 becomes U+FFFD per bad byte; code
 // points that UTF-8 cannot carry become U+FFFD too.
 LightweightString<char> toUTF8(const LightweightString<wchar_t>& text);
+// Appends one code point as UTF-8 (U+FFFD for one it cannot carry).
+void appendUTF8(std::string& out, char32_t c);
 LightweightString<char> toUTF8(std::wstring_view text);
 LightweightString<wchar_t> fromUTF8(const LightweightString<char>& text);
 LightweightString<wchar_t> fromUTF8(const char* text, int length = -1);

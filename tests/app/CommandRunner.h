@@ -17,23 +17,26 @@ struct Outcome {
     std::string out, err;
 };
 
-// `prefix` goes before the command in the shell: "ulimit -f 1;", say.
-inline Outcome qvxml(const std::string& arguments, const std::string& prefix = "") {
+// Runs a shell command and keeps its status and what it printed.
+inline Outcome run(const std::string& command) {
     TempDir scratch;
     std::string errFile = scratch.file("stderr");
-    std::string command =
-        prefix + " " + std::string(QVXML_BIN_DIR) + "/qvxml " + arguments + " 2>" + errFile;
-    Outcome run;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (!pipe) return run;
+    Outcome r;
+    FILE* pipe = ::popen((command + " 2>" + errFile).c_str(), "r");
+    if (!pipe) return r;
     std::array<char, 4096> buffer;
     size_t n;
     while ((n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
-        run.out.append(buffer.data(), n);
+        r.out.append(buffer.data(), n);
     int raw = ::pclose(pipe);
-    run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    run.err = readFile(errFile);
-    return run;
+    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    r.err = readFile(errFile);
+    return r;
+}
+
+// `prefix` goes before the command in the shell: "ulimit -f 1;", say.
+inline Outcome qvxml(const std::string& arguments, const std::string& prefix = "") {
+    return run(prefix + " " + std::string(QVXML_BIN_DIR) + "/qvxml " + arguments);
 }
 
 inline std::string quote(const std::string& s) {

@@ -5,9 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -15,6 +13,7 @@
 
 #include "export/ExportDriver.h"
 #include "host/Snapshot.h"
+#include "tests/app/CommandRunner.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -22,34 +21,10 @@ namespace {
 using nlohmann::json;
 namespace fs = std::filesystem;
 
-struct Outcome {
-    int status = -1;
-    std::string out, err;
-};
-
-Outcome run(const std::string& command) {
-    qvtest::TempDir scratch;
-    std::string errFile = scratch.file("stderr");
-    Outcome r;
-    FILE* pipe = ::popen((command + " 2>" + errFile).c_str(), "r");
-    if (!pipe) return r;
-    std::array<char, 4096> buffer;
-    size_t n;
-    while ((n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
-        r.out.append(buffer.data(), n);
-    int raw = ::pclose(pipe);
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    r.err = qvtest::readFile(errFile);
-    return r;
-}
-
-std::string quote(const std::string& s) {
-    return "'" + s + "'";
-}
-
-Outcome qvxml(const std::string& arguments) {
-    return run(std::string(QVXML_BIN_DIR) + "/qvxml " + arguments);
-}
+using qvtest::Outcome;
+using qvtest::quote;
+using qvtest::qvxml;
+using qvtest::run;
 
 const std::string kMedia = std::string(QVXML_TEST_DATA) + "/media";
 const std::string kCorpus = QVXML_CORPUS;

@@ -2,40 +2,16 @@
 // .otio files are named and written as the other formats' are.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
-#include <array>
 #include <cstdio>
 
+#include "tests/app/CommandRunner.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
-struct Outcome {
-    int status = -1;
-    std::string out, err;
-};
-
-Outcome qvxml(const std::string& arguments) {
-    qvtest::TempDir scratch;
-    std::string errFile = scratch.file("stderr");
-    std::string command = std::string(QVXML_BIN_DIR) + "/qvxml " + arguments + " 2>" + errFile;
-    Outcome run;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (!pipe) return run;
-    std::array<char, 4096> buffer;
-    size_t n;
-    while ((n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
-        run.out.append(buffer.data(), n);
-    int raw = ::pclose(pipe);
-    run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    run.err = qvtest::readFile(errFile);
-    return run;
-}
-
-std::string quote(const std::string& s) {
-    return "'" + s + "'";
-}
+using qvtest::Outcome;
+using qvtest::quote;
+using qvtest::qvxml;
 
 const std::string kExample = std::string(QVXML_SOURCE_DIR) + "/examples/native/interview-cut.xml";
 
