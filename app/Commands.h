@@ -52,6 +52,7 @@ struct Options {
     bool dryRun = false;  // relink: say what would be matched, write nothing
 };
 
+struct DocumentInfo;
 struct DocumentLosses;
 
 class Commands {
@@ -120,6 +121,9 @@ class Commands {
     // Exports an edit of a snapshot and reports what did not cross.
     int exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
                          const std::string& fileName, const std::string& input);
+    // Reads a document or snapshot into a project of its own and describes
+    // it (app/Info.cpp).
+    int lookAt(const std::string& input, bool lenient, DocumentInfo& d);
     // Describes one document for `info` (app/Info.cpp).
     int infoDocument(const std::string& input, const Options& o, std::string& json);
     // Reads a document or snapshot into the current store: the sequences it

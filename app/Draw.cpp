@@ -280,20 +280,14 @@ int Commands::draw(const Options& o) {
     startRun({input}, o.overwrite);
     if (WriteResult w = run_->output->check(output); !w) return fail(w.code, w.sentence);
 
-    EditStore project;
-    ScopedCurrentStore scope(project);
-    std::vector<Qv::Ptr<Edit>> sequences;
-    std::string format;
-    int code = readForLooking(input, sequences, format, o.lenient);
-    if (code != kExitOK) return code;
-    DocumentInfo d =
-        describe(sequences, {}, input, format, resolutionsFrom(console_->takeInfoLines()));
+    DocumentInfo d;
+    if (int code = lookAt(input, o.lenient, d)) return code;
     if (d.sequences.empty())
         return fail(kExitFailed, inQuotes(input) + " holds no sequence to draw");
 
     std::string content;
     if (html) {
-        content = page(d, scanSource(input, format));
+        content = page(d, scanSource(input, d.format));
     } else {
         // The sequences one below the other, in one picture.
         double y = 0;

@@ -233,15 +233,20 @@ int Commands::readForLooking(const std::string& input, std::vector<Qv::Ptr<Edit>
     return kExitOK;
 }
 
-int Commands::infoDocument(const std::string& input, const Options& o, std::string& text) {
+int Commands::lookAt(const std::string& input, bool lenient, DocumentInfo& d) {
     EditStore project;
     ScopedCurrentStore scope(project);
     std::vector<Qv::Ptr<Edit>> sequences;
     std::string format;
-    int code = readForLooking(input, sequences, format, o.lenient);
+    int code = readForLooking(input, sequences, format, lenient);
     if (code != kExitOK) return code;
-    DocumentInfo d =
-        describe(sequences, {}, input, format, resolutionsFrom(console_->takeInfoLines()));
+    d = describe(sequences, {}, input, format, resolutionsFrom(console_->takeInfoLines()));
+    return kExitOK;
+}
+
+int Commands::infoDocument(const std::string& input, const Options& o, std::string& text) {
+    DocumentInfo d;
+    if (int code = lookAt(input, o.lenient, d)) return code;
     text = o.json ? infoJson(d).dump(2) : infoText(d, o.listClips, o.listMedia, o.listMarkers);
     return kExitOK;
 }
