@@ -6,6 +6,7 @@
 
 #include "app/Util.h"
 #include "host/Paths.h"
+#include "host/XMLParser.h"
 #include "otio/OtioImport.h"
 
 namespace qvapp {
@@ -23,27 +24,8 @@ bool isNameChar(char c) {
 // Skips "<!...>" from `at`, past quoted text and an internal subset in
 // brackets; npos when it does not end.
 std::size_t skipDeclaration(std::string_view text, std::size_t at) {
-    int brackets = 0;
-    char quote = 0;
-    for (std::size_t i = at + 2; i < text.size(); ++i) {
-        char c = text[i];
-        if (quote) {
-            if (c == quote) quote = 0;
-        } else if (c == '"' || c == '\'') {
-            quote = c;
-        } else if (c == '[') {
-            ++brackets;
-        } else if (c == ']') {
-            if (brackets > 0) --brackets;
-        } else if (c == '>' && brackets == 0) {
-            return i + 1;
-        } else if (text.substr(i, 4) == "<!--") {
-            std::size_t close = text.find("-->", i + 4);
-            if (close == std::string_view::npos) return close;
-            i = close + 2;
-        }
-    }
-    return std::string_view::npos;
+    const char* after = endOfDeclaration(text.data() + at, text.data() + text.size());
+    return after ? static_cast<std::size_t>(after - text.data()) : std::string_view::npos;
 }
 
 }  // namespace

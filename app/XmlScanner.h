@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "app/WellFormed.h"
+#include "host/XMLParser.h"
 
 namespace qvapp::scan {
 
@@ -336,27 +337,9 @@ class Scanner {
     // A document type: up to the '>' outside quotes and outside an internal
     // subset in brackets.
     const char* declaration(const char* lt) {
-        int brackets = 0;
-        char quote = 0;
-        for (const char* q = lt + 2; q < end_; ++q) {
-            char c = *q;
-            if (quote) {
-                if (c == quote) quote = 0;
-            } else if (c == '"' || c == '\'') {
-                quote = c;
-            } else if (c == '[') {
-                ++brackets;
-            } else if (c == ']') {
-                if (brackets > 0) --brackets;
-            } else if (c == '>' && brackets == 0) {
-                amps(lt, q + 1, false);
-                return q + 1;
-            } else if (c == '<' && std::string_view(q, static_cast<std::size_t>(end_ - q))
-                                       .starts_with("<!--")) {
-                const char* close = findText(q + 4, end_, "-->");
-                if (!close) break;
-                q = close + 2;
-            }
+        if (const char* after = endOfDeclaration(lt, end_)) {
+            amps(lt, after, false);
+            return after;
         }
         fault(at(lt), "the document ends inside its document type; it is cut short");
         amps(lt, end_, false);
@@ -567,28 +550,8 @@ class Scanner {
             const char* found = findText(lt + 2, end_, close);
             return found ? found + close.size() : end_;
         }
-        int brackets = 0;
-        char quote = 0;
-        for (const char* q = lt + 2; q < end_; ++q) {
-            char c = *q;
-            if (quote) {
-                if (c == quote) quote = 0;
-            } else if (c == '"' || c == '\'') {
-                quote = c;
-            } else if (c == '[') {
-                ++brackets;
-            } else if (c == ']') {
-                if (brackets > 0) --brackets;
-            } else if (c == '>' && brackets == 0) {
-                return q + 1;
-            } else if (c == '<' && std::string_view(q, static_cast<std::size_t>(end_ - q))
-                                       .starts_with("<!--")) {
-                const char* found = findText(q + 4, end_, "-->");
-                if (!found) return end_;
-                q = found + 2;
-            }
-        }
-        return end_;
+        const char* after = endOfDeclaration(lt, end_);
+        return after ? after : end_;
     }
 
     std::string_view text_;

@@ -122,31 +122,8 @@ const char* skipMarkup(const char* lt, const char* end, std::string_view* cdata 
             *cdata = std::string_view(body, static_cast<std::size_t>((close ? close : end) - body));
         return close ? close + 3 : end;
     }
-    // A declaration: up to the '>' that is outside quotes and outside an
-    // internal subset in brackets. Comments inside the subset may hold quotes
-    // and brackets, so they are skipped whole.
-    int brackets = 0;
-    char quote = 0;
-    for (const char* p = lt + 2; p < end; ++p) {
-        char c = *p;
-        if (quote) {
-            if (c == quote) quote = 0;
-        } else if (c == '"' || c == '\'') {
-            quote = c;
-        } else if (c == '[') {
-            ++brackets;
-        } else if (c == ']') {
-            if (brackets > 0) --brackets;
-        } else if (c == '>') {
-            if (brackets == 0) return p + 1;
-        } else if (c == '<' &&
-                   std::string_view(p, static_cast<std::size_t>(end - p)).starts_with("<!--")) {
-            const char* close = find(p + 4, end, "-->");
-            if (!close) return end;
-            p = close + 2;
-        }
-    }
-    return end;
+    const char* after = endOfDeclaration(lt, end);
+    return after ? after : end;
 }
 
 // Decodes the reference at `p` (which points at '&') into `out` and moves `p`
@@ -289,6 +266,31 @@ struct NameSlot {
 };
 
 }  // namespace
+
+const char* endOfDeclaration(const char* lt, const char* end) {
+    int brackets = 0;
+    char quote = 0;
+    for (const char* p = lt + 2; p < end; ++p) {
+        char c = *p;
+        if (quote) {
+            if (c == quote) quote = 0;
+        } else if (c == '"' || c == '\'') {
+            quote = c;
+        } else if (c == '[') {
+            ++brackets;
+        } else if (c == ']') {
+            if (brackets > 0) --brackets;
+        } else if (c == '>') {
+            if (brackets == 0) return p + 1;
+        } else if (c == '<' &&
+                   std::string_view(p, static_cast<std::size_t>(end - p)).starts_with("<!--")) {
+            const char* close = find(p + 4, end, "-->");
+            if (!close) return nullptr;
+            p = close + 2;
+        }
+    }
+    return nullptr;
+}
 
 struct XMLParser::Index {
     const char* text = nullptr;

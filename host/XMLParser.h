@@ -86,3 +86,9 @@ class XMLParser {
     unsigned int first_ = 0;  // the elements inside it: [first_, last_)
     unsigned int last_ = 0;
 };
+
+// The end of a markup declaration such as "<!DOCTYPE ...>" that begins at
+// `lt`: just past its '>', the first that stands outside quotes and outside
+// an internal subset in brackets. Comments inside are skipped whole, since
+// they may hold quotes and brackets. nullptr when the text ends first.
+const char* endOfDeclaration(const char* lt, const char* end);
