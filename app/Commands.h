@@ -112,6 +112,8 @@ class Commands {
     int exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName);
     std::string extensionOf(const Flavour& flavour);
     int fail(int code, const std::string& sentence);
+    // A job of a batch: its own console and streams, this run's files.
+    Commands jobOf(const Options& o, std::FILE* out, std::FILE* err);
     // Converts the documents, side by side with -j, each with its loss
     // report (app/Convert.cpp).
     int convertAll(const Options& o, const Flavour& flavour, const std::string& extension);

@@ -139,6 +139,14 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
     return result;
 }
 
+Commands Commands::jobOf(const Options& o, std::FILE* out, std::FILE* err) {
+    Commands job(plugin_, Qv::Ptr<ConsoleLog>(new ConsoleLog(o.verbosity, err)));
+    job.setStreams(out, err);
+    job.run_ = run_;
+    job.usedDir_ = usedDir_;
+    return job;
+}
+
 int Commands::convertAll(const Options& o, const Flavour& flavour, const std::string& extension) {
     std::vector<DocumentLosses> losses(o.inputs.size());
     int result = kExitOK;
@@ -151,11 +159,7 @@ int Commands::convertAll(const Options& o, const Flavour& flavour, const std::st
         std::vector<JobResult> results = batch.run(
             o.inputs,
             [&](std::size_t i, std::FILE* out, std::FILE* err) {
-                Qv::Ptr<ConsoleLog> console(new ConsoleLog(o.verbosity, err));
-                Commands job(plugin_, console);
-                job.setStreams(out, err);
-                job.run_ = run_;
-                job.usedDir_ = usedDir_;
+                Commands job = jobOf(o, out, err);
                 return job.convertDocument(i, o.inputs[i], o, flavour, extension, &turns,
                                            losses[i]);
             },

@@ -263,9 +263,7 @@ int Commands::info(const Options& o) {
         std::vector<JobResult> results = batch.run(
             o.inputs,
             [&](std::size_t i, std::FILE* out, std::FILE* err) {
-                Qv::Ptr<ConsoleLog> console(new ConsoleLog(o.verbosity, err));
-                Commands job(plugin_, console);
-                job.setStreams(out, err);
+                Commands job = jobOf(o, out, err);
                 int code = job.infoDocument(o.inputs[i], o, texts[i]);
                 // Text goes out in order as the jobs end; JSON as one
                 // document at the end.

@@ -513,18 +513,7 @@ class Scanner {
         while (t < end && !is(*t, kLooseStop))
             ++t;
         std::size_t length = static_cast<std::size_t>(t - name);
-        char quote = 0;
-        for (; t < end; ++t) {
-            char d = *t;
-            if (d == '<') break;
-            if (quote) {
-                if (d == quote) quote = 0;
-            } else if (d == '>') {
-                break;
-            } else if (d == '"' || d == '\'') {
-                quote = d;
-            }
-        }
+        t = endOfTag(t, end);
         if (t >= end || *t == '<') return t;  // a broken tag is text
         if (t[-1] != '/') {
             push(lt, name, length, name + length, t, t + 1);

@@ -435,18 +435,7 @@ struct XMLParser::Index {
             while (t < end && !(classOf(*t) & kNameStop))
                 h = hashStep(h, *t++);
             const char* nameEnd = t;
-            char quote = 0;
-            for (; t < end; ++t) {
-                char d = *t;
-                if (d == '<') break;
-                if (quote) {
-                    if (d == quote) quote = 0;
-                } else if (d == '>') {
-                    break;
-                } else if (d == '"' || d == '\'') {
-                    quote = d;
-                }
-            }
+            t = endOfTag(t, end);
             if (t >= end || *t == '<') {  // broken tag: plain text, go on from here
                 p = t;
                 continue;

@@ -92,3 +92,21 @@ class XMLParser {
 // an internal subset in brackets. Comments inside are skipped whole, since
 // they may hold quotes and brackets. nullptr when the text ends first.
 const char* endOfDeclaration(const char* lt, const char* end);
+
+// Where a tag whose name ends at `t` ends: its '>', the first outside quoted
+// attribute values; or a '<' before it (a broken tag), or `end`.
+inline const char* endOfTag(const char* t, const char* end) {
+    char quote = 0;
+    for (; t < end; ++t) {
+        char d = *t;
+        if (d == '<') break;
+        if (quote) {
+            if (d == quote) quote = 0;
+        } else if (d == '>') {
+            break;
+        } else if (d == '"' || d == '\'') {
+            quote = d;
+        }
+    }
+    return t;
+}
