@@ -76,7 +76,6 @@ void ConsoleLog::line(LogKind kind, int indent, const LightweightString<char>& t
     switch (kind) {
         case LogKind::Warning:
             ++warnings_;
-            warningLines_.push_back(text.str());
             mark = "warning: ";
             break;
         case LogKind::Error:
@@ -129,9 +128,14 @@ std::vector<std::string> ConsoleLog::takeWrittenPaths() {
     return std::move(written_);
 }
 
-std::vector<std::string> ConsoleLog::takeWarningLines() {
+void ConsoleLog::loss(const LossRecord& record) {
     std::lock_guard<std::mutex> lock(mutex_);
-    return std::move(warningLines_);
+    losses_.push_back(record);
+}
+
+std::vector<LossRecord> ConsoleLog::takeLosses() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::move(losses_);
 }
 
 }  // namespace qvapp

@@ -26,6 +26,7 @@ class ConsoleLog : public iLogSink {
 
     void line(LogKind kind, int indent, const LightweightString<char>& text, int type) override;
     void progress(double fraction) override;
+    void loss(const LossRecord& record) override;
 
     // A progress line that is not a fraction: what is being done.
     void status(const std::string& what);
@@ -35,8 +36,8 @@ class ConsoleLog : public iLogSink {
     int errors() const { return errors_; }
     // Paths the pipeline reported as written (output type 6).
     std::vector<std::string> takeWrittenPaths();
-    // The warning lines of the run so far, as written, for the loss report.
-    std::vector<std::string> takeWarningLines();
+    // The losses the pipeline recorded so far, for the loss report.
+    std::vector<LossRecord> takeLosses();
     // The information lines of the run so far: how the import resolved each
     // shot's media, for `info`.
     std::vector<std::string> takeInfoLines();
@@ -50,7 +51,8 @@ class ConsoleLog : public iLogSink {
     std::string task_;
     int warnings_ = 0, errors_ = 0;
     std::vector<std::string> written_;
-    std::vector<std::string> warningLines_, infoLines_;
+    std::vector<std::string> infoLines_;
+    std::vector<LossRecord> losses_;
     std::mutex mutex_;
 };
 

@@ -109,10 +109,10 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
                                  .c_str());
             continue;
         }
-        console_->takeWarningLines();
+        console_->takeLosses();
         appLog->takeLines();
         int exported = exportEdit(e, flavour, o, stems[i] + extension);
-        std::vector<std::string> warnings = console_->takeWarningLines();
+        std::vector<LossRecord> records = console_->takeLosses();
         if (exported != kExitOK) {
             if (result == kExitOK) result = exported;
             continue;
@@ -124,7 +124,7 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
         const SequenceInfo& s = info.sequences.front();
         for (Loss& l : targetLosses(s, flavour.name, o.silent, o.skipOffline))
             losses.items.push_back(std::move(l));
-        for (Loss& l : writerLosses(s, warnings))
+        for (Loss& l : writerLosses(s, records))
             losses.items.push_back(std::move(l));
     }
     // The summary speaks for files written; a failure has said its own.
@@ -192,7 +192,7 @@ int Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour
                                const std::string& fileName, const std::string& input) {
     Qv::Ptr<ApplicationLog> appLog(new ApplicationLog(console_, o.verbosity == Verbosity::Verbose));
     ThreadAppLog appScope(appLog);
-    console_->takeWarningLines();
+    console_->takeLosses();
     int code = exportEdit(edit, flavour, o, fileName);
     if (code != kExitOK) return code;
     DocumentLosses losses;
@@ -200,13 +200,13 @@ int Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour
     losses.input = input;
     losses.target = flavour.name;
     losses.outputs.push_back(fileName);
-    std::vector<std::string> warnings = console_->takeWarningLines();
+    std::vector<LossRecord> records = console_->takeLosses();
     if (!edit->isShot()) {
         DocumentInfo info = describe({edit}, identitiesOf(EditStore::current()), input, "snapshot");
         if (!info.sequences.empty()) {
             const SequenceInfo& s = info.sequences.front();
             losses.items = targetLosses(s, flavour.name, o.silent, o.skipOffline);
-            for (Loss& l : writerLosses(s, warnings))
+            for (Loss& l : writerLosses(s, records))
                 losses.items.push_back(std::move(l));
         }
     }

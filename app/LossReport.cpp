@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <regex>
 
 #include "app/Util.h"
 #include "host/Config.h"
@@ -33,6 +32,7 @@ const KindText kKinds[] = {
     {"clip-shortened", "clips shortened to fit their media"},
     {"transition-removed", "transitions without enough material, replaced"},
     {"gap-added", "black added where source material is missing"},
+    {"material-missing", "clips of material not in the project, written as gaps"},
     // What the target format cannot hold.
     {"speed", "speed changes the format cannot hold"},
     {"wipe-pattern", "wipes that lose their pattern"},
@@ -232,39 +232,21 @@ std::vector<Loss> targetLosses(const SequenceInfo& s, const std::string& target,
     return out;
 }
 
-std::vector<Loss> writerLosses(const SequenceInfo& s, const std::vector<std::string>& lines) {
-    static const std::regex where("[Tt]rack <([^>]*)> timecode <([^>]*)>");
+std::vector<Loss> writerLosses(const SequenceInfo& s, const std::vector<LossRecord>& records) {
     std::vector<Loss> out;
-    for (const std::string& line : lines) {
+    for (const LossRecord& r : records) {
         Loss l;
+        l.kind = r.kind.str();
         l.origin = "writer";
-        l.sequence = s.name;
-        if (line.starts_with("Badly defined segment - starts before first frame")) {
-            l.kind = "clip-shortened";
-            l.detail = "started before the first frame of its media";
-        } else if (line.starts_with("Badly defined segment - ends beyond last frame")) {
-            l.kind = "clip-shortened";
-            l.detail = "ran past the last frame of its media";
-        } else if (line.starts_with("Badly defined segment - starts before the end of the one")) {
-            l.kind = "clip-shortened";
-            l.detail = "overlapped the item before it; it starts where that one ends";
-        } else if (line.starts_with("Insufficient material for TRANSITION")) {
-            l.kind = "transition-removed";
-            l.detail = "not enough material on either side";
-        } else if (line.starts_with("Insufficient source material")) {
-            l.kind = "gap-added";
-            l.detail = "the clip's media is too short";
-        } else {
-            continue;
-        }
-        std::smatch m;
-        if (std::regex_search(line, m, where)) {
-            l.track = m[1];
-            l.timecode = m[2];
-            std::int64_t frame = 0;
-            if (timecodeToFrame(l.timecode.c_str(), s.ticks, s.dropFrame, frame))
-                l.frame = frame - s.startFrame;
-        }
+        l.sequence = r.sequence.empty() ? s.name : r.sequence.str();
+        l.track = r.track.str();
+        l.timecode = r.timecode.str();
+        l.detail = r.detail.str();
+        l.frame = r.frame;
+        std::int64_t frame = 0;
+        if (l.frame < 0 && !l.timecode.empty() &&
+            timecodeToFrame(l.timecode.c_str(), s.ticks, s.dropFrame, frame))
+            l.frame = frame - s.startFrame;
         out.push_back(std::move(l));
     }
     return out;

@@ -1,8 +1,8 @@
 // The loss report: what did not cross when a document was converted or an
 // edit exported. Three sources feed it: an independent look at the source
-// document for what the readers pass over (SourceScan), the warnings the
-// plug-in writes as it repairs material, and a comparison of the project's
-// edits with what the target format can hold.
+// document for what the readers pass over (SourceScan), the loss records the
+// plug-in's writers emit as they repair material, and a comparison of the
+// project's edits with what the target format can hold.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "app/Timeline.h"
+#include "host/Logger.h"
 
 namespace qvapp {
 
@@ -43,9 +44,10 @@ std::string kindPhrase(const std::string& kind);
 std::vector<Loss> targetLosses(const SequenceInfo& sequence, const std::string& target, bool silent,
                                bool skipOffline);
 
-// The plug-in's warnings of an export, as its log gave them, made into
-// losses of the sequence: clips it shortened, transitions it replaced.
-std::vector<Loss> writerLosses(const SequenceInfo& sequence, const std::vector<std::string>& lines);
+// The losses an export recorded as it wrote (clips it shortened, transitions
+// it replaced), placed on the sequence.
+std::vector<Loss> writerLosses(const SequenceInfo& sequence,
+                               const std::vector<LossRecord>& records);
 
 // One line for standard error: how many losses of which kinds.
 std::string lossSummary(const DocumentLosses& losses);

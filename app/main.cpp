@@ -46,7 +46,8 @@ const char* const kCommonOptions =
     "                    write what cannot be trusted all the same (the exit status says so)\n"
     "  --set KEY=VALUE   set a configuration key or preference (see the user guide):\n"
     "                    enableXml, suppress_FCP7XML_multiclip_group, xml_export_limit_to_6dB,\n"
-    "                    media_scanning_behaviour, \"Import : Suppress relink existing material\"\n"
+    "                    media_scanning_behaviour, xml_legacy_interchange,\n"
+    "                    \"Import : Suppress relink existing material\"\n"
     "  --quiet           say nothing but errors\n"
     "  --verbose         show the whole import and export log\n"
     "  --help            this text\n";
@@ -154,7 +155,8 @@ bool applySetting(const std::string& setting, std::string& error) {
         return true;
     }
     static const char* const known[] = {"enableXml", "suppress_FCP7XML_multiclip_group",
-                                        "xml_export_limit_to_6dB", "media_scanning_behaviour"};
+                                        "xml_export_limit_to_6dB", "media_scanning_behaviour",
+                                        "xml_legacy_interchange"};
     bool isKnown = false;
     for (const char* k : known)
         isKnown |= key == k;

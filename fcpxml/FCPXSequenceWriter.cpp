@@ -107,10 +107,13 @@ void FCPXXMLWriter::warnMaterial(bool transition, CChannel* channel, double t) {
         log.WarningOut("Insufficient material for TRANSITION at track <%s> timecode <%s>\n",
                        channel->name.c_str(), tc.c_str());
         log.WarningOut(" - Transition has been replaced with black/silence\n");
+        log.LossOut(
+            lossAt("transition-removed", channel->name, tc, "not enough material on either side"));
     } else {
         log.WarningOut("Insufficient source material at track <%s> timecode <%s>\n",
                        channel->name.c_str(), tc.c_str());
         log.WarningOut(" - A black/silent segment has been added\n");
+        log.LossOut(lossAt("gap-added", channel->name, tc, "the clip's media is too short"));
     }
 }
 

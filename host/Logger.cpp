@@ -178,6 +178,10 @@ void LoggerHandle::emit(LogKind kind, const LightweightString<char>& text, int t
     state_->sink->line(kind, state_->indent, text, type);
 }
 
+void LoggerHandle::emitLoss(const LossRecord& record) {
+    if (hasSink()) state_->sink->loss(record);
+}
+
 void LoggerHandle::write(const LightweightString<wchar_t>& text, eOutputType type) {
     emit(LogKind::Written, toUTF8(text), type);
 }

@@ -24,6 +24,30 @@ class ProgressReportClient {
 
 enum class LogKind { Info, Warning, Error, Written };
 
+// Something of a document that did not cross, as a record beside the warning
+// that tells a person about it. Readers and writers emit one wherever they
+// pass over, replace or repair material, so that whoever gathers them (the
+// command's loss report) never has to read the words of a warning.
+struct LossRecord {
+    LightweightString<char> kind;      // a stable name: "filter", "clip-shortened", ...
+    LightweightString<char> sequence;  // the sequence it belongs to; empty for none
+    LightweightString<char> track;     // the track, as its format numbers it ("V1", "A2")
+    LightweightString<char> timecode;  // where on the sequence, as a label; empty if unknown
+    long long frame = -1;              // frames from the sequence's start; -1 if unknown
+    LightweightString<char> detail;    // what it was: a clip's name, an effect, a reason
+};
+
+// A loss on a track at a timecode, of the sequence being written or read.
+inline LossRecord lossAt(const char* kind, const LightweightString<char>& track,
+                         const LightweightString<char>& timecode, const char* detail) {
+    LossRecord r;
+    r.kind = kind;
+    r.track = track;
+    r.timecode = timecode;
+    r.detail = detail;
+    return r;
+}
+
 // Where a log's lines go.
 class iLogSink : public iObject {
   public:
@@ -33,6 +57,9 @@ class iLogSink : public iObject {
     virtual void line(LogKind kind, int indent, const LightweightString<char>& text, int type) = 0;
     // Progress of a long run, from 0 to 1.
     virtual void progress(double /*fraction*/) {}
+    // A loss: what did not cross (see LossRecord). Sinks that keep no report
+    // pass it over.
+    virtual void loss(const LossRecord& /*record*/) {}
 };
 
 class LoggerBase : public ProgressReportClient {
@@ -50,9 +77,12 @@ class LoggerBase : public ProgressReportClient {
     void Out(const char* format, ...) __attribute__((format(printf, 2, 3)));
     void WarningOut(const char* format, ...) __attribute__((format(printf, 2, 3)));
     void ErrorOut(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    // Records a loss beside the warning that says it in words.
+    void LossOut(const LossRecord& record) { emitLoss(record); }
 
   protected:
     virtual void emit(LogKind kind, const LightweightString<char>& text, int type) = 0;
+    virtual void emitLoss(const LossRecord& record) = 0;
 };
 
 class LoggerHandle : public LoggerBase {
@@ -69,6 +99,7 @@ class LoggerHandle : public LoggerBase {
 
   protected:
     void emit(LogKind kind, const LightweightString<char>& text, int type) override;
+    void emitLoss(const LossRecord& record) override;
 
   private:
     struct State : Qv::InternalRefCount {
@@ -91,9 +122,11 @@ class CapturingLogSink : public iLogSink {
     void line(LogKind kind, int indent, const LightweightString<char>& text, int type) override {
         lines.push_back({kind, indent, text, type});
     }
+    void loss(const LossRecord& record) override { losses.push_back(record); }
     bool contains(const char* text) const;
     int count(LogKind kind) const;
     std::vector<Line> lines;
+    std::vector<LossRecord> losses;
 };
 
 // Writes to the application's own log and its console, not to any run's log.

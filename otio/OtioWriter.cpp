@@ -399,6 +399,8 @@ std::vector<Entry> Writer::entriesOf(CED2* record, CChannel* channel, const Time
                     log_.WarningOut("Material not in the project. Track <%s> timecode <%s>\n",
                                     channel->name.c_str(), timecodeAt(cel->editIn).c_str());
                     log_.WarningOut(" - It is left out as a gap\n");
+                    log_.LossOut(lossAt("material-missing", channel->name, timecodeAt(cel->editIn),
+                                        "not in the project"));
                 }
                 e.kind = Entry::Black;
             }
@@ -409,6 +411,8 @@ std::vector<Entry> Writer::entriesOf(CED2* record, CChannel* channel, const Time
                 "timecode <%s>\n",
                 channel->name.c_str(), timecodeAt(cel->editIn).c_str());
             log_.WarningOut(" - It starts where the one before ends\n");
+            log_.LossOut(lossAt("clip-shortened", channel->name, timecodeAt(cel->editIn),
+                                "overlapped the item before it; it starts where that one ends"));
             e.in = pos;
         }
         if (e.out < e.in) e.out = e.in;

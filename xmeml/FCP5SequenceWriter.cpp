@@ -146,12 +146,13 @@ void FCP5XMLWriter::printTransition(CED2Cell* cel, CChannel* channel, bool isVid
     leaf(xmlFile, "reverse", wipe && cel->GetWipeDirection() == eWipeReverse ? "TRUE" : "FALSE");
 }
 
-void FCP5XMLWriter::warnBadSegment(const char* what, CChannel* channel, const EditLabel* label,
-                                   double t) {
+void FCP5XMLWriter::warnBadSegment(const char* what, const char* loss, CChannel* channel,
+                                   const EditLabel* label, double t) {
     LightweightString<char> tc = timecodeAt(label, t);
     log.WarningOut("Badly defined segment - %s. Track <%s> timecode <%s>\n", what,
                    channel->name.c_str(), tc.c_str());
     log.WarningOut(" - Bad section replaced with black/silence\n");
+    log.LossOut(lossAt("clip-shortened", channel->name, tc, loss));
 }
 
 void FCP5XMLWriter::printEffectHeader(const char* name, const char* id, const char* category,
@@ -253,6 +254,8 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
                 log.WarningOut("Insufficient material for TRANSITION at track <%s> timecode <%s>\n",
                                channel->name.c_str(), tc.c_str());
                 log.WarningOut(" - Transition has been replaced with black/silence\n");
+                log.LossOut(lossAt("transition-removed", channel->name, tc,
+                                   "not enough material on either side"));
                 insufficient = false;
                 afterBlack = true;
                 continue;
@@ -341,7 +344,9 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
 
         if (seqCelTimeToFrames(offset) < 0) {
             editIn = editIn - offset;
-            warnBadSegment("starts before first frame of clip", channel, label, cel->editIn);
+            warnBadSegment("starts before first frame of clip",
+                           "started before the first frame of its media", channel, label,
+                           cel->editIn);
             offset = 0.0;
         }
 
@@ -350,7 +355,8 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
         if (cookieCelTimeToFrames(lastSource, cel->cookie) >
             cookieCelTimeToFrames(length, cel->cookie)) {
             editOut = editOut - (lastSource - length);
-            warnBadSegment("ends beyond last frame of clip", channel, label, cel->editOut);
+            warnBadSegment("ends beyond last frame of clip", "ran past the last frame of its media",
+                           channel, label, cel->editOut);
         } else {
             afterBlack = false;
         }

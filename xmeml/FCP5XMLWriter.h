@@ -141,7 +141,8 @@ class FCP5XMLWriter : public XMLWriter {
     LightweightString<char> timecodeAt(const EditLabel* label, double t) const;
     // The two warning lines of material cut off at the start or end of its
     // shot: what was wrong, on which track at which timecode.
-    void warnBadSegment(const char* what, CChannel* channel, const EditLabel* label, double t);
+    void warnBadSegment(const char* what, const char* loss, CChannel* channel,
+                        const EditLabel* label, double t);
 
     CED2ClipRefMap map_;
 };
