@@ -248,6 +248,8 @@ int Commands::relink(const Options& o) {
             else if (whyNot.empty())
                 whyNot = inQuotes(c) + ": " + why;
         }
+        if (LightweightString<char> why = takeMediaProbingUnavailable(); !why.empty())
+            std::fprintf(err_, "qvxml: %s\n", why.c_str());
         // The one file of that name is the shot's media, if it is media at
         // all; that it disagrees with the shot is said.
         std::string caveat;

@@ -68,15 +68,24 @@ TEST_F(MediaFiles, FFmpegIsLoadedOnlyToReadMedia) {
 // Without FFmpeg no file is media; that is said once, and the run goes on.
 TEST_F(MediaFiles, WithoutFFmpegNoFileIsMedia) {
     std::string doc = document();
+    std::string snapshot = dir.file("cut.json");
+    ASSERT_EQ(qvxml("import " + quote(doc) + " --snapshot " + quote(snapshot)).status, 0);
     copyMedia();
     ASSERT_EQ(::mkdir(dir.file("no-ffmpeg").c_str(), 0755), 0);
-    Outcome r = qvxml("import " + quote(doc), "QVXML_FFMPEG_DIR=" + quote(dir.file("no-ffmpeg")));
+    const std::string without = "QVXML_FFMPEG_DIR=" + quote(dir.file("no-ffmpeg"));
+    const std::string said = "no media file can be read: FFmpeg's libraries cannot be loaded";
+    Outcome r = qvxml("import " + quote(doc), without);
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(occurrences(r.err, "no media file can be read: FFmpeg's libraries cannot be loaded"),
-              1)
-        << r.err;
+    EXPECT_EQ(occurrences(r.err, said), 1) << r.err;
     EXPECT_EQ(occurrences(r.err, ": not a media file that can be read"), 2) << r.err;
     EXPECT_NE(r.out.find("0 shots imported"), std::string::npos) << r.out;
+
+    Outcome relinked = qvxml(
+        "relink " + quote(snapshot) + " --search " + quote(dir.path()) + " --dry-run", without);
+    EXPECT_EQ(relinked.status, 0) << relinked.err;
+    EXPECT_EQ(occurrences(relinked.err, said), 1) << relinked.err;
+    EXPECT_NE(relinked.out.find("0 would be linked, 2 still offline"), std::string::npos)
+        << relinked.out;
 }
 
 // Named like the media: a pipe with no writer and a link to /dev/zero are
