@@ -49,6 +49,14 @@ bool FCP5XMLReader::getNextTrackItem(int pos, int& clipIndex, int& transIndex, b
     return true;
 }
 
+bool FCP5XMLReader::asTransition(bool fromTransitions, const XMLParser& item) {
+    // The original reading takes any item that holds an alignment, at any
+    // depth, for a transition, whatever list it came from: a clip item that
+    // holds a nested sequence with fades in it among them. By default the
+    // list decides.
+    return legacy() ? present(item, "alignment") : fromTransitions;
+}
+
 void FCP5XMLReader::appendBlack(CChannel* channel, bool isVideo, long long from,
                                 long long to) const {
     CED2Cell* cel = new CED2Cell;
@@ -90,8 +98,7 @@ int FCP5XMLReader::walkTrack(Track& track, bool isVideo, CChannel* channel, doub
             logger.ErrorOut("Empty track component");
             return 0;
         }
-        // Whatever list an item came from, an alignment makes it a transition.
-        if (present(*item.parser, "alignment")) {
+        if (asTransition(p.transition, *item.parser)) {
             addTransition(cursor, item, isVideo, channel);
         } else if (addClip(track, cursor, item, isVideo, channel, seqDuration) != 1) {
             return 0;
@@ -234,7 +241,7 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
     long long sourceEnd;
     if (end == -1) {
         Track::Pick peek = track.next(cursor.pos, cursor.clipIndex, cursor.transIndex, false);
-        if (!peek.found || !present(*track.at(peek).parser, "alignment")) {
+        if (!peek.found || !asTransition(peek.transition, *track.at(peek).parser)) {
             logger.ErrorOut("Invalid component order");
             return 0;
         }
@@ -353,7 +360,8 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
                            true);
         }
     }
-    pendingRefs_.push_back({cel, isVideo, itemName, itemId, lossHere("", start, detail)});
+    if (places_.empty()) places_.push_back(place_);
+    pendingRefs_.push_back({cel, isVideo, itemName, itemId, places_.size() - 1, start});
 
     // Level keyframes, in the clip's source frames, placed on the sequence
     // as fractions of its length.

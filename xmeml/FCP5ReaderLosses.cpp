@@ -248,9 +248,9 @@ void FCP5XMLReader::checkReferences() {
                 why = "its file is not in the document";
             }
         }
-        LossRecord r = p.where;
-        r.kind = kind;
-        r.detail += LightweightString<char>(": " + why);
+        place_ = places_[p.place];
+        LossRecord r = lossHere(
+            kind, p.frame, fcp5read::itemText(p.name, p.id) + LightweightString<char>(": " + why));
         logger.LossOut(r);
         logger.WarningOut(
             "Badly defined clip - name <%s> XML reference <%s>: clip item <%s> of sequence "

@@ -41,6 +41,10 @@ struct FCP5XMLReader::TrackItem {
     bool hasText = false;
     bool generator = false;  // a generator item: it holds its place as black
     int start = 0, end = 0;
+    // Where the walk places the item: its start and end, or for an edge of
+    // -1 the edge of the transition it meets (when that is known).
+    int placedStart = 0, placedEnd = 0;
+    std::size_t order = 0;  // where it stands in the document
 };
 
 // The items of one track, with what the merge by position needs to find the
@@ -73,6 +77,8 @@ struct FCP5XMLReader::Track {
         if (!item.parser) return;
         item.start = fcp5read::intOf(*item.parser, "start", 0);
         item.end = fcp5read::intOf(*item.parser, "end", 0);
+        item.placedStart = item.start;
+        item.placedEnd = item.end;
     }
     static void fill(std::vector<Item>& out, const std::vector<XMLParser::Value>& values) {
         out.resize(values.size());
@@ -143,7 +149,7 @@ struct FCP5XMLReader::Track {
         std::size_t c = nextClip[static_cast<std::size_t>(clipIndex + 1)];
         if (lookPast && !acceptPast) c = pastBuried(c, pos);
         if (c < clips.size()) {
-            if (fcp5read::keyOf(clips[c].start, clips[c].end, pos, clipKey)) {
+            if (fcp5read::keyOf(clips[c].placedStart, clips[c].placedEnd, pos, clipKey)) {
                 clip = {true, false, c};
             } else if (acceptPast) {
                 return {true, false, c};
@@ -158,6 +164,32 @@ struct FCP5XMLReader::Track {
         return clip.found ? clip : trans;
     }
 
+    // A clip that runs into a transition meets the one that stands beside
+    // it in the document: it starts where the transition before it ends, and
+    // ends where the one after it starts.
+    void meetNeighbours() {
+        struct Ref {
+            std::size_t order;
+            bool transition;
+            std::size_t index;
+        };
+        std::vector<Ref> all;
+        for (std::size_t i = 0; i < clips.size(); ++i)
+            if (clips[i].hasText) all.push_back({clips[i].order, false, i});
+        for (std::size_t i = 0; i < transitions.size(); ++i)
+            if (transitions[i].hasText) all.push_back({transitions[i].order, true, i});
+        std::stable_sort(all.begin(), all.end(),
+                         [](const Ref& a, const Ref& b) { return a.order < b.order; });
+        for (std::size_t k = 0; k < all.size(); ++k) {
+            if (all[k].transition) continue;
+            Item& c = clips[all[k].index];
+            if (c.start == -1 && k > 0 && all[k - 1].transition)
+                c.placedStart = transitions[all[k - 1].index].end;
+            if (c.end == -1 && k + 1 < all.size() && all[k + 1].transition)
+                c.placedEnd = transitions[all[k + 1].index].start;
+        }
+    }
+
     // Where the walk may look past a clip that lies wholly under what is
     // placed already (both its ends known and behind), so that the clips
     // after it are still placed. A clip that lies behind stays behind, as
@@ -168,8 +200,8 @@ struct FCP5XMLReader::Track {
     std::size_t pastBuried(std::size_t c, int pos) const {
         std::size_t from = c;
         if (c == buriedFrom) c = buriedTo;
-        while (c < clips.size() && clips[c].start != -1 && clips[c].end != -1 &&
-               clips[c].start < pos && clips[c].end <= pos)
+        while (c < clips.size() && clips[c].placedStart != -1 && clips[c].placedEnd != -1 &&
+               clips[c].placedStart < pos && clips[c].placedEnd <= pos)
             c = nextClip[c + 1];
         if (c != from) {
             buriedFrom = from;

@@ -229,9 +229,12 @@ void FCP5XMLReader::readFile(const XMLParser& fp) {
         // Final Cut Pro's version 1 counts tracks, not channels: a file of
         // two mono streams says 1, and its clips use channel 2. Such a count
         // is the least the file has; its uses say the rest.
-        if (byTracks || (!stated && fp.count("audio") > 0)) facts.audioFromUses = true;
+        // A file that says nothing of its media at all (a newsroom system's
+        // files hold a name, a path and a timecode) has what its uses name.
+        bool silent = fp.count("media") == 0;
+        if (byTracks || (!stated && (fp.count("audio") > 0 || silent))) facts.audioFromUses = true;
         // `<video/>` says there is a picture, and nothing of it.
-        if (!rec->hasVideo && fp.count("video") > 0) facts.videoFromUses = true;
+        if (!rec->hasVideo && (fp.count("video") > 0 || silent)) facts.videoFromUses = true;
     }
     if (LightweightString<char> source = leaf(fp, "mediaSource"); !source.empty())
         facts.mediaSource = source;
@@ -403,10 +406,16 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
             XMLParser empty("", -1);
             const XMLParser& tp = track ? *track : empty;
             std::vector<std::unique_ptr<XMLParser>> clipItems = tp.sections_TopLevel("clipitem");
+            // Where each item stands in the document: one of no content
+            // stands just after the item before it.
+            std::vector<std::size_t> order(clipItems.size(), 0);
+            std::size_t last = 0;
             // An item that carries only its id (JumpCutter writes its sound
             // so) is the item of that id that has content.
             std::vector<XMLParser::Value> bare;
             for (std::size_t i = 0; i < clipItems.size(); ++i) {
+                if (clipItems[i]) last = clipItems[i]->offset();
+                order[i] = last;
                 if (clipItems[i]) continue;
                 if (bare.empty()) bare = tp.getSections_TopLevel("clipitem");
                 LightweightString<char> id;
@@ -431,11 +440,8 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
                         bool generator;
                     };
                     std::vector<Entry> entries;
-                    std::size_t last = 0;
-                    for (std::unique_ptr<XMLParser>& c : clipItems) {
-                        if (c) last = c->offset();
-                        entries.push_back({last, std::move(c), false});
-                    }
+                    for (std::size_t i = 0; i < clipItems.size(); ++i)
+                        entries.push_back({order[i], std::move(clipItems[i]), false});
                     for (std::unique_ptr<XMLParser>& g : tp.sections_TopLevel("generatoritem"))
                         if (g) entries.push_back({g->offset(), std::move(g), true});
                     std::stable_sort(
@@ -443,16 +449,30 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
                         [](const Entry& a, const Entry& b) { return a.offset < b.offset; });
                     clipItems.clear();
                     generator.clear();
+                    order.clear();
                     for (Entry& e : entries) {
                         clipItems.push_back(std::move(e.item));
                         generator.push_back(e.generator);
+                        order.push_back(e.offset);
                     }
                 }
             }
-            auto t = std::make_unique<Track>(std::move(clipItems),
-                                             tp.sections_TopLevel("transitionitem"));
-            for (std::size_t i = 0; i < generator.size(); ++i)
+            std::vector<std::unique_ptr<XMLParser>> transitions =
+                tp.sections_TopLevel("transitionitem");
+            std::vector<std::size_t> transitionOrder;
+            for (const std::unique_ptr<XMLParser>& t : transitions)
+                transitionOrder.push_back(t ? t->offset() : 0);
+            auto t = std::make_unique<Track>(std::move(clipItems), std::move(transitions));
+            for (std::size_t i = 0; i < generator.size(); ++i) {
                 t->clips[i].generator = generator[i];
+                t->clips[i].order = order[i];
+            }
+            for (std::size_t i = 0; i < transitionOrder.size(); ++i)
+                t->transitions[i].order = transitionOrder[i];
+            // The original reading starts a clip that runs into a transition
+            // in whichever transition it passed last, though the document
+            // puts it beside another.
+            if (!legacy()) t->meetNeighbours();
             for (const std::vector<TrackItem>* items : {&t->clips, &t->transitions})
                 for (const TrackItem& item : *items)
                     if (item.hasText)
@@ -512,6 +532,7 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
             logger.Out("Track A%d", ++audioCount);
             place_.track = formatText("A%d", source.number);
         }
+        places_.push_back(place_);
         // Channels carry the document's names of their tracks, so that what
         // is said of them later says which track.
         if (!legacy()) channel->name = place_.track;

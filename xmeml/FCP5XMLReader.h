@@ -128,7 +128,8 @@ class FCP5XMLReader : public XMLReader {
         CED2Cell* cel;
         bool isVideo;
         LightweightString<char> name, id;  // of the clip item
-        LossRecord where;
+        std::size_t place;                 // in places_
+        long long frame;
     };
     // A cel that plays a nested sequence, for the check that no sequence
     // holds itself.
@@ -150,6 +151,8 @@ class FCP5XMLReader : public XMLReader {
                 double seqDuration);
     void addTransition(Cursor& cursor, TrackItem& item, bool isVideo, CChannel* channel);
     void appendBlack(CChannel* channel, bool isVideo, long long from, long long to) const;
+    // Whether an item of a track is read as a transition.
+    bool asTransition(bool fromTransitions, const XMLParser& item);
 
     // The key of the sequence a clip item holds or refers to; empty when the
     // item holds none.
@@ -190,6 +193,7 @@ class FCP5XMLReader : public XMLReader {
     std::unordered_map<std::string, unsigned> clipItemsById_;
     bool clipItemsIndexed_ = false;
     std::vector<PendingRef> pendingRefs_;
+    std::vector<Place> places_;  // of every track walked, for the records made later
     std::vector<PendingBare> pendingBare_;
     std::vector<NestedUse> nestedUses_;
     std::map<std::string, int> passedOver_;

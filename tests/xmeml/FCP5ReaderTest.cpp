@@ -440,6 +440,16 @@ class EditorsXmeml : public qvtest::StoreTest {
         result = XML::XMLImportFiles(files, capturingLog());
         ASSERT_EQ(result.status, 1) << name;
     }
+    // Imports a document given as text.
+    void importText(const std::string& text, bool legacy = false) {
+        qvtest::writeFile(dir.file("doc.xml"), text);
+        if (legacy) set_config_int(XML::kLegacyInterchangeKey, 1);
+        ImportFileList files;
+        files.push_back(
+            Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({dir.wpath() + L"/doc.xml"})));
+        result = XML::XMLImportFiles(files, capturingLog());
+        ASSERT_EQ(result.status, 1);
+    }
     Qv::Ptr<Edit> sequence(const char* name) const {
         for (const EditModifier& m : result.edits)
             if (Qv::Ptr<Edit> e = m.ptr(); e && e->name == fromUTF8(name)) return e;
@@ -470,6 +480,7 @@ class EditorsXmeml : public qvtest::StoreTest {
     }
 
     XML::ImportResult result;
+    qvtest::TempDir dir;
 };
 
 TEST_F(EditorsXmeml, ChannelsAreCountedOverEveryStreamOfAFile) {
@@ -683,6 +694,70 @@ TEST_F(EditorsXmeml, AMasterClipBringsItsLog) {
     ScopedCurrentStore scope(other);
     import("master_clip_log.xml", true);
     EXPECT_TRUE(other.edits().front()->getConfig("scene").empty());
+}
+
+// A clip that runs into a transition meets the transition beside it in the
+// document: not the last one the track passed (a dissolve that ends a clip
+// with nothing after it, as Final Cut Pro's version 1 writes), not one that
+// leads into a generator, and not a fade inside a sequence the clip item
+// holds.
+TEST_F(EditorsXmeml, ClipsMeetTheTransitionsBesideThem) {
+    std::string file =
+        "<file id=\"f\"><name>f.mov</name><rate><timebase>25</timebase></rate>"
+        "<duration>1000</duration><media><video><duration>1000</duration></video></media></file>";
+    auto clip = [](const char* id, int start, int end, const std::string& inside) {
+        return std::string("<clipitem id=\"") + id + "\"><name>" + id +
+               "</name><rate><timebase>25</timebase></rate><start>" + std::to_string(start) +
+               "</start><end>" + std::to_string(end) + "</end><in>100</in><out>200</out>" + inside +
+               "</clipitem>";
+    };
+    auto fade = [](int start, int end, const char* alignment) {
+        return "<transitionitem><start>" + std::to_string(start) + "</start><end>" +
+               std::to_string(end) + "</end><alignment>" + alignment +
+               "</alignment><effect><effectcategory>Dissolve</effectcategory>"
+               "<effecttype>transition</effecttype></effect></transitionitem>";
+    };
+    std::string nested =
+        "<sequence id=\"inner\"><name>Inner</name><duration>50</duration>"
+        "<rate><timebase>25</timebase></rate><media><video><track>" +
+        fade(0, 10, "start-black") + clip("inner-1", -1, 50, "<file id=\"f\"/>") +
+        "</track></video></media></sequence>";
+    std::string doc =
+        "<xmeml version=\"4\"><sequence><name>Cut</name><duration>400</duration>"
+        "<rate><timebase>25</timebase></rate><media><video><track>" +
+        clip("a", 0, -1, file) + fade(40, 50, "center") + fade(100, 110, "start-black") +
+        clip("b", -1, -1, "<file id=\"f\"/>") + fade(150, 160, "end-black") +
+        fade(200, 210, "start-black") +
+        "<generatoritem id=\"g\"><name>Matte</name><start>-1</start><end>240</end>"
+        "</generatoritem>" +
+        fade(300, 310, "start-black") + clip("c", -1, -1, "<file id=\"f\"/>") +
+        fade(340, 350, "end-black") + clip("d", 360, 380, nested) +
+        "</track></video></media></sequence></xmeml>";
+
+    importText(doc);
+    Qv::Ptr<Edit> seq = sequence("Cut");
+    EXPECT_TRUE(shotOf(at(seq, 0, 120)));
+    EXPECT_NEAR(at(seq, 0, 120).editIn * 25, 110, 1e-6) << "b starts in its own fade";
+    EXPECT_EQ(at(seq, 0, 70).cookie, video_black);
+    EXPECT_EQ(at(seq, 0, 220).cookie, video_black) << "the generator holds its place";
+    EXPECT_TRUE(shotOf(at(seq, 0, 320)));
+    EXPECT_NEAR(at(seq, 0, 320).editIn * 25, 310, 1e-6) << "c starts in its own fade";
+    EXPECT_TRUE(at(seq, 0, 370).cookie.sameIdentity(sequence("Inner")->cookie))
+        << "a clip item holding a fade inside its sequence is no transition";
+
+    // The original reading takes b for the clip of the dissolve at 40 and c
+    // for that of b's fade, passes the generator over, and takes the clip
+    // item that holds a fade for a transition.
+    resetConfiguration();
+    EditStore other;
+    ScopedCurrentStore scope(other);
+    importText(doc, true);
+    seq = sequence("Cut");
+    EXPECT_NEAR(at(seq, 0, 60).editIn * 25, 50, 1e-6);
+    EXPECT_TRUE(shotOf(at(seq, 0, 60)));
+    EXPECT_TRUE(shotOf(at(seq, 0, 120)));
+    EXPECT_EQ(at(seq, 0, 320).cookie, video_black);
+    EXPECT_EQ(at(seq, 0, 370).cookie, video_dissolve);
 }
 
 }  // namespace
