@@ -28,6 +28,11 @@ const KindText kKinds[] = {
     {"transition-as-dissolve", "transitions of other kinds read as dissolves"},
     {"unusable-file", "clips of files without a length played as black"},
     {"image-sequence", "image sequences played as black"},
+    {"file-missing", "clips whose media the document does not describe, played as black"},
+    {"channel-missing", "clips of sound channels their file does not have, played as silence"},
+    {"bare-reference", "clip items that only name another by id, not read"},
+    {"clip-not-placed", "clips under the clip before them on their track, not played"},
+    {"cut-off", "clips past the sequence's stated length, cut off"},
     // What the plug-in repairs as it writes.
     {"clip-shortened", "clips shortened to fit their media"},
     {"transition-removed", "transitions without enough material, replaced"},
