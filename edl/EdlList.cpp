@@ -742,7 +742,8 @@ std::string formatList(const List& list, const WriteStyle& style) {
         for (const std::string& note : ev.notes)
             out += "* " + note + eol;
         for (const Locator& loc : ev.locators)
-            out += "* LOC: " + loc.at.text() + " " + padded(loc.colour, 7) + " " + loc.text + eol;
+            out += "* LOC: " + loc.at.text() + " " +
+                   (loc.text.empty() ? loc.colour : padded(loc.colour, 7) + " " + loc.text) + eol;
     }
     return out;
 }
