@@ -139,6 +139,35 @@ TEST_F(EdlCommand, TheLossReportHoldsWhatTheListReaderAndWriterRecorded) {
                                                "reel-shortened/writer"}));
 }
 
+TEST_F(EdlCommand, OfflineSourcesOfAListAreRelinkedByTheirNames) {
+    // Avid names a source without its extension.
+    std::string path = list("avid.edl",
+                            "TITLE: Avid\r\n"
+                            "001  A192C008_R1 V     C        10:00:00:00 10:00:00:10 01:00:00:00 "
+                            "01:00:00:10\r\n"
+                            "*FROM CLIP NAME:  V1A-6A\r\n"
+                            "*SOURCE FILE: A192C008_R1\r\n");
+    std::string snapshot = dir.file("avid.json");
+    Outcome imported = qvxml("import " + quote(path) + " --snapshot " + quote(snapshot));
+    ASSERT_EQ(imported.status, 0) << imported.err;
+    EXPECT_NE(imported.out.find("1 offline"), std::string::npos) << imported.out;
+    qvtest::TempDir footage;
+    qvtest::writeFile(
+        footage.file("A192C008_R1.mov"),
+        qvtest::readFile(std::string(QVXML_SOURCE_DIR) + "/examples/native/interview.mov"));
+    Outcome relinked = qvxml("relink " + quote(snapshot) + " --search " + quote(footage.path()));
+    EXPECT_EQ(relinked.status, 0) << relinked.err;
+    EXPECT_NE(relinked.out.find("linked \"V1A-6A\" to " + footage.file("A192C008_R1.mov")),
+              std::string::npos)
+        << relinked.out;
+
+    // Read beside its media, the same list finds it at once.
+    qvtest::writeFile(footage.file("avid.edl"), qvtest::readFile(path));
+    Outcome found = qvxml("info --media " + quote(footage.file("avid.edl")));
+    EXPECT_EQ(found.status, 0) << found.err;
+    EXPECT_NE(found.out.find("1 file: 1 imported"), std::string::npos) << found.out;
+}
+
 TEST_F(EdlCommand, WhatIsNoListIsSaidInOneSentence) {
     Outcome empty = qvxml("import " + quote(list("empty.edl", "TITLE: nothing here\r\n")));
     EXPECT_EQ(empty.status, 3);
