@@ -726,13 +726,20 @@ void EdlReader::Builder::buildChannel(CED2* record, int channel) {
     Piece gap;
     gap.kind = Piece::Black;
     std::int64_t cursor = 0;
-    // An event written twice over (Premiere writes some so) plays once.
-    std::set<std::tuple<std::int64_t, std::int64_t, int, int, double, double, int, bool>> seen;
+    // An event written twice over (Premiere writes some so) plays once. The
+    // pieces are in record order, so a piece said again starts where it did.
+    using Signature = std::tuple<std::int64_t, int, int, double, double, int, bool>;
+    std::vector<Signature> here;  // the pieces that start at `hereAt`
+    std::int64_t hereAt = std::numeric_limits<std::int64_t>::min();
     for (const Piece& p : pieces) {
-        if (!seen.emplace(p.start, p.end, static_cast<int>(p.kind), p.shot, p.source, p.speed,
-                          p.wipeCode, p.wipeReverse)
-                 .second)
-            continue;
+        if (p.start != hereAt) {
+            here.clear();
+            hereAt = p.start;
+        }
+        Signature sig{p.end,        static_cast<int>(p.kind), p.shot, p.source, p.speed, p.wipeCode,
+                      p.wipeReverse};
+        if (std::find(here.begin(), here.end(), sig) != here.end()) continue;
+        here.push_back(sig);
         if (p.kind == Piece::From) {
             // The outgoing source of a transition. When the cel before plays
             // it on from there, that cel is it; otherwise (a gap, another
@@ -904,6 +911,8 @@ XML::ImportResult importEdlFile(const LightweightString<wchar_t>& path, const Re
         return result;
     }
     List list = parseList(bytes);
+    // The text is its events now.
+    std::string().swap(bytes);
     if (list.events.empty()) {
         error = "it holds no event that can be read";
         result.status = XML::kStatusUnknown;
