@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 namespace QvEdl {
 
@@ -237,7 +238,8 @@ class Parser {
     Event* current_ = nullptr;
     std::vector<Speed> speeds_;
     Channels aud_ = 0;
-    bool inTable_ = false;  // after a ">>> SOURCE" line
+    bool inTable_ = false;    // after a ">>> SOURCE" line
+    bool splitNext_ = false;  // a SPLIT line stands before the next event
 };
 
 List Parser::run(std::string_view bytes) {
@@ -363,9 +365,9 @@ void Parser::line(std::string_view raw, int number) {
         inTable_ = true;
         return;
     }
-    if (startsWithWord(text, "SPLIT:") && current_) {
-        current_->split = true;
-        current_->notes.emplace_back(text);
+    if (startsWithWord(text, "SPLIT:")) {
+        // A split stands before the event it splits.
+        splitNext_ = true;
         problem(number, quoted(text) + ": the split is not kept; the event is read as one cut",
                 "split-edit");
         return;
@@ -437,6 +439,7 @@ bool Parser::event(std::string_view text, int number) {
     sawEvent_ = true;
     list_.events.emplace_back();
     current_ = &list_.events.back();
+    current_->split = std::exchange(splitNext_, false);
     current_->line = number;
     current_->number = std::move(eventNumber);
     current_->edits.push_back(std::move(e));

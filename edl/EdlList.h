@@ -80,7 +80,7 @@ struct Event {
     std::vector<EditLine> edits;  // one, or two for a transition
     std::vector<std::string> notes;
     std::vector<Locator> locators;
-    bool split = false;  // a SPLIT line: audio and picture cut apart
+    bool split = false;  // a SPLIT line before it: audio and picture cut apart
 };
 
 // A line passed over or read in a way to be told. `kind` names the loss it

@@ -151,16 +151,18 @@ TEST(EdlList, WhatCannotBeReadIsSaidAndLeftOut) {
         "M2   A   fast  01:00:00:00\n"
         "004  A  V  C  01:00:00:00 01:00:01:00 01:00:00:00 01:00:01:00\n"
         "M2   A   fast  01:00:00:00\n"
-        "SPLIT:     AUDIO DELAY=  00:00:00:05\n");
-    ASSERT_EQ(list.events.size(), 1u);
+        "SPLIT:     AUDIO DELAY=  00:00:00:05\n"
+        "005  A  B  C  01:00:00:00 01:00:01:00 01:00:01:00 01:00:02:00\n");
+    ASSERT_EQ(list.events.size(), 2u);
     EXPECT_EQ(list.events[0].number, "004");
+    EXPECT_FALSE(list.events[0].split);
     EXPECT_TRUE(hasProblem(list, 2, "unreadable-event"));  // 61 seconds
     EXPECT_TRUE(hasProblem(list, 3, "unreadable-event"));  // no channel Q
     EXPECT_TRUE(hasProblem(list, 4, "unreadable-event"));  // two timecodes
     EXPECT_TRUE(hasProblem(list, 5));                      // a speed with no event
     EXPECT_TRUE(hasProblem(list, 7, "unreadable-speed"));
     EXPECT_TRUE(hasProblem(list, 8, "split-edit"));
-    EXPECT_TRUE(list.events[0].split);
+    EXPECT_TRUE(list.events[1].split);
 }
 
 TEST(EdlList, LatinOneIsReadWhenTheTextIsNotUtf8) {
