@@ -50,6 +50,24 @@ TEST_F(EdlCorpus, EveryListReadsAsAnIndependentReadingSays) {
     }
 }
 
+// A list of every kind of event, written for the tests (drop frame, a
+// dissolve from black on four audio channels, a reverse wipe at reverse
+// speed, a freeze across a minute, a locator): as the independent reading
+// says, at its rate and at 25, and a fixpoint after one crossing.
+TEST(EdlData, EveryKindOfEventReadsAsAnIndependentReadingSays) {
+    if (!qvedl::havePython()) GTEST_SKIP() << "no Python 3 for the independent reading";
+    std::string file = std::string(QVXML_TEST_DATA) + "/edl/kinds.edl";
+    for (Qv::FrameRate rate : {Qv::eFrameRate29_97, Qv::eFrameRate25}) {
+        EditStore project;
+        ScopedCurrentStore scope(project);
+        XML::ImportResult r = qvedl::readFile(file, rate);
+        ASSERT_EQ(r.edits.size(), 1u);
+        EXPECT_TRUE(qvedl::sameReading(qvedl::pythonReading(file, rate),
+                                       qvedl::storeReading(r.edits[0].ptr())));
+        EXPECT_EQ(qvedl::track(r.edits[0].ptr(), "A4")->cels.size(), 2u);
+    }
+}
+
 // What each list holds, counted by hand from the files: a reading that drops
 // or doubles events would still agree with itself.
 TEST_F(EdlCorpus, TheListsHoldWhatTheirEditorsWrote) {
