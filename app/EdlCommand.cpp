@@ -75,7 +75,7 @@ int Commands::rateOfList(const std::string& input) {
     std::fprintf(out_, "%s\n", narrowText(Qv::getPlainString(rate)).c_str());
     std::fflush(out_);
     if (!Qv::isKnownFrameRate(listRate_))
-        log().WarningOut("%s does not say its rate: %s (--rate says otherwise)", input.c_str(),
+        log().WarningOut("%s does not say its rate: %s; --rate gives another", input.c_str(),
                          how.c_str());
     return kExitOK;
 }

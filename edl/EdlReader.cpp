@@ -243,7 +243,7 @@ void EdlReader::Builder::decideRate() {
     std::string rateText = toUTF8(Qv::getPlainString(rate_)).str();
     if (!told)
         warn("the list does not say its rate: it is read at " + rateText + " fps, as " + how +
-             " (--rate says otherwise)");
+             "; --rate gives another");
     else
         r_.logger.Out("List rate %s fps (%s)", rateText.c_str(), how.c_str());
     if (list_.anyDrop && !dropCounts_)
@@ -589,17 +589,18 @@ void EdlReader::Builder::resolveMedia() {
             shot->originLocator = locator;
             shot->originLocatorSet = true;
         }
+        // The picture, when the list plays it, and the sound channels up to
+        // the highest it plays: the list's channel n is the shot's n-th.
         int audio = 0;
-        for (int c = 0; c < 32; ++c) {
-            if (!(s.channels & (Channels(1) << c))) continue;
+        for (int c = 31; c > 0 && audio == 0; --c)
+            if (s.channels & (Channels(1) << c)) audio = c;
+        for (int c = 0; c <= audio; ++c) {
+            if (c == 0 && !(s.channels & kVideo)) continue;
             EditChanType type = c == 0 ? kChanVideo : kChanAudio;
             CChannel* ch = shot->CreateEditChannel(static_cast<unsigned>(c), type);
             ch->name = trackName(c).c_str();
             ch->cels.append(new CED2Cell);
-            if (c == 0)
-                shot->hasVideo = true;
-            else
-                audio = c;
+            if (c == 0) shot->hasVideo = true;
         }
         shot->audioChannelCount = audio;
         r_.shotList.append(shot);

@@ -150,6 +150,12 @@ TEST_F(EdlCorpus, CorpusListsAreAFixpointAfterOneCrossing) {
         XML::ImportResult r = qvedl::readFile(corpus() + "/edl/" + name, rate);
         ASSERT_EQ(r.edits.size(), 1u);
         expectFixpoint(r.edits[0].ptr(), {}, name);
+        // A list holds what was read from a list: only the reels of the
+        // auxiliary sources are written as AX, which they were.
+        Qv::Ptr<CapturingLogSink> sink(new CapturingLogSink);
+        qvedl::write(r.edits[0]->cookie, {}, LoggerHandle(Qv::Ptr<iLogSink>(sink)));
+        for (const LossRecord& l : sink->losses)
+            EXPECT_EQ(l.kind, "reel-invented") << name << ": " << l.detail.str();
     }
 }
 
