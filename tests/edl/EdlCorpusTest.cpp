@@ -185,6 +185,7 @@ TEST_F(EdlCorpus, EveryXmemlDocumentsFirstVideoTrackIsAFixpoint) {
             ++sequences;
         }
     }
+    RecordProperty("sequences", sequences);
     EXPECT_GT(sequences, 40);
 }
 
