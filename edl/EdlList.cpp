@@ -326,7 +326,8 @@ void Parser::line(std::string_view raw, int number) {
         std::string speed = t.size() >= 3 ? std::string(t[t.size() - 2]) : std::string();
         double fps = std::strtod(speed.c_str(), &end);
         if (!current_ || t.size() < 3 || !parseTimecode(t.back(), drop_, s.entry) ||
-            end != speed.c_str() + speed.size() || speed.empty() || !std::isfinite(fps)) {
+            end != speed.c_str() + speed.size() || speed.empty() || !std::isfinite(fps) ||
+            std::fabs(fps) > 100000) {
             if (current_)
                 problem(number, quoted(text) + " is a speed that cannot be read; it is passed over",
                         "unreadable-speed");

@@ -5,8 +5,6 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
-#include <map>
-#include <set>
 #include <tuple>
 #include <unordered_map>
 #include <unordered_set>
@@ -122,7 +120,6 @@ struct EdlReader::Piece {
     bool wipe = false;  // Transition
     int wipeCode = -1;
     bool wipeReverse = false;
-    std::size_t order = 0;
     int event = 0;  // the index of its event
 };
 
@@ -153,10 +150,7 @@ class EdlReader::Builder {
     bool recordOf(const EditLine& e, std::size_t event, std::int64_t& in, std::int64_t& out);
     void addCut(const EditLine& e, std::size_t event);
     void addTransition(const EditLine* from, const EditLine& to, std::size_t event);
-    void push(int channel, Piece p) {
-        p.order = order_++;
-        pieces_[static_cast<std::size_t>(channel)].push_back(p);
-    }
+    void push(int channel, Piece p) { pieces_[static_cast<std::size_t>(channel)].push_back(p); }
     void coverShots();
     void resolveMedia();
     LightweightString<wchar_t> locatorOf(const Shot& s);
@@ -187,7 +181,6 @@ class EdlReader::Builder {
     std::vector<Shot> shots_;
     std::unordered_map<std::string, int> shotByKey_;
     std::vector<std::vector<Piece>> pieces_ = std::vector<std::vector<Piece>>(32);
-    std::size_t order_ = 0;
     std::vector<Ced2Cue> cues_;
     std::unordered_map<std::string, std::string> sourceTable_;
     std::unordered_set<int> toldFrames_;

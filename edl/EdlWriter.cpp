@@ -363,7 +363,11 @@ std::vector<Piece> Writer::piecesOf(const Track& track) {
     if (!video && (channel->hasTrackLevels || !channel->levels.isEmpty()))
         loss("track-levels", track.name, -1, "the track's level automation is not written");
     auto frames = [&](double cel) {
-        return static_cast<std::int64_t>(std::floor(cel * ticks_ + 0.5));
+        // A place past a trillion frames is no place a list can name; it is kept
+        // where sums of places cannot overflow.
+        constexpr std::int64_t kFar = std::int64_t(1) << 40;
+        return std::clamp<std::int64_t>(truncateToInt64(std::floor(cel * ticks_ + 0.5)), -kFar,
+                                        kFar);
     };
     std::int64_t pos = 0;
     for (CED2Cell* cel : each<CED2Cell>(channel->cels)) {
@@ -441,8 +445,8 @@ EditLine Writer::editOf(const Piece& p, Channels channels) const {
     double used =
         p.speed == 0 ? 1 : std::floor(std::fabs(p.speed) * static_cast<double>(length) + 0.5);
     if (length == 0) used = 0;
-    e.sourceIn = Timecode::fromFrames(static_cast<std::int64_t>(first), ticks_, drop_);
-    e.sourceOut = Timecode::fromFrames(static_cast<std::int64_t>(first + used), ticks_, drop_);
+    e.sourceIn = Timecode::fromFrames(truncateToInt64(first), ticks_, drop_);
+    e.sourceOut = Timecode::fromFrames(truncateToInt64(first + used), ticks_, drop_);
     e.recordIn = Timecode::fromFrames(start_ + p.start, ticks_, drop_);
     e.recordOut = Timecode::fromFrames(start_ + p.end, ticks_, drop_);
     if (p.speed != 1) {
@@ -629,7 +633,9 @@ bool Writer::listOf(const std::vector<Track>& tracks, const std::string& suffix,
 
     if (markers) {
         for (const Ced2Cue& cue : top_->cues) {
-            std::int64_t frame = static_cast<std::int64_t>(std::floor(cue.in * ticks_ + 0.5));
+            std::int64_t frame =
+                std::clamp<std::int64_t>(truncateToInt64(std::floor(cue.in * ticks_ + 0.5)),
+                                         -(std::int64_t(1) << 40), std::int64_t(1) << 40);
             const AvidColour& colour = nearestColour(cue.colour);
             std::string text = oneLine(toUTF8(cue.name).str());
             std::string comment = oneLine(toUTF8(cue.comment).str());
