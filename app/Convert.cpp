@@ -77,7 +77,9 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
     mapImportedLocators({});
     losses.read = true;
     std::string format = documentFormat(input);
-    losses.items = scanSource(input, format);
+    // What the list reader passed over it recorded as it read.
+    losses.items = format == "edl" ? recordedLosses(console_->takeLosses(), "reader")
+                                   : scanSource(input, format);
 
     std::vector<Qv::Ptr<Edit>> toWrite = made;
     if (toWrite.empty())
@@ -117,7 +119,11 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
             if (result == kExitOK) result = exported;
             continue;
         }
-        losses.outputs.push_back(stems[i] + extension);
+        if (flavour.edl)
+            for (std::string& name : takeListNames())
+                losses.outputs.push_back(std::move(name));
+        else
+            losses.outputs.push_back(stems[i] + extension);
         if (e->isShot()) continue;
         DocumentInfo info = describe({e}, {}, input, format);
         if (info.sequences.empty()) continue;
@@ -144,6 +150,7 @@ Commands Commands::jobOf(const Options& o, std::FILE* out, std::FILE* err) {
     job.setStreams(out, err);
     job.run_ = run_;
     job.usedDir_ = usedDir_;
+    job.listRate_ = listRate_;
     return job;
 }
 
@@ -199,7 +206,10 @@ int Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour
     losses.read = true;
     losses.input = input;
     losses.target = flavour.name;
-    losses.outputs.push_back(fileName);
+    if (flavour.edl)
+        losses.outputs = takeListNames();
+    else
+        losses.outputs.push_back(fileName);
     std::vector<LossRecord> records = console_->takeLosses();
     if (!edit->isShot()) {
         DocumentInfo info = describe({edit}, identitiesOf(EditStore::current()), input, "snapshot");

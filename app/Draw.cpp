@@ -287,7 +287,8 @@ int Commands::draw(const Options& o) {
 
     std::string content;
     if (html) {
-        content = page(d, scanSource(input, d.format));
+        content = page(d, d.format == "edl" ? recordedLosses(console_->takeLosses(), "reader")
+                                            : scanSource(input, d.format));
     } else {
         // The sequences one below the other, in one picture.
         double y = 0;

@@ -49,6 +49,10 @@ std::vector<Loss> targetLosses(const SequenceInfo& sequence, const std::string& 
 std::vector<Loss> writerLosses(const SequenceInfo& sequence,
                                const std::vector<LossRecord>& records);
 
+// Losses recorded as they came (by the edit decision list reader, say), as
+// they stand, with the origin given.
+std::vector<Loss> recordedLosses(const std::vector<LossRecord>& records, const char* origin);
+
 // One line for standard error: how many losses of which kinds.
 std::string lossSummary(const DocumentLosses& losses);
 
