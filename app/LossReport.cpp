@@ -68,6 +68,7 @@ const KindText kKinds[] = {
     {"track-levels", "track level automation not written"},
     {"audio-patch", "audio clips that play another channel than their track's"},
     {"nested-left-out", "uses of nested sequences left out as gaps"},
+    {"nested-flat", "uses of nested sequences written as what they play"},
     {"transition-through-black", "transitions in a row written through black"},
     {"video-track-apart", "video tracks written to lists of their own"},
     {"track-left-out", "tracks not written"},

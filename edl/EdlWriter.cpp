@@ -139,6 +139,10 @@ class Writer {
     bool simpleSubclip(CED2* ghost, unsigned channel, CED2*& shot, double& offset,
                        unsigned char& played) const;
     static int audioOrdinal(const CED2* shot, unsigned index);
+    std::int64_t frames(double cel) const;
+    bool materialOf(const Track& track, const CED2Cell* cel, double into, double speed, Piece& p);
+    void flatten(const Track& track, CED2* nest, unsigned char played, std::int64_t from,
+                 std::int64_t to, double nestIn, double speed, int depth, std::vector<Piece>& out);
     std::vector<Piece> piecesOf(const Track& track);
     void eventsOf(const Track& track, std::vector<Out>& out);
     EditLine editOf(const Piece& p, Channels channels) const;
@@ -356,19 +360,170 @@ int Writer::audioOrdinal(const CED2* shot, unsigned index) {
     return static_cast<int>(index);
 }
 
+std::int64_t Writer::frames(double cel) const {
+    // A place past a trillion frames is no place a list can name; it is kept
+    // where sums of places cannot overflow.
+    constexpr std::int64_t kFar = std::int64_t(1) << 40;
+    return std::clamp<std::int64_t>(truncateToInt64(std::floor(cel * ticks_ + 0.5)), -kFar, kFar);
+}
+
+// A cel that plays material, from the record frame `p.start` on; `into` is
+// how far past the cel's own start (in its edit's seconds) that frame lies,
+// and `speed` the speed of any nest it is played through. Sets the piece's
+// source and says what the list cannot hold of it; false when the cel's
+// material is an edit of its own (a nest), which the caller flattens.
+bool Writer::materialOf(const Track& track, const CED2Cell* cel, double into, double speed,
+                        Piece& p) {
+    bool video = track.channel->chanType == kChanVideo;
+    CED2* source = find(cel->cookie);
+    CED2* shot = nullptr;
+    double offset = 0;
+    unsigned char played = cel->cookie.channel;
+    if (source && isShotRecord(source)) {
+        shot = source;
+    } else if (source && !source->excludedFromExport &&
+               simpleSubclip(source, cel->cookie.channel, shot, offset, played)) {
+        p.clipName = toUTF8(source->get_editName()).str();
+    } else if (source && !source->excludedFromExport) {
+        return false;
+    } else if (!source && cel->cookie.isValid()) {
+        loss("material-missing", track.name, p.start, "not in the project: left out as a gap");
+    }
+    if (shot && shot->excludedFromExport) shot = nullptr;
+    if (!shot) return true;
+    p.kind = Piece::Material;
+    p.shot = shot;
+    if (p.clipName.empty()) p.clipName = toUTF8(shot->get_editName()).str();
+    p.speed = static_cast<double>(cel->speed) * speed;
+    if (!std::isfinite(p.speed)) p.speed = 1;
+    double sourceIn = cel->sourceIn + into * static_cast<double>(cel->speed);
+    p.source = originOf(shot) + (offset + sourceIn) * ticks_;
+    if (!cel->alternates.empty())
+        loss("multi-angle-flat", track.name, p.start,
+             p.clipName + ": the angle it plays is written alone");
+    if (!video && (cel->level != 1.0f || cel->levelEnd != 1.0f))
+        loss("cel-level", track.name, p.start, p.clipName + ": its level is not written");
+    // A list plays a source's sound channel n on track An.
+    int ordinal = audioOrdinal(shot, played);
+    if (!video && ordinal != track.number)
+        loss("audio-patch", track.name, p.start,
+             p.clipName + ": plays its sound channel " + std::to_string(ordinal) +
+                 ", which a list gives as " + std::to_string(track.number));
+    return true;
+}
+
+// What a nest shows from record frame `from` to `to`, as pieces: a list
+// holds sources, not edits, so a nested sequence is written as the picture
+// it plays (at each moment its topmost video channel with material there)
+// or as the sound channel the cel plays. `nestIn` is where in the nest
+// (seconds) the record frame `from` lies; `speed` how fast the nest plays.
+void Writer::flatten(const Track& track, CED2* nest, unsigned char played, std::int64_t from,
+                     std::int64_t to, double nestIn, double speed, int depth,
+                     std::vector<Piece>& out) {
+    auto black = [&](std::int64_t a, std::int64_t b) {
+        if (b <= a) return;
+        Piece p;
+        p.start = a;
+        p.end = b;
+        out.push_back(p);
+    };
+    const std::string name = toUTF8(nest->get_editName()).str();
+    if (depth > 16 || !(speed > 0) || !std::isfinite(speed)) {
+        loss("nested-left-out", track.name, from,
+             "\"" + name + "\"" +
+                 (depth > 16 ? " is nested too deeply" : " plays still or in reverse") +
+                 ", which a list cannot hold: left out as a gap");
+        black(from, to);
+        return;
+    }
+    bool video = track.channel->chanType == kChanVideo;
+    std::vector<const CChannel*> layers;  // top first
+    for (CChannel* ch : each<CChannel>(nest->channels))
+        if (video && ch->chanType == kChanVideo) layers.push_back(ch);
+    if (!video) {
+        for (CChannel* ch : each<CChannel>(nest->channels))
+            if (ch->chanType == kChanAudio && ch->index == played) layers.push_back(ch);
+        if (layers.empty())
+            loss("nested-left-out", track.name, from,
+                 "\"" + name + "\" has no sound channel " + std::to_string(played) +
+                     ": left out as a gap");
+    }
+    // The record frame of a place in the nest, and back.
+    auto recordOf = [&](double t) { return from + frames((t - nestIn) / speed); };
+    const double nestOut = nestIn + static_cast<double>(to - from) / ticks_ * speed;
+
+    // Fills [a, b) of the nest (seconds) from layer k down.
+    auto fill = [&](auto&& self, std::size_t k, double a, double b) -> void {
+        if (recordOf(b) <= recordOf(a)) return;
+        if (k >= layers.size()) {
+            black(recordOf(a), recordOf(b));
+            return;
+        }
+        std::vector<const CED2Cell*> cels;
+        for (CED2Cell* c : each<CED2Cell>(layers[k]->cels))
+            cels.push_back(c);
+        double at = a;
+        for (std::size_t i = 0; i < cels.size() && at < b; ++i) {
+            const CED2Cell* c = cels[i];
+            double x = std::max(at, c->editIn), y = std::min(b, c->editOut);
+            if (y <= x) continue;
+            if (x > at) self(self, k + 1, at, x);  // nothing on this layer here
+            at = y;
+            bool empty = !c->cookie.isValid() || c->cookie.isBlack();
+            if (empty) {
+                self(self, k + 1, x, y);
+                continue;
+            }
+            Piece p;
+            p.start = recordOf(x);
+            p.end = recordOf(y);
+            if (p.end <= p.start) continue;
+            const CED2Cell* played = c;
+            double into = x - c->editIn;
+            if (c->cookie.isMagic()) {
+                if (x == c->editIn && y == c->editOut) {
+                    p.kind = Piece::Transition;
+                    p.wipe = video && c->GetSMPTEWipeCode() >= 0;
+                    p.wipeCode = c->GetSMPTEWipeCode();
+                    p.wipeReverse = c->GetWipeDirection() == eWipeReverse;
+                    out.push_back(p);
+                    continue;
+                }
+                // Part of a transition: the clip it leads into plays on, from
+                // under the transition, or the one it leads out of.
+                const CED2Cell* next = i + 1 < cels.size() ? cels[i + 1] : nullptr;
+                const CED2Cell* prev = i > 0 ? cels[i - 1] : nullptr;
+                if (x > c->editIn && next && !next->cookie.isMagic()) {
+                    played = next;
+                    into = x - next->editIn;
+                } else if (prev && !prev->cookie.isMagic()) {
+                    played = prev;
+                    into = x - prev->editIn;
+                } else {
+                    self(self, k + 1, x, y);
+                    continue;
+                }
+            }
+            if (!materialOf(track, played, into, speed, p)) {
+                CED2* inner = find(played->cookie);
+                flatten(track, inner, played->cookie.channel, p.start, p.end,
+                        played->sourceIn + into * static_cast<double>(played->speed),
+                        speed * static_cast<double>(played->speed), depth + 1, out);
+                continue;
+            }
+            out.push_back(p);
+        }
+        if (at < b) self(self, k + 1, at, b);
+    };
+    fill(fill, 0, nestIn, nestOut);
+}
+
 std::vector<Piece> Writer::piecesOf(const Track& track) {
     std::vector<Piece> out;
     CChannel* channel = track.channel;
     bool video = channel->chanType == kChanVideo;
     if (!video && (channel->hasTrackLevels || !channel->levels.isEmpty()))
         loss("track-levels", track.name, -1, "the track's level automation is not written");
-    auto frames = [&](double cel) {
-        // A place past a trillion frames is no place a list can name; it is kept
-        // where sums of places cannot overflow.
-        constexpr std::int64_t kFar = std::int64_t(1) << 40;
-        return std::clamp<std::int64_t>(truncateToInt64(std::floor(cel * ticks_ + 0.5)), -kFar,
-                                        kFar);
-    };
     std::int64_t pos = 0;
     for (CED2Cell* cel : each<CED2Cell>(channel->cels)) {
         Piece p;
@@ -389,45 +544,16 @@ std::vector<Piece> Writer::piecesOf(const Track& track) {
                 p.wipeCode = cel->GetSMPTEWipeCode();
                 p.wipeReverse = cel->GetWipeDirection() == eWipeReverse;
             }
-        } else {
-            CED2* source = find(cel->cookie);
-            CED2* shot = nullptr;
-            double offset = 0;
-            unsigned char played = cel->cookie.channel;
-            if (source && isShotRecord(source)) {
-                shot = source;
-            } else if (source && !source->excludedFromExport &&
-                       simpleSubclip(source, cel->cookie.channel, shot, offset, played)) {
-                p.clipName = toUTF8(source->get_editName()).str();
-            } else if (source && !source->excludedFromExport) {
-                loss("nested-left-out", track.name, p.start,
-                     "\"" + toUTF8(source->get_editName()).str() +
-                         "\" is an edit of its own, which a list cannot hold: left out as a gap");
-            } else if (!source && cel->cookie.isValid()) {
-                loss("material-missing", track.name, p.start,
-                     "not in the project: left out as a gap");
-            }
-            if (shot && shot->excludedFromExport) shot = nullptr;
-            if (shot) {
-                p.kind = Piece::Material;
-                p.shot = shot;
-                if (p.clipName.empty()) p.clipName = toUTF8(shot->get_editName()).str();
-                p.speed = static_cast<double>(cel->speed);
-                if (!std::isfinite(p.speed)) p.speed = 1;
-                p.source = originOf(shot) + (offset + cel->sourceIn) * ticks_;
-                if (!cel->alternates.empty())
-                    loss("multi-angle-flat", track.name, p.start,
-                         p.clipName + ": the angle it plays is written alone");
-                if (!video && (cel->level != 1.0f || cel->levelEnd != 1.0f))
-                    loss("cel-level", track.name, p.start,
-                         p.clipName + ": its level is not written");
-                // A list plays a source's sound channel n on track An.
-                int ordinal = audioOrdinal(shot, played);
-                if (!video && ordinal != track.number)
-                    loss("audio-patch", track.name, p.start,
-                         p.clipName + ": plays its sound channel " + std::to_string(ordinal) +
-                             ", which a list gives as " + std::to_string(track.number));
-            }
+        } else if (!materialOf(track, cel, 0, 1, p)) {
+            CED2* nest = find(cel->cookie);
+            loss("nested-flat", track.name, p.start,
+                 "\"" + toUTF8(nest->get_editName()).str() + "\" is written as what it plays");
+            double into = static_cast<double>(p.start) / ticks_ - cel->editIn;
+            flatten(track, nest, cel->cookie.channel, p.start, p.end,
+                    cel->sourceIn + into * static_cast<double>(cel->speed),
+                    static_cast<double>(cel->speed), 0, out);
+            pos = p.end;
+            continue;
         }
         out.push_back(p);
         pos = p.end;

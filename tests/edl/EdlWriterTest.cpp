@@ -303,13 +303,15 @@ TEST_F(EdlWriter, WhatAListCannotHoldIsALossAtItsPlace) {
     ASSERT_EQ(lists.size(), 1u);
 
     // The sub-clip's cel is its shot from where the sub-clip starts, named
-    // after the sub-clip; the nested sequence is a gap.
+    // after the sub-clip; the nested sequence is what it plays.
     EXPECT_NE(text.find("001  A        V     C        00:00:12:05 00:00:13:05 01:00:00:00"),
               std::string::npos)
         << text;
     EXPECT_NE(text.find("* FROM CLIP NAME: sub"), std::string::npos);
-    EXPECT_EQ(text.find("01:00:01:00 01:00:02:00"), std::string::npos);
-    EXPECT_EQ(losses("nested-left-out"), 1);
+    EXPECT_NE(text.find("A        V     C        00:00:10:00 00:00:11:00 01:00:01:00 01:00:02:00"),
+              std::string::npos)
+        << text;
+    EXPECT_EQ(losses("nested-flat"), 1);
     EXPECT_EQ(losses("multi-angle-flat"), 1);
     EXPECT_EQ(losses("transition-through-black"), 1);
     EXPECT_EQ(losses("cel-level"), 1);
@@ -317,11 +319,35 @@ TEST_F(EdlWriter, WhatAListCannotHoldIsALossAtItsPlace) {
     EXPECT_EQ(losses("audio-patch"), 1);  // A1 plays the shot's channel 2
     EXPECT_EQ(losses("audio-not-written"), 1);
     for (const LossRecord& l : sink->losses)
-        if (l.kind == "nested-left-out") {
+        if (l.kind == "nested-flat") {
             EXPECT_EQ(l.track, "V1");
             EXPECT_EQ(l.frame, 25);
             EXPECT_EQ(l.timecode, "01:00:01:00");
         }
+}
+
+TEST_F(EdlWriter, ANestIsWrittenAsThePictureItShows) {
+    // The nest's top channel plays b from 1 s to 2 s over a on the channel
+    // below; the cut uses the nest from 0.4 s on, so a shows, then b, then a.
+    Qv::Ptr<Edit> a = shot(L"a", "A", 250);
+    Qv::Ptr<Edit> b = shot(L"b", "B", 500);
+    Qv::Ptr<Edit> inner = sequence(2, 0);
+    inner->name = L"inner";
+    addCel(inner, 0, video_black, 0, 1, 0);
+    addCel(inner, 0, playCookie(b, 0), 1, 2, 0);
+    addCel(inner, 1, playCookie(a, 0), 0, 3, 0);
+    Qv::Ptr<Edit> seq = sequence(1, 0);
+    addCel(seq, 0, playCookie(inner, 0), 0, 2.6, 0.4);
+    std::string text = qvedl::listText(seq->cookie);
+    EXPECT_NE(text.find("A        V     C        00:00:10:10 00:00:11:00 01:00:00:00 01:00:00:15"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("B        V     C        00:00:20:00 00:00:21:00 01:00:00:15 01:00:01:15"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("A        V     C        00:00:12:00 00:00:13:00 01:00:01:15 01:00:02:15"),
+              std::string::npos)
+        << text;
 }
 
 TEST_F(EdlWriter, ListsOfMoreThan999EventsNumberThemWithSixDigits) {
