@@ -33,6 +33,12 @@ const KindText kKinds[] = {
     {"transition-removed", "transitions without enough material, replaced"},
     {"gap-added", "black added where source material is missing"},
     {"material-missing", "clips of material not in the project, written as gaps"},
+    {"clip-as-black", "clips with none of their media left, written as black"},
+    {"transition-dropped", "transitions that join no clip, left out"},
+    {"transition-shortened", "transitions shortened by a frame to centre on their cut"},
+    {"length-unknown", "shots of no known length, given the length their uses need"},
+    {"character-replaced", "names with characters XML cannot carry, written with U+FFFD"},
+    {"level-unplaced", "level keyframes with no place on the sequence, left out"},
     // What the target format cannot hold.
     {"speed", "speed changes the format cannot hold"},
     {"wipe-pattern", "wipes that lose their pattern"},

@@ -5,12 +5,17 @@
 #include "host/Edit.h"
 #include "host/ImageLoader.h"
 #include "host/Paths.h"
+#include "plugin/Interchange.h"
 
 namespace XML {
 
-XMLWriter::XMLWriter(LoggerHandle l, XMLExportOptions& o, Qv::FrameRate rate) : seqRate(rate) {
+XMLWriter::XMLWriter(LoggerHandle l, XMLExportOptions& o, Qv::FrameRate rate)
+    : legacy(legacyInterchange()), seqRate(rate) {
     log = l;
     options = o;
+    // The original writers put a name's control characters into the file as
+    // they stand, which leaves it not well-formed.
+    if (!legacy) xmlFile.replaceUnwritableCharacters(log);
 }
 
 int XMLWriter::open(const LightweightString<wchar_t>& path) {

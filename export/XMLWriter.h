@@ -53,6 +53,10 @@ class XMLWriter : public iObject {
     static bool isImageSequence(CED2* ced2);
 
     XmlFile xmlFile;
+    // The configuration key xml_legacy_interchange, read once for the run:
+    // write each format by its original letter instead of as other editors
+    // read it.
+    const bool legacy;
     Qv::FrameRate seqRate;
     ShotVideoMetadata videoMetadata;
     LoggerHandle log;

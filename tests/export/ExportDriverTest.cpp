@@ -68,6 +68,7 @@ TEST_F(ExportDriver, EmptyListsAreSuccessWithNoFile) {
 }
 
 TEST_F(ExportDriver, TwoLevelsOfSubclipStopFinalCutFlavoursBeforeAnyFile) {
+    useLegacyInterchange();
     Qv::Ptr<Edit> seq = deepSequence();
     for (XMLFlavour f : {XMLFlavourFCP5, XMLFlavourFCPX}) {
         sink->lines.clear();

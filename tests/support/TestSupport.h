@@ -41,6 +41,9 @@ class StoreTest : public ::testing::Test {
 
     // A log that keeps its lines.
     LoggerHandle capturingLog() { return LoggerHandle(Qv::Ptr<iLogSink>(sink)); }
+    // Runs the test with xml_legacy_interchange at 1: the formats by their
+    // original letter.
+    static void useLegacyInterchange() { set_config_int("xml_legacy_interchange", 1); }
 
     EditStore store;
     Qv::Ptr<CapturingLogSink> sink{new CapturingLogSink};
