@@ -131,6 +131,7 @@ TEST_F(XmemlDocument, ASubclipAloneNamesItsMasterAndItsDescription) {
 }
 
 TEST_F(XmemlDocument, TheGoldenSequenceIsWrittenByteForByte) {
+    useLegacyInterchange();
     Qv::Ptr<Edit> seq = goldenSequence();
     ASSERT_TRUE(exportAndParse(seq));
     const std::string golden = QVXML_TEST_DATA "/xmeml/golden_sequence.xml";
