@@ -36,6 +36,16 @@ int XMLWriter::seqCelTimeToFrames(double time) const {
     return celTimeToFrames(time, static_cast<double>(Qv::getTicksPerSecond(seqRate)));
 }
 
+double XMLWriter::realSeconds(double time, Qv::FrameRate rate) {
+    if (!Qv::isKnownFrameRate(rate)) return time;
+    return time * static_cast<double>(Qv::getTicksPerSecond(rate)) / Qv::getFramesPerSecond(rate);
+}
+
+double XMLWriter::realSeconds(const CED2* record, double time) {
+    return realSeconds(time,
+                       record && record->edit ? record->edit->getFrameRate() : Qv::eFrameRateNone);
+}
+
 void XMLWriter::qvFRtoRational(Qv::FrameRate rate, LightweightString<wchar_t>& num,
                                LightweightString<wchar_t>& den) {
     Qv::frameRateRational(rate, num, den);
