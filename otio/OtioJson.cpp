@@ -78,7 +78,57 @@ void JsonWriter::string(std::string_view text) {
     writeString(text);
 }
 
+namespace {
+
+// The length of the UTF-8 sequence at the start of `s`, 0 where it is none.
+std::size_t utf8Length(std::string_view s) {
+    auto u = [&](std::size_t i) { return static_cast<unsigned char>(s[i]); };
+    unsigned char c = u(0);
+    std::size_t n;
+    if (c < 0x80) return 1;
+    if (c >= 0xC2 && c <= 0xDF)
+        n = 2;
+    else if (c >= 0xE0 && c <= 0xEF)
+        n = 3;
+    else if (c >= 0xF0 && c <= 0xF4)
+        n = 4;
+    else
+        return 0;
+    if (s.size() < n) return 0;
+    for (std::size_t i = 1; i < n; ++i)
+        if ((u(i) & 0xC0) != 0x80) return 0;
+    // Overlong forms, surrogates and what lies beyond Unicode.
+    if ((c == 0xE0 && u(1) < 0xA0) || (c == 0xED && u(1) >= 0xA0) || (c == 0xF0 && u(1) < 0x90) ||
+        (c == 0xF4 && u(1) >= 0x90))
+        return 0;
+    return n;
+}
+
+}  // namespace
+
 void JsonWriter::writeString(std::string_view text) {
+    if (strict_) {
+        // Only whole UTF-8 characters; U+FFFD for a byte that is none.
+        std::string clean;
+        bool changed = false;
+        for (std::size_t i = 0; i < text.size();) {
+            std::size_t n = utf8Length(text.substr(i));
+            if (n == 0) {
+                clean += "\xEF\xBF\xBD";
+                changed = true;
+                ++i;
+            } else {
+                clean.append(text.substr(i, n));
+                i += n;
+            }
+        }
+        if (changed) {
+            strict_ = false;
+            writeString(clean);
+            strict_ = true;
+            return;
+        }
+    }
     out_ += '"';
     for (char c : text) {
         unsigned char u = static_cast<unsigned char>(c);
@@ -119,7 +169,7 @@ void JsonWriter::writeString(std::string_view text) {
 
 void JsonWriter::number(double value) {
     beforeItem();
-    out_ += formatDouble(value);
+    out_ += strict_ && !std::isfinite(value) ? "null" : formatDouble(value);
 }
 
 void JsonWriter::integer(std::int64_t value) {
