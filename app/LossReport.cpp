@@ -5,6 +5,7 @@
 
 #include "app/Util.h"
 #include "host/Config.h"
+#include "plugin/Interchange.h"
 
 namespace qvapp {
 
@@ -126,15 +127,16 @@ void fcpxmlLosses(const SequenceInfo& s, std::vector<Loss>& out) {
             std::snprintf(colour, sizeof colour, "#%06X", m.colour & 0xFFFFFF);
             out.push_back(at(s, "marker-colour", -1, m.in, m.name + " " + colour));
         }
-    // The sound goes out only when the first video channel has an item at
-    // the very start.
+    // Under the original letter the sound goes out only when the first video
+    // channel has an item at the very start; by default it always does.
     const StoredChannel* first = nullptr;
     for (const StoredChannel& ch : s.edit->channels)
         if (ch.type == kChanVideo) {
             first = &ch;
             break;
         }
-    bool sound = first && !first->cels.empty() && std::fabs(first->cels.front().editIn) < 1e-6;
+    bool sound = !XML::legacyInterchange() ||
+                 (first && !first->cels.empty() && std::fabs(first->cels.front().editIn) < 1e-6);
     if (!sound)
         for (std::size_t t = 0; t < s.tracks.size(); ++t)
             if (!s.tracks[t].video && s.tracks[t].clips > 0)

@@ -429,6 +429,16 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
             // A magic cel right after a written transition is skipped, whatever
             // it is: xmeml has no room for two transitions in a row.
             if (cel->cookie.isBlack() || transitionOpen) {
+                // The original writer passed over the second transition
+                // without a word.
+                if (!cel->cookie.isBlack() && !legacy) {
+                    LightweightString<char> tc = timecodeAt(label, cel->editIn);
+                    log.WarningOut("TRANSITION at track <%s> timecode <%s> follows another\n",
+                                   channel->name.c_str(), tc.c_str());
+                    log.WarningOut(" - xmeml has no room for it: it is black\n");
+                    log.LossOut(lossHere("transition-as-gap", channel, tc, cel->editIn,
+                                         "a transition right after another"));
+                }
                 afterBlack = true;
                 transitionOpen = false;
                 settled = false;

@@ -88,6 +88,18 @@ TEST_F(ExportDriver, TwoLevelsOfSubclipStopFinalCutFlavoursBeforeAnyFile) {
     EXPECT_EQ(store.opens(), store.closes());
 }
 
+TEST_F(ExportDriver, DeeperLevelsOfReferenceAreWrittenByDefault) {
+    Qv::Ptr<Edit> seq = deepSequence();
+    for (XMLFlavour f : {XMLFlavourFCP5, XMLFlavourFCPX}) {
+        ExportResult r = run(seq->cookie, f);
+        EXPECT_EQ(r.status, 1) << f;
+        ASSERT_EQ(r.files.size(), 1u);
+        EXPECT_TRUE(qvtest::exists(toUTF8(r.files[0]).str()));
+    }
+    EXPECT_FALSE(sink->contains("more than a single level"));
+    EXPECT_EQ(store.opens(), store.closes());
+}
+
 TEST_F(ExportDriver, FileNamesAreTheStemAndTheWritersExtension) {
     Qv::Ptr<Edit> seq = simpleSequence(L"Cut: v1/final");
     ExportResult r = run(seq->cookie, XMLFlavourFCPX);
