@@ -396,7 +396,11 @@ void FCP5XMLWriter::placeClip(CED2Cell* cel, ClipPlan& p, double headLength, dou
 
 int FCP5XMLWriter::sideAfter(CED2Cell* transition) {
     CED2Cell* n = transition->next();
-    if (!n || n->cookie.isMagic()) return kBlack;
+    // Only a clip that starts where the transition ends can reach back into
+    // it; a stretch of nothing between them is black.
+    if (!n || n->cookie.isMagic() ||
+        seqCelTimeToFrames(n->editIn) != seqCelTimeToFrames(transition->editOut))
+        return kBlack;
     double length = transition->editOut - transition->editIn;
     int a = seqCelTimeToFrames(n->sourceIn);
     int b = seqCelTimeToFrames(static_cast<double>(n->speed) * length);
@@ -447,7 +451,10 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
             transitionLength = cel->editOut - cel->editIn;
             // The incoming clip needs material before its in-point for the
             // first half of the transition.
-            if (next && !next->cookie.isMagic()) {
+            // A clip after a stretch of black reaches back into nothing.
+            bool nextAdjoins = legacy || (next && seqCelTimeToFrames(next->editIn) ==
+                                                      seqCelTimeToFrames(cel->editOut));
+            if (next && !next->cookie.isMagic() && nextAdjoins) {
                 int a = seqCelTimeToFrames(next->sourceIn);
                 int b = seqCelTimeToFrames(static_cast<double>(next->speed) * transitionLength);
                 if (static_cast<long>(a) - static_cast<long>(b) < 0) insufficient = true;
@@ -489,7 +496,8 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
                 continue;
             }
             printTransition(cel, channel, isVideo, transitionNumber, alignment);
-            transitionOpen = true;
+            // Nothing after a fade to black reaches back into it.
+            transitionOpen = legacy || std::strcmp(alignment, "end-black") != 0;
             afterBlack = false;
             ++transitionNumber;
             continue;
@@ -536,7 +544,11 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
         // material for it.
         double nextLength = 0.0;
         bool extendTail = false;
-        if (isTransitionCel(next)) {
+        // A transition that starts later than the clip ends stands after
+        // black; the original writer ran the clip on into it over the gap.
+        bool adjoins = legacy || (isTransitionCel(next) && seqCelTimeToFrames(next->editIn) ==
+                                                               seqCelTimeToFrames(cel->editOut));
+        if (isTransitionCel(next) && adjoins) {
             nextLength = next->editOut - next->editIn;
             bool reaches;
             if (legacy) {

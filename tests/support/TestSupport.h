@@ -29,6 +29,9 @@ class TempDir {
 };
 
 std::string readFile(const std::string& path);
+// A document without the comment that follows its XML declaration: a golden
+// document's word on what it shows, which the writer does not write.
+std::string withoutHeadComment(const std::string& document);
 void writeFile(const std::string& path, const std::string& content);
 bool exists(const std::string& path);
 std::vector<std::string> listDirectory(const std::string& dir);
