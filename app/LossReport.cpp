@@ -127,7 +127,7 @@ void fcpxmlLosses(const SequenceInfo& s, std::vector<Loss>& out) {
             std::snprintf(colour, sizeof colour, "#%06X", m.colour & 0xFFFFFF);
             out.push_back(at(s, "marker-colour", -1, m.in, m.name + " " + colour));
         }
-    // Under the original letter the sound goes out only when the first video
+    // As first written, the sound goes out only when the first video
     // channel has an item at the very start; by default it always does.
     const StoredChannel* first = nullptr;
     for (const StoredChannel& ch : s.edit->channels)

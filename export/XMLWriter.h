@@ -60,7 +60,7 @@ class XMLWriter : public iObject {
 
     XmlFile xmlFile;
     // The configuration key xml_legacy_interchange, read once for the run:
-    // write each format by its original letter instead of as other editors
+    // write each format as the interchange first wrote it instead of as other editors
     // read it.
     const bool legacy;
     Qv::FrameRate seqRate;

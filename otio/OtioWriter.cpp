@@ -101,7 +101,7 @@ class Writer {
 
     LoggerHandle log_;
     JsonWriter json_;
-    const bool legacy_;  // xml_legacy_interchange: the original letter
+    const bool legacy_;  // xml_legacy_interchange: write as first written
     CED2List seqList_, ghostList_, deepGhostList_, shotList_;
     std::unordered_map<Qv::UUID, CED2*, IdentityHash> records_;
     std::unordered_map<const CED2*, std::string> ids_;

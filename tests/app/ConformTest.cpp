@@ -212,7 +212,7 @@ TEST_F(Conform, RelinkFindsMovedMediaAndTellsFilesOfOneNameApart) {
     EXPECT_NE(missing.err.find("--search DIR"), std::string::npos);
 }
 
-TEST_F(Conform, SoundThatFcpxmlLosesOnlyByItsOriginalLetterIsReportedSo) {
+TEST_F(Conform, SoundThatFcpxmlLosesOnlyAsFirstWrittenIsReportedSo) {
     Qv::Ptr<Edit> a = qvtest::addShot(store, L"a", 25, 10, {{kChanVideo, "V1"}}, L"/m/a.mov");
     Qv::Ptr<Edit> s = qvtest::addShot(store, L"s", 25, 10, {{kChanAudio, "A1"}}, L"/m/s.wav");
     Qv::Ptr<Edit> seq = qvtest::addSequence(store, L"Cut", Qv::eFrameRate25,

@@ -145,7 +145,7 @@ inline bool isRequiredRefusal(std::string complaint) {
 // Runs of fcpxml exports through the driver, with the lines of the run's log
 // and of the application's log kept.
 //
-// These tests are of the format's original letter: they run with
+// These tests are of the format as first written: they run with
 // xml_legacy_interchange at 1. FcpxmlFrames tests what is written by default.
 class FcpxmlTest : public qvtest::StoreTest {
   protected:

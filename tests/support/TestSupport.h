@@ -44,8 +44,8 @@ class StoreTest : public ::testing::Test {
 
     // A log that keeps its lines.
     LoggerHandle capturingLog() { return LoggerHandle(Qv::Ptr<iLogSink>(sink)); }
-    // Runs the test with xml_legacy_interchange at 1: the formats by their
-    // original letter.
+    // Runs the test with xml_legacy_interchange at 1: the formats as the
+    // interchange first wrote and read them.
     static void useLegacyInterchange() { set_config_int("xml_legacy_interchange", 1); }
 
     EditStore store;

@@ -179,7 +179,7 @@ const std::map<std::string, Expected> kExpected = {
 //    with one decimal ("0.25" percent becomes "0.2").
 // T  A native document of shots alone holds only its header.
 
-// The table above is of the formats' original letter: the test runs with
+// The table above is of the formats as first written: the test runs with
 // xml_legacy_interchange at 1. What the writers write for other editors by
 // default is read back by tests/xmeml/reimport_cuts.py.
 class FCP5Corpus : public ::testing::TestWithParam<std::string> {
