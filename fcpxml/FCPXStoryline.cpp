@@ -720,12 +720,55 @@ void FCPXXMLWriter::writeAnchored(const Item& anchor) {
     }
 }
 
+namespace {
+
+// The entries of a sorted frame index with lo <= frame < hi, in the order
+// they were added.
+std::vector<std::size_t> within(const std::vector<std::pair<std::int64_t, std::size_t>>& index,
+                                std::int64_t lo, std::int64_t hi) {
+    auto from = std::lower_bound(index.begin(), index.end(), std::make_pair(lo, std::size_t(0)));
+    std::vector<std::size_t> out;
+    for (auto it = from; it != index.end() && it->first < hi; ++it)
+        out.push_back(it->second);
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+}  // namespace
+
+const FCPXXMLWriter::FrameIndex& FCPXXMLWriter::cueIndex() {
+    auto [it, fresh] = cueFrames_.try_emplace(current_);
+    if (fresh) {
+        for (std::size_t i = 0; i < current_->cues.size(); ++i)
+            // A time that is no number has no place.
+            if (std::isfinite(current_->cues[i].in))
+                it->second.emplace_back(frames(current_->cues[i].in), i);
+        std::sort(it->second.begin(), it->second.end());
+    }
+    return it->second;
+}
+
+const FCPXXMLWriter::LevelIndex& FCPXXMLWriter::levelIndex(CChannel* channel) {
+    auto [it, fresh] = levelFrames_.try_emplace(channel);
+    if (fresh) {
+        double length = current_->get_editLength();
+        for (CED2TrackLevel* level : each<CED2TrackLevel>(channel->levels)) {
+            if (std::isfinite(level->position * length))
+                it->second.frames.emplace_back(frames(level->position * length),
+                                               it->second.levels.size());
+            it->second.levels.push_back(level);
+        }
+        std::sort(it->second.frames.begin(), it->second.frames.end());
+    }
+    return it->second;
+}
+
 void FCPXXMLWriter::writeItemMarkers(const Item& item) {
     if (!current_ || item.kind == Item::Transition) return;
     Qv::FrameRate grid = localGrid(item);
-    for (const Ced2Cue& cue : current_->cues) {
+    for (std::size_t i : within(cueIndex(), item.in, item.out)) {
+        const Ced2Cue& cue = current_->cues[i];
         std::int64_t at = frames(cue.in);
-        if (at < item.in || at >= item.out) continue;
         std::int64_t from = localFrames(item, at);
         std::int64_t length = 1;
         if (cue.out != kCueOpenEnd && cue.out > cue.in) {
@@ -742,13 +785,12 @@ void FCPXXMLWriter::writeItemMarkers(const Item& item) {
 void FCPXXMLWriter::writeItemLevels(const Item& item, CChannel* channel) {
     double length = current_->get_editLength();
     bool limit = config_int("xml_export_limit_to_6dB", 0) != 0;
+    const LevelIndex& index = levelIndex(channel);
+    std::vector<std::size_t> hits = within(index.frames, item.in, item.out);
+    if (hits.empty()) return;
     std::vector<const CED2TrackLevel*> counted;
-    for (CED2TrackLevel* level : each<CED2TrackLevel>(channel->levels)) {
-        std::int64_t at = frames(level->position * length);
-        if (std::isfinite(level->position * length) && at >= item.in && at < item.out)
-            counted.push_back(level);
-    }
-    if (counted.empty()) return;
+    for (std::size_t i : hits)
+        counted.push_back(index.levels[i]);
     xmlElement source(xmlFile, "audio-source",
                       AttribList{makeAttrib("srcCh", Qv::WStringFromInteger(item.sourceChannel))});
     xmlElement volume(xmlFile, "adjust-volume");

@@ -150,6 +150,17 @@ class FCPXXMLWriter : public XMLWriter {
     std::vector<int> transitionNumbers_;
     CED2* current_ = nullptr;
     std::int64_t tcFrames_ = 0;
+    // A sequence's markers and a channel's level keyframes by their frame,
+    // sorted, so that each item finds its own without a walk over all.
+    using FrameIndex = std::vector<std::pair<std::int64_t, std::size_t>>;
+    std::unordered_map<const CED2*, FrameIndex> cueFrames_;
+    struct LevelIndex {
+        FrameIndex frames;
+        std::vector<const CED2TrackLevel*> levels;
+    };
+    std::unordered_map<const CChannel*, LevelIndex> levelFrames_;
+    const FrameIndex& cueIndex();
+    const LevelIndex& levelIndex(CChannel* channel);
 
     // Entries that fall in a time range, answered in their original order
     // without a walk over all of them.

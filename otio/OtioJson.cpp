@@ -107,31 +107,28 @@ std::size_t utf8Length(std::string_view s) {
 }  // namespace
 
 void JsonWriter::writeString(std::string_view text) {
-    if (strict_) {
-        // Only whole UTF-8 characters; U+FFFD for a byte that is none.
-        std::string clean;
-        bool changed = false;
-        for (std::size_t i = 0; i < text.size();) {
-            std::size_t n = utf8Length(text.substr(i));
-            if (n == 0) {
-                clean += "\xEF\xBF\xBD";
-                changed = true;
-                ++i;
-            } else {
-                clean.append(text.substr(i, n));
-                i += n;
-            }
-        }
-        if (changed) {
-            strict_ = false;
-            writeString(clean);
-            strict_ = true;
-            return;
-        }
-    }
     out_ += '"';
-    for (char c : text) {
+    // Runs of characters that need no escape go in whole.
+    std::size_t run = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
         unsigned char u = static_cast<unsigned char>(c);
+        if (u >= 0x80) {
+            if (!strict_) continue;
+            // Whole UTF-8 characters only; U+FFFD for a byte that is none.
+            std::size_t n = utf8Length(text.substr(i));
+            if (n > 0) {
+                i += n - 1;
+                continue;
+            }
+            out_.append(text.substr(run, i - run));
+            out_ += "\xEF\xBF\xBD";
+            run = i + 1;
+            continue;
+        }
+        if (u >= 0x20 && c != '"' && c != '\\') continue;
+        out_.append(text.substr(run, i - run));
+        run = i + 1;
         switch (c) {
             case '"':
                 out_ += "\\\"";
@@ -154,16 +151,14 @@ void JsonWriter::writeString(std::string_view text) {
             case '\f':
                 out_ += "\\f";
                 break;
-            default:
-                if (u < 0x20) {
-                    char esc[8];
-                    std::snprintf(esc, sizeof esc, "\\u%04x", u);
-                    out_ += esc;
-                } else {
-                    out_ += c;
-                }
+            default: {
+                char esc[8];
+                std::snprintf(esc, sizeof esc, "\\u%04x", u);
+                out_ += esc;
+            }
         }
     }
+    out_.append(text.substr(run));
     out_ += '"';
 }
 
