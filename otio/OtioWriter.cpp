@@ -228,7 +228,11 @@ void Writer::marker(const Ced2Cue& cue, double origin, const TimeBase& base) {
     bool exact = false;
     const char* colour = markerColourName(cue.colour, exact);
     double in = base.frames(cue.in);
+    // No time before the start, nor one that is no number; the original
+    // writer wrote them as they came.
+    if (!legacy_ && !(origin + in >= 0)) in = std::isfinite(origin) ? -std::min(origin, 0.0) : 0;
     double duration = cue.out >= kCueOpenEnd ? 0 : std::max(0.0, base.frames(cue.out) - in);
+    if (!legacy_ && !std::isfinite(duration)) duration = 0;
     json_.beginObject();
     json_.field("OTIO_SCHEMA", "Marker.2");
     metadata(cueFields(cue));

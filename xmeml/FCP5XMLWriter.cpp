@@ -3,6 +3,7 @@
 // document of a shot or sub-clip exported alone.
 #include "xmeml/FCP5XMLWriter.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -215,11 +216,19 @@ void FCP5XMLWriter::writeMarkers(CED2* ced2, double rate) {
         xmlElement marker(xmlFile, "marker");
         leaf(xmlFile, "name", cue.name);
         leaf(xmlFile, "comment", cue.comment);
-        leaf(xmlFile, "in", celTimeToFrames(cue.in, rate));
+        int in = celTimeToFrames(cue.in, rate);
+        int out = celTimeToFrames(cue.out, rate);
+        // The original writer let a marker before the start (or a time that
+        // is no number) through as it came: no reader has a frame before 0.
+        if (!legacy) {
+            in = std::max(0, in);
+            out = std::max(in, out);
+        }
+        leaf(xmlFile, "in", in);
         if (cue.out == kCueOpenEnd)
             leaf(xmlFile, "out", "-1");
         else
-            leaf(xmlFile, "out", celTimeToFrames(cue.out, rate));
+            leaf(xmlFile, "out", out);
         LightweightString<wchar_t> colour;
         if (!pproColour::getStr(cue.colour, &colour)) colour = pproColour::getDefaultStr();
         leaf(xmlFile, "pproColor", colour);

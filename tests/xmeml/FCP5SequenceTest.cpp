@@ -533,9 +533,14 @@ TEST_F(XmemlSequence, ClipItemsCountAtTheSequenceRateAndTransitionsAreSpeltAsEdi
     addCel(seq, 1, video_dissolve, 1, 2, 0);
     addCel(seq, 1, playCookie(b, 0), 2, 4, 5);
     addCel(seq, 1, video_dissolve, 4, 5, 0);
+    // A marker before the start is at the start.
+    seq->cues.push_back(Ced2Cue(L"early", L"", 0, -2.0, kChanVideo, 0, -1.0));
 
     const XMLElement* root = exportAndParse(seq);
     ASSERT_TRUE(root);
+    const XMLElement* early = root->FirstChildElement("sequence")->FirstChildElement("marker");
+    EXPECT_EQ(text(early, "in"), "0");
+    EXPECT_EQ(text(early, "out"), "0");
     auto t = tracks(root, "video");
     ASSERT_EQ(t.size(), 2u);
     const XMLElement *v2 = t[0], *v1 = t[1];
