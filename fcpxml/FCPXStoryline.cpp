@@ -477,13 +477,19 @@ FCPXXMLWriter::Storyline FCPXXMLWriter::planStoryline(CChannel* channel) {
 
         // What the media lacks before its first frame or after its last is
         // black.
+        // Counts of frames that no cel can need more of than it has.
+        auto bounded = [&](double frames) {
+            if (std::isnan(frames)) return std::int64_t(0);
+            return static_cast<std::int64_t>(
+                std::clamp(frames, -1.0, static_cast<double>(out - in)));
+        };
         std::int64_t first = in, last = out;
-        if (item.sourceAt < -kSlack)
-            first = in + static_cast<std::int64_t>(std::ceil(-item.sourceAt * fps - kSlack));
+        if (item.sourceAt < -kSlack) first = in + bounded(std::ceil(-item.sourceAt * fps - kSlack));
         double end = item.sourceAt + static_cast<double>(out - in) / fps;
         if (end > materialLength + kSlack)
-            last = in + static_cast<std::int64_t>(
-                            std::floor((materialLength - item.sourceAt) * fps + kSlack));
+            last = in + bounded(std::floor((materialLength - item.sourceAt) * fps + kSlack));
+        // A place in the media that is no number has no material.
+        if (!std::isfinite(item.sourceAt) || !std::isfinite(materialLength)) last = first;
         if (last <= first) {
             tellLoss("clip-as-black", channel, in,
                      "Badly defined segment - none of it lies within its clip.",
@@ -610,7 +616,7 @@ std::int64_t FCPXXMLWriter::localFrames(const Item& item, std::int64_t at) const
         auto base = compoundStarts_.find(item.nested);
         std::int64_t start = base == compoundStarts_.end() ? 0 : base->second;
         double f = std::floor(real * Qv::getFramesPerSecond(localGrid(item)) + 0.5);
-        return start + static_cast<std::int64_t>(std::isfinite(f) ? f : 0);
+        return start + static_cast<std::int64_t>(std::isfinite(f) ? std::clamp(f, -1e12, 1e12) : 0);
     }
     return at - item.in;
 }

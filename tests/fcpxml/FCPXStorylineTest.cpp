@@ -244,3 +244,25 @@ TEST_F(FcpxmlFrames, NoTimeOfAShotOfUnknownLengthIsNegativeOrEndless) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(FcpxmlFrames, CelsOfTimesThatAreNoNumberWriteNoTimeThatIsNone) {
+    Qv::Ptr<Edit> seq = sequence({{kChanVideo, "V1"}, {kChanAudio, "A1"}});
+    Qv::Ptr<Edit> a = shot(L"A");
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const double inf = std::numeric_limits<double>::infinity();
+    addCel(seq, 0, playCookie(a, 0), 0, 2, nan);
+    addCel(seq, 0, video_dissolve, 2, 3, 0);
+    addCel(seq, 0, playCookie(a, 0), 3, 4, -inf);
+    addCel(seq, 0, playCookie(a, 0), 4, 5, 1e300);
+    addCel(seq, 0, playCookie(a, 0), 5, inf, 1);
+    addCel(seq, 1, playCookie(a, 1), nan, 3, 0);
+    seq->cues.push_back(Ced2Cue(L"lost", L"", 0, nan, kChanVideo, 0, inf));
+    const XMLElement* root = exportAndParse(seq);
+    ASSERT_TRUE(root);
+    for (const char* bad : {"nan", "inf", "offset=\"-", "duration=\"-", "start=\"-"})
+        EXPECT_EQ(documentText.find(bad), std::string::npos) << bad << "\n" << documentText;
+}
+
+}  // namespace

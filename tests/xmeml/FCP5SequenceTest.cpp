@@ -698,3 +698,24 @@ TEST_F(XmemlSequence, ControlCharactersInNamesBecomeReplacementCharacters) {
     EXPECT_EQ(lossKinds(*sink), std::vector<std::string>{"character-replaced"});
     EXPECT_EQ(lines(LogKind::Warning).size(), 2u);
 }
+
+TEST_F(XmemlSequence, CelsOfTimesThatAreNoNumberWriteNoTimeThatIsNone) {
+    Qv::Ptr<Edit> seq = sequence({{kChanVideo, "V1"}, {kChanAudio, "A1"}});
+    Qv::Ptr<Edit> a = shot(L"A");
+    const double nan = std::nan("");
+    const double inf = HUGE_VAL;
+    addCel(seq, 0, playCookie(a, 0), 0, 2, nan);
+    addCel(seq, 0, video_dissolve, 2, 3, 0);
+    addCel(seq, 0, playCookie(a, 0), 3, 4, -inf);
+    addCel(seq, 0, playCookie(a, 0), 4, 5, 1e300, -1.0f);
+    addCel(seq, 0, playCookie(a, 0), 5, inf, 1);
+    addCel(seq, 1, playCookie(a, 1), nan, 3, 0);
+    const XMLElement* root = exportAndParse(seq);
+    ASSERT_TRUE(root);
+    for (const XMLElement* item : all(root, "clipitem")) {
+        for (const char* name : {"in", "out", "duration"})
+            EXPECT_GE(std::stoll(text(item, name)), 0) << name;
+        EXPECT_GE(std::stoll(text(item, "start")), -1);
+        EXPECT_GE(std::stoll(text(item, "end")), -1);
+    }
+}
