@@ -12,7 +12,6 @@ namespace {
 
 using namespace fcpxmltest;
 
-const MediumRollMedium kMedium25 = kMediumVideoBase + Qv::eFrameRate25;
 using Names = std::vector<std::string>;
 
 class FcpxmlFrames : public FcpxmlTest {
