@@ -6,7 +6,6 @@
 #include "app/Commands.h"
 #include "app/LossReport.h"
 #include "app/Relink.h"
-#include "app/SourceScan.h"
 #include "app/Util.h"
 #include "host/Edit.h"
 #include "otio/OtioImport.h"
@@ -77,7 +76,8 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
     mapImportedLocators({});
     losses.read = true;
     std::string format = documentFormat(input);
-    losses.items = scanSource(input, format);
+    // What reading lost: the import's own account of it.
+    if (!read_.empty()) losses.items = std::move(read_.back().items);
 
     std::vector<Qv::Ptr<Edit>> toWrite = made;
     if (toWrite.empty())

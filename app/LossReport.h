@@ -1,8 +1,9 @@
-// The loss report: what did not cross when a document was converted or an
-// edit exported. Three sources feed it: an independent look at the source
-// document for what the readers pass over (SourceScan), the loss records the
-// plug-in's writers emit as they repair material, and a comparison of the
-// project's edits with what the target format can hold.
+// The loss report: what did not cross when a document was read, converted or
+// an edit exported. Four sources feed it: the loss records the readers emit
+// as they pass over material, the check of each import that every clip item
+// of the document plays or is named by such a record (app/Accounting.h), the
+// records the plug-in's writers emit as they repair material, and a
+// comparison of the project's edits with what the target format can hold.
 #pragma once
 
 #include <cstdint>
@@ -37,6 +38,16 @@ struct DocumentLosses {
 // What a kind of loss means, in a few words for a count ("filters passed
 // over"); the kind itself when it is not known.
 std::string kindPhrase(const std::string& kind);
+
+// Whether a loss of that kind says that material does not play where its
+// editor put it (black, silence or other material in its place), so that it
+// accounts for a clip item that plays nothing.
+bool kindReplacesMaterial(const std::string& kind);
+
+// A record as a loss of the report, of "reader" or "writer" origin.
+Loss lossOf(const LossRecord& record, const char* origin);
+// The losses a reader recorded as it read a document.
+std::vector<Loss> readerLosses(const std::vector<LossRecord>& records);
 
 // What the target format cannot hold of a sequence, found by comparing the
 // project's edit with the format: "native", "xmeml", "fcpxml" or "otio".

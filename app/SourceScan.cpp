@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <fstream>
 #include <map>
 
 #include "host/FrameRate.h"
@@ -199,169 +198,6 @@ class XmemlScan {
     std::vector<Loss> out_;
 };
 
-// ---- OpenTimelineIO ----
-
-using nlohmann::json;
-
-std::string schemaOf(const json& j) {
-    if (!j.is_object()) return "";
-    auto it = j.find("OTIO_SCHEMA");
-    if (it == j.end() || !it->is_string()) return "";
-    std::string s = *it;
-    return s.substr(0, s.find('.'));
-}
-
-double numberIn(const json& j, const char* key, double fallback) {
-    if (!j.is_object()) return fallback;
-    auto it = j.find(key);
-    return it != j.end() && it->is_number() ? it->get<double>() : fallback;
-}
-
-// A RationalTime as frames of `rate`.
-double framesOf(const json& t, double rate) {
-    double r = numberIn(t, "rate", rate);
-    return r > 0 ? numberIn(t, "value", 0) * rate / r : 0;
-}
-
-class OtioScan {
-  public:
-    std::vector<Loss> run(const json& root) {
-        visit(root, 0);
-        return std::move(out_);
-    }
-
-  private:
-    void visit(const json& j, int depth) {
-        if (depth > 64) return;
-        std::string schema = schemaOf(j);
-        if (schema == "Timeline") {
-            timeline(j);
-        } else if (schema == "SerializableCollection" && j.contains("children") &&
-                   j["children"].is_array()) {
-            for (const json& c : j["children"])
-                visit(c, depth + 1);
-        }
-    }
-
-    void timeline(const json& t) {
-        std::string name = t.value("name", std::string());
-        seq_ = name.empty() ? "NoName" : name;
-        rate_ = 0;
-        start_ = 0;
-        if (t.contains("global_start_time") && t["global_start_time"].is_object()) {
-            rate_ = numberIn(t["global_start_time"], "rate", 0);
-            start_ = numberIn(t["global_start_time"], "value", 0);
-        }
-        const json* stack = t.contains("tracks") ? &t["tracks"] : nullptr;
-        if (!stack || !stack->is_object() || !stack->contains("children")) return;
-        if (rate_ <= 0) rate_ = firstRate(*stack, 0);
-        if (rate_ <= 0) rate_ = 24;
-        ticks_ = static_cast<unsigned>(std::lround(rate_));
-        if (ticks_ == 0) ticks_ = 24;
-        int video = 0, audio = 0;
-        for (const json& track : (*stack)["children"]) {
-            if (schemaOf(track) != "Track") continue;
-            bool isVideo = track.value("kind", std::string()) == "Video";
-            std::string trackName =
-                isVideo ? "V" + std::to_string(++video) : "A" + std::to_string(++audio);
-            itemEffects(track, trackName, 0, "the track");
-            if (!track.value("enabled", true)) add(trackName, -1, "disabled", "the track");
-            items(track, trackName, isVideo, 0.0, 0);
-        }
-    }
-
-    double firstRate(const json& j, int depth) {
-        if (depth > 64 || !j.is_object()) return 0;
-        if (j.contains("source_range") && j["source_range"].is_object() &&
-            j["source_range"].contains("duration"))
-            if (double r = numberIn(j["source_range"]["duration"], "rate", 0); r > 0) return r;
-        if (j.contains("children") && j["children"].is_array())
-            for (const json& c : j["children"])
-                if (double r = firstRate(c, depth + 1); r > 0) return r;
-        return 0;
-    }
-
-    void items(const json& track, const std::string& trackName, bool video, double at, int depth) {
-        if (depth > 64 || !track.contains("children") || !track["children"].is_array()) return;
-        for (const json& item : track["children"]) {
-            std::string schema = schemaOf(item);
-            if (schema == "Transition") {
-                std::string type = item.value("transition_type", std::string());
-                bool wipe = item.contains("metadata") && item["metadata"].is_object() &&
-                            item["metadata"].contains("qvxml") &&
-                            item["metadata"]["qvxml"].is_object() &&
-                            item["metadata"]["qvxml"].contains("wipe");
-                if (video && type != "SMPTE_Dissolve" && !wipe)
-                    add(trackName, static_cast<long>(at), "transition-as-dissolve", type);
-                continue;
-            }
-            std::string label = item.value("name", std::string());
-            std::string quotedName = label.empty() ? "" : "\"" + label + "\"";
-            if (!item.value("enabled", true))
-                add(trackName, static_cast<long>(at), "disabled", quotedName);
-            itemEffects(item, trackName, static_cast<long>(at), quotedName);
-            if (schema == "Clip") {
-                const json* media =
-                    item.contains("media_reference") ? &item["media_reference"] : nullptr;
-                std::string ref = media ? schemaOf(*media) : "";
-                if (ref == "GeneratorReference")
-                    add(trackName, static_cast<long>(at), "generator",
-                        media->value("generator_kind", std::string("a generator")));
-                else if (ref == "ImageSequenceReference")
-                    add(trackName, static_cast<long>(at), "image-sequence", quotedName);
-            }
-            double length = 0;
-            if (item.contains("source_range") && item["source_range"].is_object() &&
-                item["source_range"].contains("duration"))
-                length = framesOf(item["source_range"]["duration"], rate_);
-            else if (schema == "Clip" && item.contains("media_reference") &&
-                     item["media_reference"].is_object() &&
-                     item["media_reference"].contains("available_range") &&
-                     item["media_reference"]["available_range"].is_object())
-                length = framesOf(
-                    item["media_reference"]["available_range"].value("duration", json()), rate_);
-            at += length;
-        }
-    }
-
-    void itemEffects(const json& item, const std::string& trackName, long at,
-                     const std::string& what) {
-        if (!item.contains("effects") || !item["effects"].is_array()) return;
-        for (const json& e : item["effects"]) {
-            std::string schema = schemaOf(e);
-            if (schema == "LinearTimeWarp" || schema == "FreezeFrame") continue;
-            std::string name = e.value("effect_name", std::string());
-            if (name.empty()) name = e.value("name", std::string());
-            if (name.empty()) name = schema;
-            add(trackName, at, "filter", name + (what.empty() ? "" : " on " + what));
-        }
-    }
-
-    void add(const std::string& track, long frame, const char* kind, std::string detail) {
-        Loss l;
-        l.kind = kind;
-        l.origin = "reader";
-        l.sequence = seq_;
-        l.track = track;
-        if (frame >= 0) {
-            l.frame = frame;
-            bool drop = std::fabs(rate_ - 29.97) < 0.01 || std::fabs(rate_ - 59.94) < 0.01;
-            l.timecode =
-                frameToTimecode(
-                    truncateToInt64(start_ * ticks_ / (rate_ > 0 ? rate_ : 1) + 0.5) + frame,
-                    ticks_, drop)
-                    .str();
-        }
-        l.detail = std::move(detail);
-        out_.push_back(std::move(l));
-    }
-
-    std::string seq_;
-    double rate_ = 24, start_ = 0;
-    unsigned ticks_ = 24;
-    std::vector<Loss> out_;
-};
-
 }  // namespace
 
 std::vector<Loss> scanSource(const std::string& path, const std::string& format) {
@@ -369,12 +205,6 @@ std::vector<Loss> scanSource(const std::string& path, const std::string& format)
         tinyxml2::XMLDocument doc;
         if (doc.LoadFile(path.c_str()) != tinyxml2::XML_SUCCESS || !doc.RootElement()) return {};
         return XmemlScan().run(doc.RootElement());
-    }
-    if (format == "otio") {
-        std::ifstream in(path, std::ios::binary);
-        json root = json::parse(in, nullptr, false);
-        if (root.is_discarded()) return {};
-        return OtioScan().run(root);
     }
     return {};
 }

@@ -26,7 +26,8 @@ const char* const kUsage =
     "\n"
     "commands:\n"
     "  convert INPUT... --to FORMAT [-o DIR]      import documents and write them as FORMAT\n"
-    "  import INPUT... [--snapshot OUT.json]       import documents and say what was made\n"
+    "  import INPUT... [--snapshot OUT.json] [--report FILE]\n"
+    "                                              import documents and say what was made\n"
     "  export SNAPSHOT.json --to FORMAT [--edit NAME] [-o DIR] [--name FILE]\n"
     "                                              write an edit of a project snapshot\n"
     "  rate INPUT                                  the frame rate of a document's first sequence\n"
@@ -72,12 +73,17 @@ const char* helpFor(const std::string& command) {
                "  --map-path FROM=TO  look for media under TO where the document says FROM\n"
                "                    (paths, drives, UNC names, file:// URLs; repeatable)\n";
     if (command == "import")
-        return "usage: qvxml import INPUT... [--snapshot OUT.json]\n"
+        return "usage: qvxml import INPUT... [--snapshot OUT.json] [--report FILE]\n"
                "\n"
                "Imports the documents (QVXML, xmeml or OpenTimelineIO) into one project,\n"
                "linking their media, importing it or marking it offline, and prints what was\n"
                "made. With --snapshot the project is written as JSON (see docs/snapshot.md).\n"
+               "Every clip item of a document either plays in the project or is a loss of\n"
+               "reading; a summary of the losses goes to standard error.\n"
                "\n"
+               "  --snapshot FILE   write the project as JSON\n"
+               "  --report FILE     write what reading lost as JSON, each loss with its\n"
+               "                    sequence, track and timecode (see the user guide)\n"
                "  --map-path FROM=TO  look for media under TO where the document says FROM\n";
     if (command == "export")
         return "usage: qvxml export SNAPSHOT.json --to native|xmeml|fcpxml|otio [--edit NAME]\n"
@@ -248,7 +254,8 @@ int main(int argc, char** argv) {
             if (n.empty() || *end != '\0' || jobs < 0 || jobs > 256)
                 return usageError(a + " wants a number of jobs from 0 to 256, not \"" + n + "\"");
             o.jobs = static_cast<int>(jobs);
-        } else if (a == "--report" && (command == "convert" || command == "export")) {
+        } else if (a == "--report" &&
+                   (command == "convert" || command == "export" || command == "import")) {
             if (!value(o.report)) return usageError("--report wants a file name");
         } else if (a == "--map-path" && command != "rate") {
             std::string rule;
