@@ -110,7 +110,6 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
             continue;
         }
         console_->takeLosses();
-        appLog->takeLines();
         int exported = exportEdit(e, flavour, o, stems[i] + extension);
         std::vector<LossRecord> records = console_->takeLosses();
         if (exported != kExitOK) {
