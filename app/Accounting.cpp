@@ -28,6 +28,12 @@ std::int64_t frameNumber(std::string_view text, std::int64_t fallback) {
     return static_cast<std::int64_t>(std::clamp(v, -1e15, 1e15));
 }
 
+// The nearest whole frame of a count of frames; 0 for what is no number.
+std::int64_t wholeFrame(double frames) {
+    if (std::isnan(frames)) return 0;
+    return static_cast<std::int64_t>(std::llround(std::clamp(frames, -1e15, 1e15)));
+}
+
 std::string quotedName(const std::string& name) {
     return "\"" + name + "\"";
 }
@@ -42,7 +48,8 @@ struct XmemlClipLister::State {
     // listed.
     struct Event {
         bool listed = false;
-        bool defines = false;  // holds what it names, and so may be referred to by its id
+        bool defines = false;  // holds what it names, and may be referred to by its id
+        bool bare = false;     // carries nothing but an id
         std::int64_t start = 0, end = 0;
         ListedItem item;
         std::string masterClip;  // names media only by this master clip
@@ -183,30 +190,32 @@ struct XmemlClipLister::State {
         item = 0;
         if (isClip) {
             // An element that carries nothing but an id stands for the
-            // earlier element of that name and id, where that one stands.
-            auto earlier = hasChildren || open.item.id.empty() ? namingItems.end()
-                                                               : namingItems.find(open.item.id);
-            if (earlier != namingItems.end()) {
-                names = true;
-                open.item = earlier->second;
-                open.start = open.item.start;
-                open.end = open.item.end;
-            } else if (!names && !masterClip.empty()) {
+            // earlier element of that name and id: the track looks it up
+            // once its own items before it are placed.
+            open.bare = !hasChildren && !open.item.id.empty();
+            open.defines = names && !open.item.id.empty();
+            if (!names && !masterClip.empty()) {
                 names = true;
                 open.masterClip = std::move(masterClip);
             }
             open.listed = names;
-            open.defines = names && hasChildren && !open.item.id.empty();
         }
         events.push_back(std::move(open));
     }
 
     // A clip item that runs into a transition has -1 there: it starts where
-    // the item before it ends, and ends where the item after it starts.
+    // the item before it ends, and ends where the item after it starts. A
+    // bare reference stands where the clip item it names stands.
     void endTrack() {
         ListedTrack& t = current.tracks.back();
         for (std::size_t i = 0; i < events.size(); ++i) {
             Event& e = events[i];
+            if (e.bare) {
+                auto earlier = namingItems.find(e.item.id);
+                if (earlier == namingItems.end()) continue;
+                t.items.push_back(earlier->second);
+                continue;
+            }
             if (!e.listed) continue;
             if (e.start == -1 && i > 0) e.start = events[i - 1].end;
             if (e.end == -1 && i + 1 < events.size()) e.end = events[i + 1].start;
@@ -342,8 +351,7 @@ DocumentClips listOtioClips(const QvOtio::Document& doc) {
         seq.name = timeline.name.empty() ? "NoName" : timeline.name;
         seq.timebase = base.ticks;
         if (timeline.kind == ItemKind::Timeline && timeline.globalStart.valid())
-            seq.startFrame = static_cast<std::int64_t>(
-                std::round(std::clamp(framesOf(timeline.globalStart, base), -1e15, 1e15)));
+            seq.startFrame = wholeFrame(framesOf(timeline.globalStart, base));
         seq.dropFrame = Qv::has1001Factor(base.rate) && (base.ticks == 30 || base.ticks == 60);
 
         const Item* stack = &timeline;
@@ -386,9 +394,8 @@ DocumentClips listOtioClips(const QvOtio::Document& doc) {
             std::vector<ListedTrack>& group = isVideo ? video : audio;
             ListedTrack t{(isVideo ? "V" : "A") + std::to_string(group.size() + 1), isVideo, {}};
             for (Span& s : spans) {
-                s.item.start =
-                    static_cast<std::int64_t>(std::round(std::clamp(s.start, -1e15, 1e15)));
-                s.item.end = static_cast<std::int64_t>(std::round(std::clamp(s.end, -1e15, 1e15)));
+                s.item.start = wholeFrame(s.start);
+                s.item.end = wholeFrame(s.end);
                 t.items.push_back(std::move(s.item));
             }
             group.push_back(std::move(t));
@@ -546,9 +553,7 @@ class Checker {
     // transitions take of it does not count either way. `from` moves on
     // with the items.
     bool plays(const StoredChannel& ch, const ListedItem& i, double timebase, std::size_t& from) {
-        auto frame = [&](double cel) {
-            return static_cast<std::int64_t>(std::llround(std::clamp(cel * timebase, -1e15, 1e15)));
-        };
+        auto frame = [&](double cel) { return wholeFrame(cel * timebase); };
         const std::vector<CelData>& cels = ch.cels;
         while (from < cels.size() && frame(cels[from].editOut) <= i.start)
             ++from;

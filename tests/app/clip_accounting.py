@@ -95,6 +95,7 @@ def xmeml_clips(root):
                     # the earlier element of that name and id.
                     items.append(dict(naming[e.get("id")]))
                     continue
+                defines = names and bool(e.get("id"))
                 if not names and (e.findtext("masterclipid") or "").strip() in master_clips:
                     names = True
                 if not names:
@@ -105,7 +106,7 @@ def xmeml_clips(root):
                 if end == -1 and i + 1 < len(events):
                     end = number(events[i + 1].findtext("start"))
                 items.append({"name": e.findtext("name") or "", "start": start, "end": end})
-                if len(e) and e.get("id"):
+                if defines:
                     naming[e.get("id")] = items[-1]
             listed["tracks"].append({"name": name, "video": kind == "video", "items": items})
         sequences.append(listed)
