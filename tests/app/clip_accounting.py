@@ -42,7 +42,8 @@ import xml.etree.ElementTree as ET
 # The kinds of loss that say a clip's material does not play where its
 # editor put it.
 REPLACING = {"generator", "nested-sequence", "multiclip", "unknown-transition",
-             "unusable-file", "image-sequence", "unknown-media", "channel-missing",
+             "unusable-file", "image-sequence", "file-missing", "bare-reference",
+             "clip-not-placed", "cut-off", "unknown-media", "channel-missing",
              "nested-unplayed", "unknown-item", "unknown-track"}
 
 
