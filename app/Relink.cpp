@@ -49,11 +49,17 @@ class FileIndex {
                 end;
             for (; !ec && it != end; it.increment(ec)) {
                 std::error_code typeError;
-                if (!it->is_regular_file(typeError)) continue;
+                fs::file_status status = it->status(typeError);
                 std::string path = absolutePath(it->path().string());
                 std::string name = it->path().filename().string();
-                byName_[name].push_back(path);
-                byLowerName_[lowerCase(name)].push_back(path);
+                if (fs::is_regular_file(status)) {
+                    byName_[name].push_back(path);
+                    byLowerName_[lowerCase(name)].push_back(path);
+                } else if (!fs::is_directory(it->symlink_status(typeError))) {
+                    // Never probed: reading a pipe or a device could block
+                    // or never end.
+                    notFiles_.try_emplace(name, inQuotes(path) + " is " + whatIsNot(status));
+                }
             }
         }
         for (auto* map : {&byName_, &byLowerName_})
@@ -69,9 +75,35 @@ class FileIndex {
             return it->second;
         return {};
     }
+    // What an entry of that name is that is not a file ("\"x\" is a
+    // device"); empty when there is none.
+    std::string notAFile(const std::string& name) const {
+        auto it = notFiles_.find(name);
+        return it == notFiles_.end() ? "" : it->second;
+    }
 
   private:
+    static std::string whatIsNot(std::filesystem::file_status status) {
+        namespace fs = std::filesystem;
+        switch (status.type()) {
+            case fs::file_type::fifo:
+                return "a pipe (FIFO), not a file";
+            case fs::file_type::block:
+            case fs::file_type::character:
+                return "a device, not a file";
+            case fs::file_type::socket:
+                return "a socket, not a file";
+            case fs::file_type::directory:
+                return "a link to a folder, not a file";
+            case fs::file_type::not_found:
+                return "a link to nothing";
+            default:
+                return "not a regular file";
+        }
+    }
+
     std::map<std::string, std::vector<std::string>> byName_, byLowerName_;
+    std::map<std::string, std::string> notFiles_;
 };
 
 // What a shot knows of its media, to tell files of one name apart.
@@ -195,8 +227,11 @@ int Commands::relink(const Options& o) {
         }
         std::vector<std::string> candidates = files.find(name);
         if (candidates.empty()) {
-            std::fprintf(out_, "still offline %s: no file named %s in the search folders\n",
-                         label.c_str(), inQuotes(name).c_str());
+            if (std::string what = files.notAFile(name); !what.empty())
+                std::fprintf(out_, "still offline %s: %s\n", label.c_str(), what.c_str());
+            else
+                std::fprintf(out_, "still offline %s: no file named %s in the search folders\n",
+                             label.c_str(), inQuotes(name).c_str());
             continue;
         }
         // Every candidate is probed: one of the same name may still be
@@ -213,6 +248,8 @@ int Commands::relink(const Options& o) {
             else if (whyNot.empty())
                 whyNot = inQuotes(c) + ": " + why;
         }
+        if (LightweightString<char> why = takeMediaProbingUnavailable(); !why.empty())
+            std::fprintf(err_, "qvxml: %s\n", why.c_str());
         // The one file of that name is the shot's media, if it is media at
         // all; that it disagrees with the shot is said.
         std::string caveat;

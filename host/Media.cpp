@@ -45,6 +45,8 @@ MaterialImporter::Result MaterialImporter::importFile() {
     LightweightString<wchar_t> path = canonicalPath(info_->name());
     MediaProbe probe = probeMediaFile(path);
     if (!probe.ok) {
+        if (LightweightString<char> why = takeMediaProbingUnavailable(); !why.empty())
+            log_.WarningOut("%s", why.c_str());
         log_.ErrorOut("Cannot import \"%ls\": %s", path.c_str(), probe.error.c_str());
         return result;
     }

@@ -91,8 +91,16 @@ struct MediaProbe {
     LightweightString<char> timecode;  // start timecode, if the file names one
     LightweightString<char> reel;
 };
-// Opens a file with libavformat and reads what it holds.
+// Opens a file with libavformat and reads what it holds. Only a regular file
+// is opened (a FIFO, a device or a folder is passed over, and so is a file
+// whose first megabytes are all zeros), and only as much of it is read as a
+// probe needs. FFmpeg's libraries are loaded on the first call that needs
+// them; when they cannot be, every file is "not a media file that can be
+// read".
 MediaProbe probeMediaFile(const LightweightString<wchar_t>& path);
+// Once in a process, after a probe found that FFmpeg's libraries cannot be
+// loaded: a sentence saying so, for a warning. Empty otherwise.
+LightweightString<char> takeMediaProbingUnavailable();
 
 // Imports a record's material as a new shot in the current store.
 class MaterialImporter {

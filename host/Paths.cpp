@@ -1,10 +1,17 @@
 #include "host/Paths.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <memory>
 #include <string>
+#include <unordered_set>
 
 #include "host/OS.h"
 
@@ -270,43 +277,278 @@ bool isDirectory(const WS& path) {
     return ::stat(pathBytes(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+// ---- looking for a file by its name ----
+//
+// The answers are those of reading each folder, sorting its names by their
+// bytes, looking at each entry (lstat) and comparing its name byte for byte,
+// then doing the same in each sub-folder, in name order, eight deep at most.
+// They are found faster: in one folder, by looking at the one path
+// folder/name; in a tree, by walking it once into an index of names that a
+// DirectorySearchScope keeps.
+//
+// A file is a regular file, or a link to one. Other entries of the name
+// (pipes, devices, sockets, links to folders or to nothing) are never taken
+// for a file: opening one could block or read without end. They are passed
+// over, with a warning in the scope's log.
+
 namespace {
 
-void listDirectory(const std::string& dir, const std::string& wanted, WStringList& found,
-                   unsigned flags, int depth) {
+constexpr int kMaxDepth = 8;
+
+enum class Kind : std::uint8_t {
+    Folder,
+    File,
+    Pipe,
+    Device,
+    Socket,
+    LinkToFolder,
+    LinkToNothing,
+    Other,
+};
+
+const char* describe(Kind kind) {
+    switch (kind) {
+        case Kind::Pipe:
+            return "a pipe (FIFO)";
+        case Kind::Device:
+            return "a device";
+        case Kind::Socket:
+            return "a socket";
+        case Kind::LinkToFolder:
+            return "a link to a folder";
+        case Kind::LinkToNothing:
+            return "a link to nothing";
+        default:
+            return "not a regular file";
+    }
+}
+
+Kind kindOfMode(mode_t mode) {
+    if (S_ISDIR(mode)) return Kind::Folder;
+    if (S_ISREG(mode)) return Kind::File;
+    if (S_ISFIFO(mode)) return Kind::Pipe;
+    if (S_ISCHR(mode) || S_ISBLK(mode)) return Kind::Device;
+    if (S_ISSOCK(mode)) return Kind::Socket;
+    return Kind::Other;
+}
+
+// What an entry is, from what lstat said of it; a link is followed.
+Kind kindOf(const std::string& full, const struct stat& st) {
+    if (!S_ISLNK(st.st_mode)) return kindOfMode(st.st_mode);
+    struct stat target;
+    if (::stat(full.c_str(), &target) != 0) return Kind::LinkToNothing;
+    Kind k = kindOfMode(target.st_mode);
+    return k == Kind::Folder ? Kind::LinkToFolder : k;
+}
+
+std::string childPath(const std::string& dir, const std::string& name) {
+    if (dir.empty()) return name;
+    return dir.back() == '/' ? dir + name : dir + "/" + name;
+}
+
+// The entries of a folder, without "." and "..", in the order readdir gives
+// them; false when it cannot be read.
+bool readFolder(const std::string& dir, std::vector<std::string>& names) {
     DIR* d = ::opendir(dir.empty() ? "." : dir.c_str());
-    if (!d) return;
-    std::vector<std::string> names;
+    if (!d) return false;
     while (dirent* e = ::readdir(d)) {
-        std::string name = e->d_name;
-        if (name != "." && name != "..") names.push_back(name);
+        if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
+            names.emplace_back(e->d_name);
     }
     ::closedir(d);
-    std::sort(names.begin(), names.end());
+    return true;
+}
 
-    std::vector<std::string> subdirectories;
-    for (const std::string& name : names) {
-        std::string full = dir.empty() ? name : (dir.back() == '/' ? dir + name : dir + "/" + name);
-        struct stat st;
-        if (::lstat(full.c_str(), &st) != 0) continue;
-        bool isDir = S_ISDIR(st.st_mode);
-        if (isDir) subdirectories.push_back(full);
-        bool kind = isDir ? (flags & kDirIncludeDirectories) : (flags & kDirIncludeFiles);
-        if (kind && name == wanted) found.push_back(pathFromBytes(full));
+bool folderCanBeRead(const std::string& dir) {
+    int fd = ::open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return false;
+    ::close(fd);
+    return true;
+}
+
+// Every name in a folder and the folders below it, in the order the search
+// reports them: a folder's own entries, then each sub-folder's, in name
+// order.
+class TreeIndex {
+  public:
+    struct Entry {
+        std::string name;
+        std::uint32_t folder;
+        Kind kind;
+    };
+
+    explicit TreeIndex(const std::string& root) {
+        walk(root, 0);
+        // Entries of one name stay in the order of the walk.
+        std::stable_sort(entries_.begin(), entries_.end(), byName);
     }
-    // Symbolic links to directories are not followed (lstat), so the walk
-    // cannot loop; the depth bound keeps a search near the document.
-    if ((flags & kDirRecurse) && depth < 8) {
-        for (const std::string& sub : subdirectories)
-            listDirectory(sub, wanted, found, flags, depth + 1);
+
+    template <class Visit>
+    void find(const std::string& name, Visit visit) const {
+        auto [first, last] =
+            std::equal_range(entries_.begin(), entries_.end(), Entry{name, 0, Kind::Other}, byName);
+        for (auto it = first; it != last; ++it)
+            visit(childPath(folders_[it->folder], it->name), it->kind);
     }
+
+  private:
+    static bool byName(const Entry& a, const Entry& b) { return a.name < b.name; }
+
+    void walk(const std::string& dir, int depth) {
+        std::vector<std::string> names;
+        if (!readFolder(dir, names)) return;
+        std::sort(names.begin(), names.end());
+        auto here = static_cast<std::uint32_t>(folders_.size());
+        folders_.push_back(dir);
+        std::vector<std::string> subfolders;
+        for (std::string& name : names) {
+            std::string full = childPath(dir, name);
+            struct stat st;
+            if (::lstat(full.c_str(), &st) != 0) continue;
+            Kind kind = kindOf(full, st);
+            if (kind == Kind::Folder) subfolders.push_back(std::move(full));
+            entries_.push_back({std::move(name), here, kind});
+        }
+        // Links to folders are not followed, so the walk cannot loop; the
+        // depth bound keeps a search near its folder.
+        if (depth < kMaxDepth)
+            for (const std::string& sub : subfolders)
+                walk(sub, depth + 1);
+    }
+
+    std::vector<std::string> folders_;
+    std::vector<Entry> entries_;
+};
+
+thread_local DirectorySearchScope::State* currentSearch = nullptr;
+
+}  // namespace
+
+struct DirectorySearchScope::State {
+    LoggerHandle log;
+    std::map<std::string, std::unique_ptr<TreeIndex>> trees;
+    std::map<std::string, bool> readable;
+    std::map<std::string, std::unordered_set<std::string>> names;
+    std::unordered_set<std::string> passedOver;
+
+    const TreeIndex& tree(const std::string& root) {
+        std::unique_ptr<TreeIndex>& t = trees[root];
+        if (!t) t = std::make_unique<TreeIndex>(root);
+        return *t;
+    }
+    bool canRead(const std::string& dir) {
+        auto [it, fresh] = readable.try_emplace(dir, false);
+        if (fresh) it->second = folderCanBeRead(dir);
+        return it->second;
+    }
+    bool holds(const std::string& dir, const std::string& name) {
+        auto [it, fresh] = names.try_emplace(dir);
+        if (fresh) {
+            std::vector<std::string> list;
+            readFolder(dir, list);
+            it->second.insert(list.begin(), list.end());
+        }
+        return it->second.count(name) > 0;
+    }
+    void passOver(const std::string& full, Kind kind) {
+        if (!passedOver.insert(full).second) return;
+        log.WarningOut("passed over \"%s\": it is %s, not a regular file", full.c_str(),
+                       describe(kind));
+    }
+};
+
+DirectorySearchScope::DirectorySearchScope(LoggerHandle log)
+    : state_(new State), outer_(currentSearch) {
+    state_->log = std::move(log);
+    currentSearch = state_;
+}
+
+DirectorySearchScope::~DirectorySearchScope() {
+    currentSearch = outer_;
+    delete state_;
+}
+
+namespace {
+
+bool holdsName(DirectorySearchScope::State* scope, const std::string& dir,
+               const std::string& name) {
+    if (scope) return scope->holds(dir, name);
+    std::vector<std::string> list;
+    readFolder(dir, list);
+    return std::find(list.begin(), list.end(), name) != list.end();
+}
+
+// Whether the entry that dir/name reached is named so byte for byte. In a
+// folder that folds case (a FAT or exFAT drive, a case-insensitive share)
+// the path reaches "Clip.MOV" too, which a comparison of names would not
+// take. Where the name with its ASCII letters in the other case reaches
+// another entry, or none, the folder tells names apart and the answer is
+// yes; otherwise the folder's own list of names decides.
+bool namedExactly(DirectorySearchScope::State* scope, const std::string& dir,
+                  const std::string& name, const struct stat& reached) {
+    std::string swapped = name;
+    bool letters = false;
+    for (char& c : swapped) {
+        if (c >= 'a' && c <= 'z') {
+            c = static_cast<char>(c - 'a' + 'A');
+            letters = true;
+        } else if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+            letters = true;
+        }
+    }
+    if (letters) {
+        struct stat other;
+        if (::lstat(childPath(dir, swapped).c_str(), &other) != 0 ||
+            other.st_ino != reached.st_ino || other.st_dev != reached.st_dev)
+            return true;
+    }
+    return holdsName(scope, dir, name);
+}
+
+// Adds what the search takes of an entry of the name, or passes it over.
+void take(DirectorySearchScope::State* scope, const std::string& full, Kind kind, unsigned flags,
+          WStringList& found) {
+    if (kind == Kind::Folder) {
+        if (flags & kDirIncludeDirectories) found.push_back(pathFromBytes(full));
+    } else if (flags & kDirIncludeFiles) {
+        if (kind == Kind::File)
+            found.push_back(pathFromBytes(full));
+        else if (scope)
+            scope->passOver(full, kind);
+    }
+}
+
+void findInFolder(DirectorySearchScope::State* scope, const std::string& dir,
+                  const std::string& name, unsigned flags, WStringList& found) {
+    // No entry of a folder is called so, or holds a separator or a zero.
+    if (name == "." || name == ".." ||
+        name.find_first_of(std::string("/\0", 2)) != std::string::npos)
+        return;
+    std::string full = childPath(dir, name);
+    struct stat st;
+    if (::lstat(full.c_str(), &st) != 0) return;
+    // A folder that cannot be listed gives no names.
+    if (!(scope ? scope->canRead(dir) : folderCanBeRead(dir))) return;
+    if (!namedExactly(scope, dir, name, st)) return;
+    take(scope, full, kindOf(full, st), flags, found);
 }
 
 }  // namespace
 
 void getDirectoryContents(const WS& dir, const WS& name, WStringList& found, unsigned int flags) {
     if (name.empty()) return;
-    listDirectory(pathBytes(dir), pathBytes(name), found, flags, 0);
+    std::string folder = pathBytes(dir), wanted = pathBytes(name);
+    // A path cannot hold a zero byte: no folder is called so.
+    if (folder.find('\0') != std::string::npos) return;
+    DirectorySearchScope::State* scope = currentSearch;
+    auto visit = [&](const std::string& full, Kind kind) { take(scope, full, kind, flags, found); };
+    if (!(flags & kDirRecurse))
+        findInFolder(scope, folder, wanted, flags, found);
+    else if (scope)
+        scope->tree(folder).find(wanted, visit);
+    else
+        TreeIndex(folder).find(wanted, visit);
 }
 
 namespace Qv::FilespecUtils {

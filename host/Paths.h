@@ -14,6 +14,7 @@
 
 #include "host/Containers.h"
 #include "host/LightweightString.h"
+#include "host/Logger.h"
 
 using WStringList =
     std::vector<LightweightString<wchar_t>, StdAllocator<LightweightString<wchar_t>>>;
@@ -68,10 +69,39 @@ enum : unsigned int {
 // `name`, in name order; with kDirRecurse the sub-directories follow, in name
 // order, after the entries of the directory itself. The name is compared
 // byte for byte: "clip?.mov" and "Interview [take 2].mov" are names, not
-// patterns. An empty `dir` is the current directory.
+// patterns. An empty `dir` is the current directory. Links to folders are
+// never followed; the search goes eight folders deep at most.
+//
+// A file is a regular file or a link to one: a pipe, a device, a socket or a
+// link to a folder or to nothing is never taken for one (reading it could
+// block or never end); a DirectorySearchScope's log warns of each such entry
+// of the name.
+//
+// Without kDirRecurse the answer costs a look at the one path dir/name. With
+// it, the tree is walked once into an index of names while a
+// DirectorySearchScope lives on the calling thread (once per call otherwise).
 void getDirectoryContents(const LightweightString<wchar_t>& dir,
                           const LightweightString<wchar_t>& name, WStringList& found,
                           unsigned int flags);
+
+// While one lives, getDirectoryContents on its thread answers from what it
+// saw of each folder earlier in the scope's life: a run that looks for many
+// names under one folder (an import that resolves the media of its shots)
+// walks the folder once. Files that appear or go during the scope's life may
+// be missed or reported. Entries passed over are told once each in `log`.
+// Scopes nest; the innermost answers.
+class DirectorySearchScope {
+  public:
+    explicit DirectorySearchScope(LoggerHandle log = LoggerHandle());
+    ~DirectorySearchScope();
+    DirectorySearchScope(const DirectorySearchScope&) = delete;
+    DirectorySearchScope& operator=(const DirectorySearchScope&) = delete;
+    struct State;
+
+  private:
+    State* state_;
+    State* outer_;
+};
 
 namespace Qv::FilespecUtils {
 // Joins a directory, a file stem and an extension (with its full stop) into a

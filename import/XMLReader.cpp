@@ -44,6 +44,9 @@ ImportResult XMLReader::completeImport(int status, const LightweightString<wchar
     }
 
     int total = static_cast<int>(shotList.size()), done = 0;
+    // Media that moved is looked for under the same folder for every shot:
+    // the folder is read once for all of them.
+    DirectorySearchScope searches(logger);
     for (CED2* shot : each<CED2>(shotList)) {
         materialQueue.clear();
         resolveShotMaterial(shot, documentPath);

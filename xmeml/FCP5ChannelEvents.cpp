@@ -16,6 +16,7 @@
 #include <memory>
 
 #include "xmeml/FCP5ReaderSupport.h"
+#include "xmeml/FCP5ReaderTrack.h"
 #include "xmeml/FCP5XMLReader.h"
 
 namespace XML {
@@ -31,157 +32,7 @@ namespace {
 // The wipe effect: a magic cookie whose first word names the effect.
 const Cookie kWipeCookie(kCookieVideo, 46677, kMagicWord, 0);
 
-constexpr long long kBehind = std::numeric_limits<long long>::min();
-
-// Where an item can stand in the position order, seen from `pos`: its start
-// when that is known and not behind, else its end when that is known and
-// ahead. An item with neither lies behind `pos`.
-bool keyOf(int start, int end, int pos, long long& key) {
-    if (start != -1 && start >= pos) {
-        key = start;
-        return true;
-    }
-    if (end != -1 && end > pos) {
-        key = end;
-        return true;
-    }
-    return false;
-}
-
 }  // namespace
-
-// One item of a track, parsed once, with its two positions.
-struct FCP5XMLReader::TrackItem {
-    const XMLParser::Value* value = nullptr;  // when the item came as a text
-    std::unique_ptr<XMLParser> parser;        // null for an item with nothing inside
-    bool hasText = false;
-    int start = 0, end = 0;
-};
-
-// The items of one track, with what the merge by position needs to find the
-// next one without walking the track again: the next clip item that has
-// text, and a tree of the furthest position each transition item reaches, so
-// that transitions lying behind the walk are passed over in logarithmic time.
-struct FCP5XMLReader::Track {
-    using Item = TrackItem;
-    std::vector<Item> clips, transitions;
-    std::vector<std::size_t> nextClip;  // first clip at or after i with text
-    std::vector<long long> reach;       // max tree over the transitions
-    std::size_t leaves = 1;
-
-    Track(const std::vector<XMLParser::Value>& clipItems,
-          const std::vector<XMLParser::Value>& transItems) {
-        fill(clips, clipItems);
-        fill(transitions, transItems);
-        index();
-    }
-    Track(std::vector<std::unique_ptr<XMLParser>> clipItems,
-          std::vector<std::unique_ptr<XMLParser>> transItems) {
-        fill(clips, std::move(clipItems));
-        fill(transitions, std::move(transItems));
-        index();
-    }
-
-    static void positions(Item& item) {
-        item.hasText = item.parser != nullptr;
-        if (!item.parser) return;
-        item.start = intOf(*item.parser, "start", 0);
-        item.end = intOf(*item.parser, "end", 0);
-    }
-    static void fill(std::vector<Item>& out, const std::vector<XMLParser::Value>& values) {
-        out.resize(values.size());
-        for (std::size_t i = 0; i < values.size(); ++i) {
-            out[i].value = &values[i];
-            if (!values[i].text.empty())
-                out[i].parser = std::make_unique<XMLParser>(values[i].text.c_str(), -1);
-            positions(out[i]);
-        }
-    }
-    static void fill(std::vector<Item>& out, std::vector<std::unique_ptr<XMLParser>> parsers) {
-        out.resize(parsers.size());
-        for (std::size_t i = 0; i < parsers.size(); ++i) {
-            out[i].parser = std::move(parsers[i]);
-            positions(out[i]);
-        }
-    }
-
-    void index() {
-        nextClip.assign(clips.size() + 1, clips.size());
-        for (std::size_t i = clips.size(); i-- > 0;)
-            nextClip[i] = clips[i].hasText ? i : nextClip[i + 1];
-        while (leaves < transitions.size())
-            leaves *= 2;
-        reach.assign(2 * leaves, kBehind);
-        for (std::size_t i = 0; i < transitions.size(); ++i) {
-            const Item& t = transitions[i];
-            long long r = kBehind;
-            if (t.hasText) {
-                // The key exists while pos <= start or pos < end.
-                if (t.start != -1) r = t.start;
-                if (t.end != -1) r = std::max(r, static_cast<long long>(t.end) - 1);
-            }
-            reach[leaves + i] = r;
-        }
-        for (std::size_t i = leaves; i-- > 1;)
-            reach[i] = std::max(reach[2 * i], reach[2 * i + 1]);
-    }
-
-    // The first transition at or after `from` that has text and does not lie
-    // behind `pos`; transitions.size() when there is none.
-    std::size_t transitionFrom(std::size_t from, int pos) const {
-        if (from >= transitions.size()) return transitions.size();
-        return descend(1, 0, leaves, from, pos);
-    }
-
-    std::size_t descend(std::size_t node, std::size_t lo, std::size_t hi, std::size_t from,
-                        int pos) const {
-        if (hi <= from || reach[node] < pos) return transitions.size();
-        if (hi - lo == 1) return lo < transitions.size() ? lo : transitions.size();
-        std::size_t mid = (lo + hi) / 2;
-        std::size_t left = descend(2 * node, lo, mid, from, pos);
-        if (left != transitions.size()) return left;
-        return descend(2 * node + 1, mid, hi, from, pos);
-    }
-
-    struct Pick {
-        bool found = false;
-        bool transition = false;
-        std::size_t index = 0;
-    };
-
-    // The next item after the two cursors, by position; on a tie the clip
-    // comes first.
-    Pick next(int pos, int clipIndex, int transIndex, bool acceptPast) const {
-        Pick clip, trans;
-        long long clipKey = 0, transKey = 0;
-        std::size_t c = nextClip[static_cast<std::size_t>(clipIndex + 1)];
-        if (c < clips.size()) {
-            if (keyOf(clips[c].start, clips[c].end, pos, clipKey)) {
-                clip = {true, false, c};
-            } else if (acceptPast) {
-                return {true, false, c};
-            }
-            // A clip behind the walk is not looked past: later clips wait.
-        }
-        std::size_t t = transitionFrom(static_cast<std::size_t>(transIndex + 1), pos);
-        if (t < transitions.size() &&
-            keyOf(transitions[t].start, transitions[t].end, pos, transKey))
-            trans = {true, true, t};
-        if (clip.found && trans.found) return transKey < clipKey ? trans : clip;
-        return clip.found ? clip : trans;
-    }
-
-    Item& at(const Pick& p) { return p.transition ? transitions[p.index] : clips[p.index]; }
-};
-
-// The state of one walk: what has been written, and the transition a clip
-// may start in.
-struct FCP5XMLReader::Cursor {
-    int pos = 0;
-    int clipIndex = -1, transIndex = -1;
-    int pendingLen = 0;
-    bool pendingTrans = false;
-};
 
 bool FCP5XMLReader::getNextTrackItem(int pos, int& clipIndex, int& transIndex, bool acceptPast,
                                      const std::vector<XMLParser::Value>& clipItems,
@@ -196,6 +47,14 @@ bool FCP5XMLReader::getNextTrackItem(int pos, int& clipIndex, int& transIndex, b
     (p.transition ? transIndex : clipIndex) = static_cast<int>(p.index);
     itemText = track.at(p).value->text;
     return true;
+}
+
+bool FCP5XMLReader::asTransition(bool fromTransitions, const XMLParser& item) {
+    // The original reading takes any item that holds an alignment, at any
+    // depth, for a transition, whatever list it came from: a clip item that
+    // holds a nested sequence with fades in it among them. By default the
+    // list decides.
+    return legacy() ? present(item, "alignment") : fromTransitions;
 }
 
 void FCP5XMLReader::appendBlack(CChannel* channel, bool isVideo, long long from,
@@ -225,6 +84,9 @@ int FCP5XMLReader::parseEventsForChannel(bool isVideo, CChannel* channel,
 }
 
 int FCP5XMLReader::walkTrack(Track& track, bool isVideo, CChannel* channel, double seqDuration) {
+    // The original reading stops at a clip that lies under the one before
+    // it: every clip after it on the track plays black.
+    track.lookPast = !legacy();
     Cursor cursor;
     for (;;) {
         Track::Pick p =
@@ -236,14 +98,20 @@ int FCP5XMLReader::walkTrack(Track& track, bool isVideo, CChannel* channel, doub
             logger.ErrorOut("Empty track component");
             return 0;
         }
-        // Whatever list an item came from, an alignment makes it a transition.
-        if (present(*item.parser, "alignment")) {
+        if (asTransition(p.transition, *item.parser)) {
             addTransition(cursor, item, isVideo, channel);
         } else if (addClip(track, cursor, item, isVideo, channel, seqDuration) != 1) {
             return 0;
         }
         item.parser.reset();  // each item is delivered once
     }
+    // A clip that lies behind one placed before it is never reached.
+    for (TrackItem& clip : track.clips)
+        if (clip.parser) {
+            LightweightString<char> name = leaf(*clip.parser, "name");
+            LightweightString<char> id = fcp5read::idOf(*clip.parser);
+            reportLoss(lossHere("clip-not-placed", clip.start, fcp5read::itemText(name, id)), true);
+        }
     // Black to the end of the sequence.
     int seqTicks = truncateToInt32(seqDuration * ticksPerSecond);
     if (cursor.pos < seqTicks) appendBlack(channel, isVideo, cursor.pos, seqTicks);
@@ -256,9 +124,10 @@ void FCP5XMLReader::addTransition(Cursor& cursor, TrackItem& item, bool isVideo,
     int start = item.start, end = item.end;
     int in = intOf(ip, "in", 0), out = intOf(ip, "out", 0);
 
-    // A transition from black, at the head of a clip, leaves nothing for the
-    // next clip to start in.
-    if (leaf(ip, "alignment") == "end_black") {
+    // A fade to black, at the tail of a clip, leaves nothing for the next
+    // clip to start in. Final Cut Pro and Premiere spell it "end-black".
+    LightweightString<char> alignment = leaf(ip, "alignment");
+    if (alignment == "end_black" || alignment == "end-black") {
         cursor.pendingLen = 0;
         cursor.pendingTrans = false;
     } else {
@@ -273,10 +142,14 @@ void FCP5XMLReader::addTransition(Cursor& cursor, TrackItem& item, bool isVideo,
     cel->sourceOut = out * secondsPerTick;
 
     XMLParser::Value effect = ip.getValue("effect", 0);
+    LightweightString<char> what;  // the effect, as losses name it
+    bool asDissolve = false;
     if (effect.text.empty()) {
         cel->refId = "...?...";
     } else {
         XMLParser ep(effect.text.c_str(), -1);
+        what = leaf(ep, "name");
+        if (what.empty()) what = leaf(ep, "effectid");
         if (!(leaf(ep, "effecttype") == "transition")) {
             cel->refId = "...?...";
         } else if (!isVideo) {
@@ -289,11 +162,20 @@ void FCP5XMLReader::addTransition(Cursor& cursor, TrackItem& item, bool isVideo,
                                       leaf(ep, "reverse") == "TRUE" ? eWipeReverse : eWipeForward);
             } else if (category == "Dissolve") {
                 cel->cookie = video_dissolve;
+                LightweightString<char> id = leaf(ep, "effectid");
+                asDissolve = !id.empty() && !(id == "Cross Dissolve");
             } else {
                 cel->refId = "...?...";
             }
         }
     }
+    if (what.empty()) what = "a transition";
+    long long at = start >= 0 ? start : cursor.pos;
+    if (cel->refId == "...?...")
+        reportLoss(lossHere("unknown-transition", at, "\"" + what + "\""), true);
+    else if (asDissolve)
+        reportLoss(lossHere("transition-as-dissolve", at, "\"" + what + "\""), false);
+    if (fcp5read::disabled(ip)) reportLoss(lossHere("disabled", at, "\"" + what + "\""), false);
 
     if (start > cursor.pos) appendBlack(channel, isVideo, cursor.pos, start);
     cursor.pos = end;
@@ -359,7 +241,7 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
     long long sourceEnd;
     if (end == -1) {
         Track::Pick peek = track.next(cursor.pos, cursor.clipIndex, cursor.transIndex, false);
-        if (!peek.found || !present(*track.at(peek).parser, "alignment")) {
+        if (!peek.found || !asTransition(peek.transition, *track.at(peek).parser)) {
             logger.ErrorOut("Invalid component order");
             return 0;
         }
@@ -375,32 +257,64 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
 
     if (cursor.pos < start) appendBlack(channel, isVideo, cursor.pos, start);
 
-    CED2Cell* cel = new CED2Cell;
-    cel->refIsGhost = clipItemReferencesSubClip(ip);
-    LightweightString<char> base;
-    if (cel->refIsGhost) {
-        base = leaf(ip, "name");
-    } else if (XMLParser::Value file = ip.getValue("file", 0); !file.attributes.empty()) {
-        base = file.attributes[0].value;
+    if (item.generator) {
+        // What a generator makes cannot be played here: its place is black.
+        appendBlack(channel, isVideo, start, end);
+        LightweightString<char> what = leaf(ip, "name");
+        if (XMLParser::Value effect = ip.getValue("effect", 0); !effect.text.empty()) {
+            XMLParser ep(effect.text.c_str(), -1);
+            if (LightweightString<char> n = leaf(ep, "name"); !n.empty()) what = n;
+        }
+        reportLoss(lossHere("generator", start, fcp5read::itemText(what, fcp5read::idOf(ip))),
+                   true);
+        cursor.pos = toInt(end);
+        cursor.pendingLen = 0;
+        cursor.pendingTrans = false;
+        return 1;
     }
+
+    CED2Cell* cel = new CED2Cell;
+    // By default a clip item that holds or names a sequence plays that
+    // sequence's edit; the original reading plays the first file inside it.
+    std::string nested = legacy() ? std::string() : nestedKey(ip);
+    double sourceSecondsPerTick = secondsPerTick;
+    LightweightString<char> base;
+    if (!nested.empty()) {
+        cel->refIsGhost = true;
+        base = LightweightString<char>(nested);
+        // Its in point counts in the nested sequence's frames.
+        if (auto t = sequenceTicks_.find(nested); t != sequenceTicks_.end() && t->second > 0)
+            sourceSecondsPerTick = 1.0 / t->second;
+    } else {
+        cel->refIsGhost = clipItemReferencesSubClip(ip);
+        if (cel->refIsGhost) {
+            base = leaf(ip, "name");
+        } else if (XMLParser::Value file = ip.getValue("file", 0); !file.attributes.empty()) {
+            base = file.attributes[0].value;
+        }
+    }
+    int trackNumber = 1;
     if (base.empty()) {
         cel->refId = "...?...";
     } else if (isVideo) {
         cel->refId = base + "$0$";
     } else {
         // An audio cel plays the file's channel that its source track names.
-        // Only the first character of the number is kept.
-        int trackNumber = 1;
         XMLParser::Value source = ip.getValue("sourcetrack", 0);
         if (!source.text.empty()) {
             XMLParser sp(source.text.c_str(), -1);
             scanInt(leaf(sp, "trackindex"), trackNumber);
         }
-        char digits[16];
-        std::snprintf(digits, sizeof digits, "%1d", trackNumber);
-        cel->refId = base + "$";
-        cel->refId += digits[0];
-        cel->refId += "$";
+        if (legacy()) {
+            // The original reading keeps the first character of the number.
+            char digits[16];
+            std::snprintf(digits, sizeof digits, "%1d", trackNumber);
+            cel->refId = base + "$";
+            cel->refId += digits[0];
+            cel->refId += "$";
+        } else {
+            cel->refId = base + formatText("$%d$", trackNumber);
+        }
     }
 
     if (frozen) {
@@ -411,9 +325,43 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
     }
     cel->editIn = static_cast<double>(start) * secondsPerTick;
     cel->editOut = static_cast<double>(end) * secondsPerTick;
-    cel->sourceIn = in * secondsPerTick;
-    cel->sourceOut = out * secondsPerTick;
+    cel->sourceIn = in * sourceSecondsPerTick;
+    cel->sourceOut =
+        nested.empty() ? out * secondsPerTick : cel->sourceIn + (out - in) * secondsPerTick;
     channel->cels.append(cel);
+
+    // What the reader passes over in the item, and what its references
+    // need: checked once every record is made.
+    LightweightString<char> itemName = leaf(ip, "name");
+    LightweightString<char> itemId = fcp5read::idOf(ip);
+    LightweightString<char> detail = fcp5read::itemText(itemName, itemId);
+    reportItem(ip, start, detail);
+    if (legacy() && !ip.sections_TopLevel("sequence").empty())
+        reportLoss(lossHere("nested-sequence", start, detail), false);
+    if (place_.cutAt >= 0 && end > place_.cutAt)
+        reportLoss(lossHere("cut-off", start, detail), true);
+    if (!nested.empty()) {
+        nestedUses_.push_back(
+            {currentSequence_, nested, cel, lossHere("nested-sequence", start, detail)});
+    }
+    if (!cel->refIsGhost && !base.empty()) {
+        if (auto f = fileFacts_.find(base.str()); f != fileFacts_.end()) {
+            FileNeeds& needs = fileNeeds_[base.str()];
+            double reach = std::max(cel->sourceIn, cel->sourceOut);
+            if (!(reach > 0)) reach = cel->editOut - cel->editIn;
+            needs.length = std::max(needs.length, reach);
+            if (isVideo)
+                needs.video = true;
+            else
+                needs.audioChannels = std::max(needs.audioChannels, trackNumber);
+            if (!f->second.mediaSource.empty())
+                reportLoss(lossHere("generator", start,
+                                    detail + ", synthetic media \"" + f->second.mediaSource + "\""),
+                           true);
+        }
+    }
+    if (places_.empty()) places_.push_back(place_);
+    pendingRefs_.push_back({cel, isVideo, itemName, itemId, places_.size() - 1, start});
 
     // Level keyframes, in the clip's source frames, placed on the sequence
     // as fractions of its length.

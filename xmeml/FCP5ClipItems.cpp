@@ -21,6 +21,11 @@ using fcp5read::readRate;
 
 int FCP5XMLReader::processClipItem(bool isMasterClip, XMLParser& clipParser, XMLParser& itemParser,
                                    bool subClipPass) {
+    // An item that plays a nested sequence names no media of its own: by
+    // default it is read as a use of the sequence, not of the first file
+    // inside it.
+    if (!legacy() && !itemParser.sections_TopLevel("sequence").empty()) return 1;
+
     LightweightString<char> name = leaf(itemParser, "name");
     if (name.empty()) name = "NoName";
 
@@ -43,6 +48,10 @@ int FCP5XMLReader::processClipItem(bool isMasterClip, XMLParser& clipParser, XML
     int startOffset = 0, endOffset = 0;
     RefIdMap::RefIdMapRec rec;
     if (!ghostRoute) {
+        // An item without a file has no shot to make: the original reading
+        // makes one under an empty name, which is then dropped with a
+        // warning that names nothing.
+        if (fileId.empty() && !legacy()) return 1;
         refBase = fileId;
         key = fileId + "$0$";
         if (clipRefs.findRef(key, rec)) {
@@ -78,11 +87,16 @@ int FCP5XMLReader::processClipItem(bool isMasterClip, XMLParser& clipParser, XML
     }
     if (!ced2) return 1;  // an entry whose record is gone
 
-    double rateValue = 1.0;
-    readRate(itemParser, rateValue);
-    Qv::FrameRate rate = Qv::getEquivalentQvFrameRate(rateValue);
-    double fps = Qv::getFramesPerSecond(rate);
-    double ticks = static_cast<double>(Qv::getTicksPerSecond(rate));
+    RateReading reading = readingOf(itemParser, documentRate_);
+    if (legacy() && !reading.rate) {
+        // Without a rate the original reading counts at 1.0: no rate.
+        double rateValue = 1.0;
+        readRate(itemParser, rateValue);
+        reading.rate = Qv::getEquivalentQvFrameRate(rateValue);
+    }
+    Qv::FrameRate rate = reading.rate;
+    double fps = legacy() ? Qv::getFramesPerSecond(rate) : reading.fps;
+    double ticks = legacy() ? static_cast<double>(Qv::getTicksPerSecond(rate)) : reading.ticks;
     // Every visit sets the medium: the last one decides.
     ced2->sourceMedium = getMediumRollfromInputDetails(Qv::Image::eScanProgressive, rate);
 
@@ -117,6 +131,13 @@ int FCP5XMLReader::processClipItem(bool isMasterClip, XMLParser& clipParser, XML
         {"lognote", &ced2->notesTxt}};
     for (const auto& [element, field] : texts)
         if (LightweightString<char> t = leaf(itemParser, element); !t.empty()) *field = t;
+    // A master clip keeps its log in its own `logginginfo`, beside its
+    // media: by default a bin of clips brings its log along.
+    if (isMasterClip && !legacy())
+        for (const std::unique_ptr<XMLParser>& log : clipParser.sections_TopLevel("logginginfo"))
+            if (log)
+                for (const auto& [element, field] : texts)
+                    if (LightweightString<char> t = leaf(*log, element); !t.empty()) *field = t;
 
     if (!linked) {
         RefIdMap::RefIdMapRec frec;
@@ -127,6 +148,7 @@ int FCP5XMLReader::processClipItem(bool isMasterClip, XMLParser& clipParser, XML
             if (frec.isSingleImage) clipRefs.setIsSingleImage(key);
             ced2->originLocator = fileRec->originLocator;
             ced2->editName = fileRec->get_editName();
+            ced2->rate = fileRec->rate;  // set only for a rate the host does not know
 
             auto addMediaCel = [&](CChannel* channel) {
                 CED2Cell* cel = new CED2Cell;

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <climits>
+#include <cmath>
 #include <cstdint>
 
+#include "host/FrameRate.h"
 #include "host/XMLParser.h"
 #include "import/Scan.h"
 
@@ -48,6 +50,71 @@ inline bool readRate(const XMLParser& parser, double& value) {
     value = static_cast<double>(frames);
     if (leaf(rp, "ntsc") == "TRUE") value /= 1.001;
     return true;
+}
+
+// A `rate` element as the document counts it, and the host's rate for it.
+struct DocRate {
+    bool present = false;  // a rate with a timebase
+    int timebase = 0;
+    bool ntsc = false;
+    double fps = 0;                            // timebase, over 1.001 when ntsc
+    Qv::FrameRate exact = Qv::eFrameRateNone;  // the host's rate of exactly that value
+};
+
+// The first `rate` element, read as readRate reads it.
+inline DocRate docRateOf(const XMLParser& parser) {
+    DocRate r;
+    XMLParser::Value rate = parser.getValue("rate", 0);
+    if (rate.text.empty()) return r;
+    XMLParser rp(rate.text.c_str(), -1);
+    LightweightString<char> timebase = leaf(rp, "timebase");
+    if (timebase.empty()) return r;
+    r.present = true;
+    scanInt(timebase, r.timebase);
+    r.ntsc = leaf(rp, "ntsc") == "TRUE";
+    r.fps = static_cast<double>(r.timebase);
+    if (r.ntsc) r.fps /= 1.001;
+    r.exact = Qv::getEquivalentQvFrameRate(r.fps);
+    return r;
+}
+
+// The host's rate nearest to a number of frames a second; none for a number
+// that is not above zero.
+inline Qv::FrameRate nearestKnownRate(double fps) {
+    Qv::FrameRate best = Qv::eFrameRateNone;
+    if (!(fps > 0) || !std::isfinite(fps)) return best;
+    int count = 0;
+    const Qv::FrameRate* rates = Qv::allFrameRates(count);
+    double distance = 0;
+    for (int i = 0; i < count; ++i) {
+        double d = std::fabs(Qv::getFramesPerSecond(rates[i]) - fps);
+        if (best == Qv::eFrameRateNone || d < distance) {
+            best = rates[i];
+            distance = d;
+        }
+    }
+    return best;
+}
+
+// The `id` attribute of an element read through a section; empty if none.
+inline LightweightString<char> idOf(const XMLParser& element) {
+    for (const XMLParser::Tag& a : element.attributes())
+        if (a.name == "id") return a.value;
+    return {};
+}
+
+// How losses name a clip item: "name" (clipitem-5).
+inline LightweightString<char> itemText(const LightweightString<char>& name,
+                                        const LightweightString<char>& id) {
+    LightweightString<char> out = "\"" + name + "\"";
+    if (!id.empty()) out += " (" + id + ")";
+    return out;
+}
+
+// An item switched off in its editor: its own `enabled` is "FALSE".
+inline bool disabled(const XMLParser& item) {
+    std::vector<XMLParser::Value> enabled = item.getSections_TopLevel("enabled");
+    return !enabled.empty() && enabled[0].text == "FALSE";
 }
 
 // Tick arithmetic is done in 64 bits and brought back into the 32-bit range,

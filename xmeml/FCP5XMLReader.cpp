@@ -1,7 +1,9 @@
 #include "xmeml/FCP5XMLReader.h"
 
 #include "host/VideoFormat.h"
+#include "plugin/Interchange.h"
 #include "xmeml/FCP5ReaderSupport.h"
+#include "xmeml/FCP5ReaderTrack.h"
 
 namespace XML {
 
@@ -23,18 +25,67 @@ ShotVideoMetadata formatOfMedium(MediumRollMedium medium) {
 
 }  // namespace
 
+bool FCP5XMLReader::legacy() {
+    if (legacy_ < 0) legacy_ = legacyInterchange() ? 1 : 0;
+    return legacy_ == 1;
+}
+
+FCP5XMLReader::RateReading FCP5XMLReader::readingOf(const fcp5read::DocRate& r) {
+    RateReading out;
+    if (!r.present) return out;
+    out.rate = r.exact;
+    out.fps = Qv::getFramesPerSecond(r.exact);
+    out.ticks = Qv::getTicksPerSecond(r.exact);
+    // The original reading knows only the host's rates: any other counts
+    // no time at all.
+    if (legacy() || r.exact != Qv::eFrameRateNone || !(r.fps > 0)) return out;
+    // Phones record at rates of their own (Premiere writes timebase 29, 34,
+    // ...): the nearest rate the host knows stands for it, and the
+    // document's frames keep their own length.
+    out.rate = fcp5read::nearestKnownRate(r.fps);
+    out.fps = r.fps;
+    out.ticks = r.timebase;
+    if (warnedRates_.insert({r.timebase, r.ntsc}).second)
+        logger.WarningOut(
+            "Timebase %d%s is not a rate Quvera knows: it is read as %s, and its frames keep "
+            "their length of 1/%d of a second",
+            r.timebase, r.ntsc ? " (NTSC)" : "", toUTF8(Qv::getPlainString(out.rate)).c_str(),
+            r.timebase);
+    return out;
+}
+
+FCP5XMLReader::RateReading FCP5XMLReader::readingOf(const XMLParser& parser,
+                                                    const RateReading& fallback) {
+    RateReading reading = readingOf(fcp5read::docRateOf(parser));
+    // Without a rate of its own an element counts in the document's.
+    if (!legacy() && !(reading.ticks > 0)) return fallback;
+    return reading;
+}
+
 Qv::FrameRate FCP5XMLReader::getSeqFrameRate(const XMLParser& parser) {
-    double value = 0;
+    return documentReading(parser).rate;
+}
+
+FCP5XMLReader::RateReading FCP5XMLReader::documentReading(const XMLParser& parser) {
+    fcp5read::DocRate rate;
     if (std::unique_ptr<XMLParser> sequence = parser.section("sequence", 0)) {
-        if (!readRate(*sequence, value)) return Qv::eFrameRateNone;
-        return Qv::getEquivalentQvFrameRate(value);
+        rate = fcp5read::docRateOf(*sequence);
+    } else {
+        // A document of clips alone: the first clip of the project stands for it.
+        std::unique_ptr<XMLParser> project = parser.section("project", 0);
+        std::unique_ptr<XMLParser> children = project ? project->section("children", 0) : nullptr;
+        std::unique_ptr<XMLParser> clip = children ? children->section("clip", 0) : nullptr;
+        if (clip) rate = fcp5read::docRateOf(*clip);
     }
-    // A document of clips alone: the first clip of the project stands for it.
-    std::unique_ptr<XMLParser> project = parser.section("project", 0);
-    std::unique_ptr<XMLParser> children = project ? project->section("children", 0) : nullptr;
-    std::unique_ptr<XMLParser> clip = children ? children->section("clip", 0) : nullptr;
-    if (!clip || !readRate(*clip, value)) return Qv::eFrameRateNone;
-    return Qv::getEquivalentQvFrameRate(value);
+    RateReading reading = readingOf(rate);
+    // A document that states no usable rate is read at 25 rather than at
+    // none, which would make every time infinite.
+    if (!legacy() && !(reading.ticks > 0)) {
+        if (warnedRates_.insert({0, false}).second)
+            logger.WarningOut("The document states no frame rate: it is read at 25");
+        reading = {Qv::eFrameRate25, 25.0, 25.0};
+    }
+    return reading;
 }
 
 void FCP5XMLReader::setRates(Qv::FrameRate rate) {
@@ -44,8 +95,17 @@ void FCP5XMLReader::setRates(Qv::FrameRate rate) {
     secondsPerTick = 1.0 / ticksPerSecond;
 }
 
+void FCP5XMLReader::setRates(const RateReading& reading) {
+    seqRate = reading.rate;
+    seqFramesPerSecond = reading.fps;
+    ticksPerSecond = reading.ticks;
+    secondsPerTick = 1.0 / ticksPerSecond;
+}
+
 int FCP5XMLReader::parseFile(const XMLParser& parser) {
-    setRates(getSeqFrameRate(parser));
+    document_ = &parser;
+    documentRate_ = documentReading(parser);
+    setRates(documentRate_);
 
     // Each element is read through a parser over its inside that shares the
     // document's index: what a parser over the element's text would answer,
@@ -55,6 +115,14 @@ int FCP5XMLReader::parseFile(const XMLParser& parser) {
     auto orEmpty = [&empty](const std::unique_ptr<XMLParser>& p) -> XMLParser& {
         return p ? *p : empty;
     };
+
+    unsigned sequences = parser.count("sequence");
+    // Where clip items play nested sequences, their in points count in the
+    // nested sequence's frames.
+    if (!legacy())
+        for (unsigned i = 0; i < sequences; ++i)
+            if (std::unique_ptr<XMLParser> s = parser.section("sequence", i))
+                sequenceTicks_.emplace(sequenceKey(*s), readingOf(*s, documentRate_).ticks);
 
     unsigned files = parser.count("file");
     for (unsigned i = 0; i < files; ++i)
@@ -77,14 +145,23 @@ int FCP5XMLReader::parseFile(const XMLParser& parser) {
 
     fileRefs.deleteAllCed2s();
     LightweightString<char> name;
-    clipRefs.anyEntryIsUninitialised(logger, name);
+    // By default each use of such a shot is named with its clip item, track
+    // and sequence once the sequences are read; this warning names neither.
+    LoggerHandle quiet;
+    clipRefs.anyEntryIsUninitialised(legacy() ? logger : quiet, name);
     completeGhosts();
 
-    unsigned sequences = parser.count("sequence");
     for (unsigned i = 0; i < sequences; ++i) {
-        int status = readSequence(orEmpty(parser.section("sequence", i)));
+        std::unique_ptr<XMLParser> s = parser.section("sequence", i);
+        // A sequence that carries only its id is a use of the one defined
+        // with that id, not a sequence of its own.
+        if (!s && !legacy() && !parser.getValue("sequence", i).attributes.empty()) continue;
+        int status = readSequence(orEmpty(s));
         if (status != 1) return status;
     }
+    completeFiles();
+    checkNesting();
+    checkReferences();
     return 1;
 }
 
@@ -94,20 +171,73 @@ void FCP5XMLReader::readFile(const XMLParser& fp) {
     if (!attributes.empty() && attributes[0].name == "id" && !attributes[0].value.empty())
         id = attributes[0].value;
 
-    // Nothing can refer to a file without a length.
+    // Nothing can refer to a file without a length in the original reading;
+    // auto-editor writes `<duration/>`, Premiere leaves it out for stills and
+    // titles: by default such a file is as long as its uses need.
     LightweightString<char> durationText = leaf(fp, "duration");
-    if (durationText.empty()) return;
+    int durationFrames = 0;
+    bool usable = scanInt(durationText, durationFrames) && durationFrames > 0;
+    FileFacts facts;
+    if (durationText.empty()) {
+        if (legacy()) {
+            filesWithoutLength_.insert(id.str());
+            return;
+        }
+        facts.lengthFromUses = true;
+    } else if (!usable && !legacy()) {
+        facts.lengthFromUses = true;
+    }
+    filesSeen_.insert(id.str());
 
     CED2* rec = new CED2(true);
     if (LightweightString<char> url = leaf(fp, "pathurl"); !url.empty())
         rec->originLocator = fromUTF8(url);
     rec->editName = fromUTF8(leaf(fp, "name"));
-    if (!fp.getValue("video", 0).text.empty()) rec->hasVideo = true;
-    XMLParser::Value audio = fp.getValue("audio", 0);
-    if (!audio.text.empty()) {
-        XMLParser ap(audio.text.c_str(), -1);
-        scanInt(leaf(ap, "channelcount"), rec->audioChannelCount);
+    XMLParser::Value video = fp.getValue("video", 0);
+    if (!video.text.empty()) rec->hasVideo = true;
+    // Version 1 documents count a stream's channels in `trackcount`.
+    bool byTracks = false;
+    auto channelsOf = [&byTracks](const XMLParser& audio, int& count) {
+        if (scanInt(leaf(audio, "channelcount"), count)) return true;
+        byTracks = scanInt(leaf(audio, "trackcount"), count);
+        return byTracks;
+    };
+    if (legacy()) {
+        // The original reading counts the first sound stream alone.
+        XMLParser::Value audio = fp.getValue("audio", 0);
+        if (!audio.text.empty()) {
+            XMLParser ap(audio.text.c_str(), -1);
+            channelsOf(ap, rec->audioChannelCount);
+        }
+    } else {
+        // Premiere and Final Cut Pro write one `audio` a stream: a file's
+        // channels are those of all its streams, in order, as `trackindex`
+        // counts them.
+        std::unique_ptr<XMLParser> media = fp.section("media", 0);
+        std::vector<std::unique_ptr<XMLParser>> streams;
+        if (media) streams = media->sections_TopLevel("audio");
+        int total = 0;
+        bool stated = false;
+        for (const std::unique_ptr<XMLParser>& stream : streams) {
+            int count = 0;
+            if (stream && channelsOf(*stream, count)) {
+                total += std::max(count, 0);
+                stated = true;
+            }
+        }
+        if (stated) rec->audioChannelCount = total;
+        // Final Cut Pro's version 1 counts tracks, not channels: a file of
+        // two mono streams says 1, and its clips use channel 2. Such a count
+        // is the least the file has; its uses say the rest.
+        // A file that says nothing of its media at all (a newsroom system's
+        // files hold a name, a path and a timecode) has what its uses name.
+        bool silent = fp.count("media") == 0;
+        if (byTracks || (!stated && (fp.count("audio") > 0 || silent))) facts.audioFromUses = true;
+        // `<video/>` says there is a picture, and nothing of it.
+        if (!rec->hasVideo && (fp.count("video") > 0 || silent)) facts.videoFromUses = true;
     }
+    if (LightweightString<char> source = leaf(fp, "mediaSource"); !source.empty())
+        facts.mediaSource = source;
 
     Qv::FrameRate rate = seqRate;
     XMLParser::Value timecode = fp.getValue("timecode", 0);
@@ -116,20 +246,31 @@ void FCP5XMLReader::readFile(const XMLParser& fp) {
         // The label is made before the file's duration is known: its end is
         // placed with what the new record holds.
         processTimecode(rec, tp, rec->duration);
-        double value = 1.0;
-        readRate(tp, value);
         rec->shotVideoMetadata = formatOfMedium(rec->get_primaryLabel().get_MediumRoll().medium);
         rec->shotVideoMetadataSet = true;
-        rate = Qv::getEquivalentQvFrameRate(value);
-        double fps = Qv::getFramesPerSecond(rate);
+        RateReading reading = readingOf(tp, documentRate_);
+        if (legacy()) {
+            // Without a rate the original reading counts at 1.0: no rate.
+            double value = 1.0;
+            readRate(tp, value);
+            reading.rate = Qv::getEquivalentQvFrameRate(value);
+            reading.fps = Qv::getFramesPerSecond(reading.rate);
+        }
+        rate = reading.rate;
         int frames = 0;
         scanInt(durationText, frames);
-        rec->duration = frames / fps;
+        rec->duration = frames / reading.fps;
+        // A rate the host does not know: the shot counts in the document's.
+        if (reading.fps != Qv::getFramesPerSecond(rate)) rec->rate = reading.fps;
     }
+    if (facts.lengthFromUses) rec->duration = 0;
     rec->sourceMedium = getMediumRollfromInputDetails(Qv::Image::eScanProgressive, rate);
 
     fileRefs.addRef(id, rec, false, 0, kChanVideo);
     if (leaf(fp, "stillframe") == "TRUE") fileRefs.setIsSingleImage(id);
+    if (facts.lengthFromUses || facts.audioFromUses || facts.videoFromUses ||
+        !facts.mediaSource.empty())
+        fileFacts_.emplace(id.str(), facts);
 }
 
 void FCP5XMLReader::completeGhosts() {
@@ -185,6 +326,28 @@ void FCP5XMLReader::completeGhosts() {
     }
 }
 
+std::string FCP5XMLReader::sequenceKey(const XMLParser& sequence) {
+    // A character no XML text holds keeps these keys apart from the names
+    // of sub-clips, which share their map.
+    for (const XMLParser::Tag& a : sequence.attributes())
+        if (a.name == "id" && !a.value.empty()) return "\x01" + a.value.str();
+    return "\x01@" + std::to_string(sequence.offset());
+}
+
+std::unique_ptr<XMLParser> FCP5XMLReader::clipItemById(const LightweightString<char>& id) {
+    if (!document_ || id.empty()) return nullptr;
+    if (!clipItemsIndexed_) {
+        clipItemsIndexed_ = true;
+        unsigned items = document_->count("clipitem");
+        for (unsigned i = 0; i < items; ++i)
+            if (std::unique_ptr<XMLParser> item = document_->section("clipitem", i))
+                for (const XMLParser::Tag& a : item->attributes())
+                    if (a.name == "id") clipItemsById_.emplace(a.value.str(), i);
+    }
+    auto it = clipItemsById_.find(id.str());
+    return it == clipItemsById_.end() ? nullptr : document_->section("clipitem", it->second);
+}
+
 int FCP5XMLReader::readSequence(const XMLParser& sp) {
     CED2* rec = new CED2(false);
     rec->cookie = makeNewEditCookie();
@@ -194,6 +357,19 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
     rec->editName = fromUTF8(name);
     logger.Out("Edit \"%s\"", name.c_str());
 
+    // By default a sequence counts in its own rate; the original reading
+    // counts every sequence in the document's.
+    RateReading documentRates{seqRate, seqFramesPerSecond, ticksPerSecond};
+    if (!legacy()) {
+        setRates(readingOf(sp, documentRate_));
+        if (ticksPerSecond != Qv::getTicksPerSecond(seqRate)) rec->rate = ticksPerSecond;
+    }
+    struct Restore {
+        FCP5XMLReader* reader;
+        RateReading rates;
+        ~Restore() { reader->setRates(rates); }
+    } restore{this, documentRates};
+
     // A fixed description: xmeml's own picture characteristics are not read.
     rec->shotVideoMetadata = ShotVideoMetadata(
         Qv::DigitalVideoFormats::findByUID(Qv::Image::FormatUID(28)), Qv::Image::kFormatYUY2,
@@ -201,54 +377,203 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
     rec->shotVideoMetadataSet = true;
 
     double seqDuration = 1.0;
+    long long statedTicks = -1;
     if (LightweightString<char> d = leaf(sp, "duration"); !d.empty()) {
         int frames = 0;
         scanInt(d, frames);
         rec->duration = frames * secondsPerTick;
         seqDuration = rec->duration;
+        statedTicks = frames;
     }
-    if (std::unique_ptr<XMLParser> timecode = sp.section("timecode", 0))
-        processSequenceTimecode(rec, *timecode, seqDuration);
 
-    if (std::unique_ptr<XMLParser> media = sp.section("media", 0)) {
+    // The tracks, video last first (the document's last video track is the
+    // host's first channel), then audio in order.
+    struct TrackSource {
+        std::unique_ptr<Track> track;
+        bool isVideo;
+        int number;  // as the document numbers its tracks of that kind
+    };
+    std::vector<TrackSource> tracks;
+    std::unique_ptr<XMLParser> media = sp.section("media", 0);
+    long long contentTicks = 0;
+    if (media) {
         std::vector<std::unique_ptr<XMLParser>> videoTracks, audioTracks;
         std::vector<std::unique_ptr<XMLParser>> video = media->sections_TopLevel("video");
         if (!video.empty() && video[0]) videoTracks = video[0]->sections_TopLevel("track");
         std::vector<std::unique_ptr<XMLParser>> audio = media->sections_TopLevel("audio");
         if (!audio.empty() && audio[0]) audioTracks = audio[0]->sections_TopLevel("track");
-
-        XMLParser empty("", -1);
-        auto walk = [&](const std::unique_ptr<XMLParser>& track, CChannel* channel, bool isVideo) {
+        auto make = [&](const std::unique_ptr<XMLParser>& track, bool isVideo, int number) {
+            XMLParser empty("", -1);
             const XMLParser& tp = track ? *track : empty;
-            return parseEventsForChannel(isVideo, channel, tp.sections_TopLevel("clipitem"),
-                                         tp.sections_TopLevel("transitionitem"), seqDuration);
+            std::vector<std::unique_ptr<XMLParser>> clipItems = tp.sections_TopLevel("clipitem");
+            // Where each item stands in the document: one of no content
+            // stands just after the item before it.
+            std::vector<std::size_t> order(clipItems.size(), 0);
+            std::size_t last = 0;
+            // An item that carries only its id (JumpCutter writes its sound
+            // so) is the item of that id that has content.
+            std::vector<XMLParser::Value> bare;
+            for (std::size_t i = 0; i < clipItems.size(); ++i) {
+                if (clipItems[i]) last = clipItems[i]->offset();
+                order[i] = last;
+                if (clipItems[i]) continue;
+                if (bare.empty()) bare = tp.getSections_TopLevel("clipitem");
+                LightweightString<char> id;
+                for (const XMLParser::Tag& a : bare[i].attributes)
+                    if (a.name == "id") id = a.value;
+                if (!legacy()) clipItems[i] = clipItemById(id);
+                if (!clipItems[i] && !id.empty()) pendingBare_.push_back({isVideo, number, id});
+            }
+            // Generators: the original reading passes them over, so that a
+            // clip after a fade that leads into one is taken for the clip
+            // that fade leads into. By default a generator holds its place,
+            // as black.
+            std::vector<XMLParser::Value> passedOver;
+            std::vector<bool> generator(clipItems.size(), false);
+            if (tp.count("generatoritem") > 0) {
+                if (legacy()) {
+                    passedOver = tp.getSections_TopLevel("generatoritem");
+                } else {
+                    struct Entry {
+                        std::size_t offset;
+                        std::unique_ptr<XMLParser> item;
+                        bool generator;
+                    };
+                    std::vector<Entry> entries;
+                    for (std::size_t i = 0; i < clipItems.size(); ++i)
+                        entries.push_back({order[i], std::move(clipItems[i]), false});
+                    for (std::unique_ptr<XMLParser>& g : tp.sections_TopLevel("generatoritem"))
+                        if (g) entries.push_back({g->offset(), std::move(g), true});
+                    std::stable_sort(
+                        entries.begin(), entries.end(),
+                        [](const Entry& a, const Entry& b) { return a.offset < b.offset; });
+                    clipItems.clear();
+                    generator.clear();
+                    order.clear();
+                    for (Entry& e : entries) {
+                        clipItems.push_back(std::move(e.item));
+                        generator.push_back(e.generator);
+                        order.push_back(e.offset);
+                    }
+                }
+            }
+            std::vector<std::unique_ptr<XMLParser>> transitions =
+                tp.sections_TopLevel("transitionitem");
+            std::vector<std::size_t> transitionOrder;
+            for (const std::unique_ptr<XMLParser>& t : transitions)
+                transitionOrder.push_back(t ? t->offset() : 0);
+            auto t = std::make_unique<Track>(std::move(clipItems), std::move(transitions));
+            for (std::size_t i = 0; i < generator.size(); ++i) {
+                t->clips[i].generator = generator[i];
+                t->clips[i].order = order[i];
+            }
+            for (std::size_t i = 0; i < transitionOrder.size(); ++i)
+                t->transitions[i].order = transitionOrder[i];
+            // The original reading starts a clip that runs into a transition
+            // in whichever transition it passed last, though the document
+            // puts it beside another.
+            if (!legacy()) t->meetNeighbours();
+            for (const std::vector<TrackItem>* items : {&t->clips, &t->transitions})
+                for (const TrackItem& item : *items)
+                    if (item.hasText)
+                        contentTicks =
+                            std::max<long long>(contentTicks, std::max(item.start, item.end));
+            t->generators = std::move(passedOver);
+            for (const XMLParser::Value& g : t->generators) {
+                XMLParser gp(g.text.c_str(), -1);
+                contentTicks = std::max<long long>(
+                    contentTicks, std::max(intOf(gp, "start", 0), intOf(gp, "end", 0)));
+            }
+            tracks.push_back({std::move(t), isVideo, number});
         };
-        // The document's last video track is the host's first channel.
-        std::size_t videoCount = videoTracks.size();
-        for (std::size_t k = 0; k < videoCount; ++k) {
-            CChannel* channel = rec->CreateEditChannel(static_cast<unsigned>(k), kChanVideo);
-            logger.Out("Track V%d", static_cast<int>(k + 1));
-            int status = walk(videoTracks[videoCount - 1 - k], channel, true);
-            if (status != 1) {
-                delete rec;
-                return status;
-            }
+        for (std::size_t k = videoTracks.size(); k-- > 0;)
+            make(videoTracks[k], true, static_cast<int>(k + 1));
+        for (std::size_t i = 0; i < audioTracks.size(); ++i)
+            make(audioTracks[i], false, static_cast<int>(i + 1));
+    }
+
+    // Premiere writes `<duration>75</duration>` for a cut of 24 minutes, or
+    // 0: by default a sequence is as long as what it holds.
+    place_.cutAt = -1;
+    if (!legacy() && contentTicks * secondsPerTick > seqDuration) {
+        if (statedTicks >= 0) {
+            logger.WarningOut(
+                "Edit \"%s\" says it lasts %lld frames, but what it holds runs to frame %lld: "
+                "it is read to its end",
+                name.c_str(), statedTicks, contentTicks);
+            rec->duration = contentTicks * secondsPerTick;
         }
-        for (std::size_t i = 0; i < audioTracks.size(); ++i) {
-            CChannel* channel =
-                rec->CreateEditChannel(static_cast<unsigned>(videoCount + i), kChanAudio);
-            logger.Out("Track A%d", static_cast<int>(i + 1));
-            int status = walk(audioTracks[i], channel, false);
-            if (status != 1) {
-                delete rec;
-                return status;
+        seqDuration = contentTicks * secondsPerTick;
+    } else if (legacy() && statedTicks > 0 && statedTicks < contentTicks) {
+        place_.cutAt = statedTicks;
+    }
+
+    if (std::unique_ptr<XMLParser> timecode = sp.section("timecode", 0))
+        processSequenceTimecode(rec, *timecode, seqDuration);
+
+    place_.sequence = name;
+    currentSequence_ = rec;
+    place_.ticks =
+        ticksPerSecond > 0 && ticksPerSecond < 1000 ? static_cast<unsigned>(ticksPerSecond) : 0;
+    place_.startFrame = rec->labelCount > 0 ? rec->labels[0].get_start() : 0;
+    place_.dropFrame = rec->labelCount > 0 && rec->labels[0].isDropFrame();
+    passedOver_.clear();
+
+    int videoCount = 0, audioCount = 0;
+    for (TrackSource& source : tracks) {
+        CChannel* channel;
+        if (source.isVideo) {
+            channel = rec->CreateEditChannel(static_cast<unsigned>(videoCount), kChanVideo);
+            logger.Out("Track V%d", ++videoCount);
+            place_.track = formatText("V%d", source.number);
+        } else {
+            channel =
+                rec->CreateEditChannel(static_cast<unsigned>(videoCount + audioCount), kChanAudio);
+            logger.Out("Track A%d", ++audioCount);
+            place_.track = formatText("A%d", source.number);
+        }
+        places_.push_back(place_);
+        // Channels carry the document's names of their tracks, so that what
+        // is said of them later says which track.
+        if (!legacy()) channel->name = place_.track;
+        for (const PendingBare& b : pendingBare_)
+            if (b.isVideo == source.isVideo && b.number == source.number)
+                reportLoss(lossHere("bare-reference", -1, "clip item " + b.id), true);
+        for (const XMLParser::Value& g : source.track->generators) {
+            XMLParser gp(g.text.c_str(), -1);
+            LightweightString<char> what = leaf(gp, "name");
+            if (XMLParser::Value effect = gp.getValue("effect", 0); !effect.text.empty()) {
+                XMLParser ep(effect.text.c_str(), -1);
+                if (LightweightString<char> n = leaf(ep, "name"); !n.empty()) what = n;
             }
+            int start = intOf(gp, "start", 0);
+            if (start < 0) start = intOf(gp, "end", 0);
+            reportLoss(
+                lossHere("generator", start, what.empty() ? "a generator" : "\"" + what + "\""),
+                true);
+        }
+        int status = walkTrack(*source.track, source.isVideo, channel, seqDuration);
+        if (status != 1) {
+            delete rec;
+            return status;
         }
     }
+    pendingBare_.clear();
+    flushPassedOver();
 
     for (const XMLParser::Value& marker : sp.getSections_TopLevel("marker"))
         readMarker(marker, rec);
     seqList.append(rec);
+
+    // A clip item that plays this sequence refers to it by its key: the
+    // picture is its first channel, sound track n its n-th audio channel.
+    if (!legacy()) {
+        std::string key = sequenceKey(sp);
+        ghostRefs.addRef(LightweightString<char>(key + "$0$"), rec, true, 0, kChanVideo);
+        for (int i = 1; i <= audioCount; ++i)
+            ghostRefs.addRef(LightweightString<char>(key + "$" + std::to_string(i) + "$"), rec,
+                             true, static_cast<unsigned>(videoCount + i - 1), kChanAudio);
+    }
     return 1;
 }
 
@@ -278,9 +603,9 @@ int FCP5XMLReader::processTimecode(CED2* rec, XMLParser& parser, double duration
         if (LightweightString<char> name = leaf(rp, "name"); !name.empty()) rec->reelId = name;
     }
     bool dropFrame = leaf(parser, "displayformat") == "DF";
-    double value = 0;
-    if (!readRate(parser, value)) return 1;
-    Qv::FrameRate rate = Qv::getEquivalentQvFrameRate(value);
+    fcp5read::DocRate docRate = fcp5read::docRateOf(parser);
+    if (!docRate.present) return 1;
+    Qv::FrameRate rate = readingOf(docRate).rate;
 
     // A frame number wins over the timecode text.
     if (LightweightString<char> frame = leaf(parser, "frame"); !frame.empty()) {
@@ -308,9 +633,9 @@ int FCP5XMLReader::processSequenceTimecode(CED2* rec, XMLParser& parser, double 
         if (LightweightString<char> name = leaf(rp, "name"); !name.empty()) rec->reelId = name;
     }
     bool dropFrame = leaf(parser, "displayformat") == "DF";
-    double value = 0;
-    if (!readRate(parser, value)) return 1;
-    Qv::FrameRate rate = Qv::getEquivalentQvFrameRate(value);
+    fcp5read::DocRate docRate = fcp5read::docRateOf(parser);
+    if (!docRate.present) return 1;
+    Qv::FrameRate rate = readingOf(docRate).rate;
 
     EditLabel label;
     if (LightweightString<char> frame = leaf(parser, "frame"); !frame.empty()) {

@@ -12,10 +12,17 @@
 // inner text, the way the host's XML reader is meant to be used.
 #pragma once
 
+#include <map>
 #include <memory>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "import/XMLReader.h"
+#include "xmeml/FCP5ReaderSupport.h"
 
 namespace XML {
 
@@ -74,7 +81,67 @@ class FCP5XMLReader : public XMLReader {
     struct Track;
     struct Cursor;
 
+    // How a `rate` is read: the host's rate, the frames a second the
+    // document counts durations in, and the whole frames a second that
+    // positions count in. All zero for no rate.
+    struct RateReading {
+        Qv::FrameRate rate = Qv::eFrameRateNone;
+        double fps = 0;
+        double ticks = 0;
+    };
+    RateReading readingOf(const fcp5read::DocRate& rate);
+    // The reading of a parser's first rate, or `fallback` where the default
+    // reading has no rate to go by.
+    RateReading readingOf(const XMLParser& parser, const RateReading& fallback);
+    RateReading documentReading(const XMLParser& parser);
+
+    // Where the sequence being read puts its losses.
+    struct Place {
+        LightweightString<char> sequence;
+        LightweightString<char> track;  // "V1", "A2": the document's numbering
+        long long startFrame = 0;       // its timecode as a frame number
+        bool dropFrame = false;
+        unsigned ticks = 0;
+        long long cutAt = -1;  // where the original reading ends the sequence, if early
+    };
+    // A clip item that carries only an id naming no item with content.
+    struct PendingBare {
+        bool isVideo;
+        int number;
+        LightweightString<char> id;
+    };
+    // What the uses of a file need of it, where the document does not say.
+    struct FileNeeds {
+        double length = 0;  // seconds of source the uses reach
+        int audioChannels = 0;
+        bool video = false;
+    };
+    // What the reader learnt of a file that its uses need to know.
+    struct FileFacts {
+        bool lengthFromUses = false;          // no usable duration
+        bool audioFromUses = false;           // sound streams without a channel count
+        bool videoFromUses = false;           // a picture stream that says nothing
+        LightweightString<char> mediaSource;  // synthetic media ("Slug", ...)
+    };
+    // A cel whose reference is checked once every record is made.
+    struct PendingRef {
+        CED2Cell* cel;
+        bool isVideo;
+        LightweightString<char> name, id;  // of the clip item
+        std::size_t place;                 // in places_
+        long long frame;
+    };
+    // A cel that plays a nested sequence, for the check that no sequence
+    // holds itself.
+    struct NestedUse {
+        const CED2* holder;
+        std::string key;
+        CED2Cell* cel;
+        LossRecord where;
+    };
+
     void setRates(Qv::FrameRate rate);
+    void setRates(const RateReading& reading);
     void readFile(const XMLParser& file);
     void completeGhosts();
     int readSequence(const XMLParser& sequence);
@@ -84,11 +151,52 @@ class FCP5XMLReader : public XMLReader {
                 double seqDuration);
     void addTransition(Cursor& cursor, TrackItem& item, bool isVideo, CChannel* channel);
     void appendBlack(CChannel* channel, bool isVideo, long long from, long long to) const;
+    // Whether an item of a track is read as a transition.
+    bool asTransition(bool fromTransitions, const XMLParser& item);
+
+    // The key of the sequence a clip item holds or refers to; empty when the
+    // item holds none.
+    std::string nestedKey(const XMLParser& item) const;
+    static std::string sequenceKey(const XMLParser& sequence);
+    // The clip item of that id that has content, for an item that only
+    // carries its id; null when the document has none.
+    std::unique_ptr<XMLParser> clipItemById(const LightweightString<char>& id);
+    // Losses: a record at a frame of the sequence being read, with its
+    // warning: one each for what plays black or silence, one a sequence for
+    // what is passed over.
+    LossRecord lossHere(const char* kind, long long frame, const LightweightString<char>& detail);
+    void reportLoss(const LossRecord& record, bool playsBlack);
+    void reportItem(const XMLParser& item, long long frame, const LightweightString<char>& detail);
+    void flushPassedOver();
+    void completeFiles();
+    void checkNesting();
+    void checkReferences();
+    bool legacy();
 
     Qv::FrameRate seqRate = Qv::eFrameRateNone;
     double seqFramesPerSecond = 0;
     double ticksPerSecond = 0;
     double secondsPerTick = 0;
+
+    // The original reading of xmeml, as the configuration asks; read once.
+    int legacy_ = -1;
+    const XMLParser* document_ = nullptr;
+    RateReading documentRate_;
+    Place place_;
+    const CED2* currentSequence_ = nullptr;
+    std::set<std::pair<int, bool>> warnedRates_;
+    std::unordered_set<std::string> filesSeen_, filesWithoutLength_;
+    std::unordered_set<const CED2Cell*> reported_;
+    std::unordered_map<std::string, FileFacts> fileFacts_;
+    std::unordered_map<std::string, FileNeeds> fileNeeds_;
+    std::unordered_map<std::string, double> sequenceTicks_;
+    std::unordered_map<std::string, unsigned> clipItemsById_;
+    bool clipItemsIndexed_ = false;
+    std::vector<PendingRef> pendingRefs_;
+    std::vector<Place> places_;  // of every track walked, for the records made later
+    std::vector<PendingBare> pendingBare_;
+    std::vector<NestedUse> nestedUses_;
+    std::map<std::string, int> passedOver_;
 };
 
 }  // namespace XML

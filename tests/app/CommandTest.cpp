@@ -133,11 +133,13 @@ std::vector<FcpxmlSource> fcpxmlSources() {
         {"convert", kExample},
         {"export", std::string(QVXML_SOURCE_DIR) + "/examples/timeline.json"},
     };
-    // Every xmeml document of the corpus that holds something to write (one
-    // holds a sequence without tracks only).
+    // Every xmeml document of the corpus that holds something to write: one
+    // holds a sequence without tracks only, and one nests sequences two deep,
+    // which the writers refuse (a sequence may reach one level of reference).
     std::string corpus = std::string(QVXML_CORPUS) + "/xmeml";
     for (const std::string& name : qvtest::listDirectory(corpus))
-        if (name.ends_with(".xml") && name != "sample_just_track.xml")
+        if (name.ends_with(".xml") && name != "sample_just_track.xml" &&
+            name != "Multicam_Moser_1.xml")
             sources.push_back({"convert", corpus + "/" + name});
     return sources;
 }
@@ -192,7 +194,8 @@ TEST_F(Command, DocumentsAreKnownByTheirRoot) {
     EXPECT_NE(decimal.err.find("xmeml version \"4.0\" is read as version 4"), std::string::npos)
         << decimal.err;
     EXPECT_EQ(qvtest::readFile(dir.file("decimal.xml")), doc);
-    EXPECT_NE(decimal.out.find("4 sequences"), std::string::npos) << decimal.out;
+    // Two of its four sequence elements only name a nested sequence by id.
+    EXPECT_NE(decimal.out.find("2 sequences"), std::string::npos) << decimal.out;
 }
 
 TEST_F(Command, HelpVersionAndRate) {

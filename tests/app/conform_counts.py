@@ -8,13 +8,17 @@ or json (OpenTimelineIO) and nothing of qvxml.
 For every sequence with tracks: its video and audio tracks, clips,
 transitions and markers, counted as the user guide says qvxml reads them:
 
-xmeml: a clip item is a clip when it plays a file that has a duration (a
-file may be defined by another clip item and named by its id): a video clip
-any file with a duration, an audio clip the channel its source track names. The
-reader finds elements at any depth, so a clip item that holds a nested
-sequence or a multiclip plays the first file inside it. Generators and video
-transitions that are neither a "Dissolve" nor a "Wipe" play black. Every
-audio transition is a cross fade. Markers are the sequence's own.
+xmeml: a clip item is a clip when it plays a file (a file may be defined by
+another clip item and named by its id; one without a usable duration is as
+long as its uses need) or a nested sequence (held in the item, or named by
+its id and defined elsewhere). A clip item that carries only its id is the
+item of that id. A video clip plays any file, an audio clip the channel its
+source track names, the channels of a file counted over all its sound
+streams; a file that counts tracks (version 1) or no channels has those its
+uses name. A clip item that holds a multiclip plays the first file inside
+it. Generators and video transitions that are neither a "Dissolve" nor a
+"Wipe" play black. Every audio transition is a cross fade. Markers are the
+sequence's own.
 OpenTimelineIO: clips and nested stacks on Video and Audio tracks;
 transitions; the timeline's markers and those of its tracks.
 
@@ -52,26 +56,43 @@ def first_inside(element, tag):
 
 
 def plays(file, kind, item):
-    """Whether a clip item can play its file: a video clip any file with a
-    duration, an audio clip the file's channel that its source track names
-    (only the first digit of the number counts)."""
+    """Whether a clip item can play its file: a video clip any file, an audio
+    clip the file's channel that its source track names."""
     if kind == "video":
         return True
     index = text(first_inside(item, "sourcetrack"), "trackindex") or "1"
-    digit = int(index[0]) if index[0].isdigit() else 1
-    channels = first_inside(first_inside(file, "audio"), "channelcount")
     try:
-        count = int((channels.text or "0").strip()) if channels is not None else 0
+        number = int(index)
     except ValueError:
-        count = 0
-    return 1 <= digit <= count
+        number = 1
+    media = file.find("media")
+    streams = media.findall("audio") if media is not None else []
+    count, stated, by_tracks = 0, False, False
+    for stream in streams:
+        for tag in ("channelcount", "trackcount"):
+            try:
+                count += int(text(stream, tag))
+            except ValueError:
+                continue
+            stated = True
+            by_tracks = by_tracks or tag == "trackcount"
+            break
+    if by_tracks or (not stated and first_inside(file, "audio") is not None):
+        return number >= 1
+    return 1 <= number <= count
 
 
 def xmeml_counts(root):
-    files = {}
+    files, items, sequence_ids = {}, {}, set()
     for f in root.iter("file"):
         if len(f) and f.get("id") is not None:
             files.setdefault(f.get("id"), f)
+    for c in root.iter("clipitem"):
+        if len(c) and c.get("id") is not None:
+            items.setdefault(c.get("id"), c)
+    for s in root.iter("sequence"):
+        if len(s) and s.get("id") is not None:
+            sequence_ids.add(s.get("id"))
     sequences, losses = [], collections.Counter()
     for seq in root.iter("sequence"):
         media = seq.find("media")
@@ -115,23 +136,31 @@ def xmeml_counts(root):
                                     break
                             continue
                         losses["filter"] += 1
-                    if item.find("sequence") is not None:
+                    nested = item.find("sequence")
+                    if nested is not None:
                         losses["nested-sequence"] += 1
                     elif item.find("multiclip") is not None:
                         losses["multiclip"] += 1
-                    # The reader finds a clip's file at any depth: a use of a
-                    # nested sequence or a multiclip plays the first file
-                    # inside it.
+                    # The report's file losses are found at any depth.
                     file = first_inside(item, "file")
-                    if file is None:
-                        continue
-                    definition = file if len(file) else files.get(file.get("id"))
-                    if definition is None:
-                        continue
-                    if first_inside(definition, "duration") is None:
+                    definition = None
+                    if file is not None:
+                        definition = file if len(file) else files.get(file.get("id"))
+                    if definition is not None and first_inside(definition, "duration") is None:
                         losses["unusable-file"] += 1
-                        continue
-                    if plays(definition, kind, item):
+                    # An item that carries only its id is the item of that
+                    # id. A use of a nested sequence plays it; a use of a
+                    # multiclip the first file inside it.
+                    if not len(item) and item.get("id") in items:
+                        item = items[item.get("id")]
+                        nested = item.find("sequence")
+                        file = first_inside(item, "file")
+                        definition = None
+                        if file is not None:
+                            definition = file if len(file) else files.get(file.get("id"))
+                    if nested is not None:
+                        counts["clips"] += len(nested) > 0 or nested.get("id") in sequence_ids
+                    elif definition is not None and plays(definition, kind, item):
                         counts["clips"] += 1
         sequences.append(counts)
     return sequences, losses

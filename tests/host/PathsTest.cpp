@@ -1,6 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "host/OS.h"
 #include "host/Paths.h"
@@ -110,6 +117,140 @@ TEST(Directories, NamesMatchLiterally) {
     EXPECT_EQ(find(L"clipA.mov"), std::vector<std::string>{"clipA.mov"});
     EXPECT_TRUE(find(L"clip*.mov").empty());
     EXPECT_TRUE(find(L"Interview ?take 2].mov").empty());
+}
+
+// The search as it was first written: every folder read, sorted, each entry
+// looked at, names compared. The search answers from a look at one path or
+// from an index of the tree; its answers must stay these.
+void readingEachFolder(const std::string& dir, const std::string& wanted, unsigned flags, int depth,
+                       std::vector<std::string>& found) {
+    std::vector<std::string> names = qvtest::listDirectory(dir);
+    std::sort(names.begin(), names.end());
+    std::vector<std::string> subfolders;
+    for (const std::string& name : names) {
+        std::string full = dir + "/" + name;
+        struct stat st;
+        if (::lstat(full.c_str(), &st) != 0) continue;
+        bool isDir = S_ISDIR(st.st_mode);
+        if (isDir) subfolders.push_back(full);
+        if (name == wanted && (isDir ? flags & kDirIncludeDirectories : flags & kDirIncludeFiles))
+            found.push_back(full);
+    }
+    if ((flags & kDirRecurse) && depth < 8)
+        for (const std::string& sub : subfolders)
+            readingEachFolder(sub, wanted, flags, depth + 1, found);
+}
+
+std::vector<std::string> searched(const std::string& dir, const std::string& name, unsigned flags) {
+    WStringList found;
+    getDirectoryContents(pathFromBytes(dir), pathFromBytes(name), found, flags);
+    std::vector<std::string> out;
+    for (const WS& f : found)
+        out.push_back(pathBytes(f));
+    return out;
+}
+
+// Folders where a faster search could go wrong: one name in several folders
+// (made in the reverse of name order), names that differ in case only, names
+// that are not UTF-8, links to files and to folders, a folder named like the
+// media, and a file deeper than the search goes.
+TEST(Directories, TheSearchAnswersAsReadingEachFolderDid) {
+    qvtest::TempDir dir;
+    std::string root = dir.path();
+    for (const char* sub : {"z", "b", "a", "a/deep", "Media", "caf\xE9", "clip.mov", "links"})
+        ASSERT_EQ(::mkdir((root + "/" + sub).c_str(), 0755), 0) << sub;
+    std::string deep = root;
+    for (int i = 0; i < 10; ++i) {
+        deep += "/d" + std::to_string(i);
+        ASSERT_EQ(::mkdir(deep.c_str(), 0755), 0);
+        qvtest::writeFile(deep + "/deep.mov", "x");
+    }
+    for (const char* file :
+         {"a.mov", "z/a.mov", "b/a.mov", "a/a.mov", "a/deep/a.mov", "Media/a.mov", "A.mov",
+          "Clip.MOV", "b/clip.mov", "b/CLIP.mov", "caf\xE9.mov", "caf\xE9/caf\xE9.mov",
+          "z/caf\xC3\xA9.mov", "Interview [take 2].mov", "b/x", "clip.mov/a.mov"})
+        qvtest::writeFile(root + "/" + file, "x");
+    ASSERT_EQ(::symlink("../a.mov", (root + "/links/a.mov").c_str()), 0);
+    ASSERT_EQ(::symlink("../b", (root + "/links/b").c_str()), 0);
+    ASSERT_EQ(::symlink("a.mov", (root + "/Media/linked.mov").c_str()), 0);
+
+    // Not "b": a link to a folder was taken for a file, and is now passed
+    // over (see below).
+    const std::vector<std::string> names = {
+        "a.mov",    "A.mov",    "a.MOV",       "clip.mov",
+        "Clip.MOV", "CLIP.mov", "caf\xE9.mov", "caf\xC3\xA9.mov",
+        "x",        "deep.mov", "linked.mov",  "Interview [take 2].mov",
+        "nothing"};
+    const unsigned kinds[] = {kDirIncludeFiles, kDirIncludeFiles | kDirRecurse,
+                              kDirIncludeDirectories | kDirIncludeFiles | kDirRecurse,
+                              kDirIncludeDirectories};
+    auto compare = [&](const char* how) {
+        for (const std::string& name : names) {
+            for (unsigned flags : kinds) {
+                std::vector<std::string> expected;
+                readingEachFolder(root, name, flags, 0, expected);
+                EXPECT_EQ(searched(root, name, flags), expected)
+                    << how << ": " << name << ", flags " << flags;
+            }
+        }
+    };
+    compare("without a scope");
+    {
+        DirectorySearchScope scope;
+        compare("in a scope");
+        compare("in a scope, again");
+    }
+    // What the scope remembers goes with it.
+    qvtest::writeFile(root + "/z/nothing", "x");
+    compare("after the scope");
+    EXPECT_EQ(searched(root, "nothing", kDirIncludeFiles | kDirRecurse).size(), 1u);
+    EXPECT_EQ(searched(root, "b", kDirIncludeDirectories | kDirRecurse),
+              std::vector<std::string>{root + "/b"});
+}
+
+// A name that reaches a file in the other case too (as on a drive that folds
+// case, here by a hard link) is still compared byte for byte.
+TEST(Directories, NamesThatReachOneFileInBothCases) {
+    qvtest::TempDir dir;
+    qvtest::writeFile(dir.file("Clip.mov"), "x");
+    ASSERT_EQ(::link(dir.file("Clip.mov").c_str(), dir.file("cLIP.MOV").c_str()), 0);
+    for (bool scoped : {false, true}) {
+        std::optional<DirectorySearchScope> scope;
+        if (scoped) scope.emplace();
+        EXPECT_EQ(searched(dir.path(), "Clip.mov", kDirIncludeFiles),
+                  std::vector<std::string>{dir.file("Clip.mov")});
+        EXPECT_EQ(searched(dir.path(), "cLIP.MOV", kDirIncludeFiles),
+                  std::vector<std::string>{dir.file("cLIP.MOV")});
+        EXPECT_TRUE(searched(dir.path(), "clip.mov", kDirIncludeFiles).empty());
+    }
+}
+
+// Reading a pipe blocks, and a device may never end: entries that are not
+// regular files are never taken for media, and the scope's log says so once.
+TEST(Directories, EntriesThatAreNotFilesArePassedOver) {
+    qvtest::TempDir dir;
+    ASSERT_EQ(::mkdir(dir.file("sub").c_str(), 0755), 0);
+    ASSERT_EQ(::mkfifo(dir.file("pipe.mov").c_str(), 0644), 0);
+    ASSERT_EQ(::symlink("/dev/zero", dir.file("zero.wav").c_str()), 0);
+    ASSERT_EQ(::symlink("nowhere", dir.file("gone.mov").c_str()), 0);
+    ASSERT_EQ(::symlink("sub", dir.file("folder.mov").c_str()), 0);
+    qvtest::writeFile(dir.file("sub/pipe.mov"), "x");
+
+    Qv::Ptr<CapturingLogSink> sink(new CapturingLogSink);
+    DirectorySearchScope scope{LoggerHandle(Qv::Ptr<iLogSink>(sink))};
+    for (const char* name : {"pipe.mov", "zero.wav", "gone.mov", "folder.mov"})
+        for (int twice = 0; twice < 2; ++twice)
+            EXPECT_TRUE(searched(dir.path(), name, kDirIncludeFiles).empty()) << name;
+    EXPECT_EQ(sink->count(LogKind::Warning), 4) << "one warning for each entry";
+    EXPECT_TRUE(sink->contains(
+        ("passed over \"" + dir.file("pipe.mov") + "\": it is a pipe (FIFO), not a regular file")
+            .c_str()));
+    EXPECT_TRUE(sink->contains("it is a device, not a regular file"));
+    EXPECT_TRUE(sink->contains("it is a link to nothing, not a regular file"));
+    EXPECT_TRUE(sink->contains("it is a link to a folder, not a regular file"));
+    // In a tree, the file of the name below is found past the pipe.
+    EXPECT_EQ(searched(dir.path(), "pipe.mov", kDirIncludeFiles | kDirRecurse),
+              std::vector<std::string>{dir.file("sub/pipe.mov")});
 }
 
 // A path is bytes: what is not UTF-8 survives the wide string and reaches

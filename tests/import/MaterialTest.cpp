@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "host/Media.h"
 #include "host/Paths.h"
 #include "tests/import/ReaderTestSupport.h"
@@ -137,6 +140,29 @@ TEST_F(Material, NothingFoundGoesOffline) {
     Qv::Ptr<Edit> made = store.find(shot->cookie);
     ASSERT_TRUE(made);
     EXPECT_TRUE(made->isOffline());
+}
+
+// A pipe or a device beside the document, named like the media, is passed
+// over with a warning, in the folder and in the tree below it: reading one
+// would block or never end. The shot goes offline as when nothing is there.
+TEST_F(Material, PipesAndDevicesBesideTheDocumentArePassedOver) {
+    ASSERT_EQ(::mkfifo(dir.file("clip.mov").c_str(), 0644), 0);
+    ASSERT_EQ(::symlink("/dev/zero", dir.file("tone.wav").c_str()), 0);
+    for (int behaviour : {1, 2}) {
+        set_config_int("media_scanning_behaviour", behaviour);
+        sink->lines.clear();
+        Qv::Ptr<ListReader> reader(new ListReader(capturingLog()));
+        CED2* clip = reader->addShot("c", L"file:///Volumes/Gone/clip.mov");
+        CED2* tone = reader->addShot("t", L"file:///Volumes/Gone/tone.wav");
+        import(*reader, dir.file("doc.xml"));
+        EXPECT_TRUE(clip->materialOffline) << behaviour;
+        EXPECT_TRUE(tone->materialOffline) << behaviour;
+        EXPECT_EQ(sink->count(LogKind::Warning), 2) << behaviour;
+        EXPECT_EQ(sink->count(LogKind::Error), 0) << behaviour;
+        EXPECT_TRUE(sink->contains(("passed over \"" + dir.file("clip.mov") +
+                                    "\": it is a pipe (FIFO), not a regular file")
+                                       .c_str()));
+    }
 }
 
 TEST_F(Material, ThePreferenceSendsEvenKnownMediaOffline) {

@@ -51,7 +51,8 @@ Imported importInto(EditStore& store, const std::string& path) {
 }
 
 // Writes what `convert` writes: each sequence that has tracks, or the shots
-// when there is no sequence. The texts, in order.
+// when there is no sequence. The texts, in order; "" for an export that
+// fails.
 std::vector<std::string> exportAll(EditStore& store, const Imported& imported,
                                    XML::XMLFlavour flavour) {
     ScopedCurrentStore scope(store);
@@ -68,9 +69,9 @@ std::vector<std::string> exportAll(EditStore& store, const Imported& imported,
         o.directory = dir.wpath();
         o.fileName = L"out";
         o.flavour = flavour;
-        EXPECT_EQ(XML::XMLExportFiles(e->cookie, o, LoggerHandle()).status, 1);
+        int status = XML::XMLExportFiles(e->cookie, o, LoggerHandle()).status;
         std::string path = dir.file("out.xml");
-        texts.push_back(qvtest::exists(path) ? qvtest::readFile(path) : "");
+        texts.push_back(status == 1 && qvtest::exists(path) ? qvtest::readFile(path) : "");
         std::remove(path.c_str());
     }
     return texts;
@@ -110,8 +111,9 @@ std::string withoutIdentities(const std::string& text) {
 }
 
 // How a round trip came out, from best to worst.
-enum Outcome { Identical, IdentitiesOnly, Differs, Unreadable };
-const char* const kOutcomeNames[] = {"identical", "identities", "differs", "unreadable"};
+enum Outcome { Identical, IdentitiesOnly, Differs, Unreadable, Unwritable };
+const char* const kOutcomeNames[] = {"identical", "identities", "differs", "unreadable",
+                                     "unwritable"};
 
 Outcome compare(const std::string& first, const std::vector<std::string>& second) {
     if (second.size() != 1 || second[0].empty()) return Unreadable;
@@ -127,32 +129,33 @@ struct Expected {
 };
 
 // Why the documents that do not reach a fixpoint do not (see the notes at
-// the end of the table).
+// the end of the table). Sequences that a clip item refers to by id alone are
+// uses of the sequence defined with that id, not sequences of their own.
 const std::map<std::string, Expected> kExpected = {
-    {"2005.xml", {4, Differs, Unreadable}},                            // K, L
+    {"2005.xml", {4, Differs, Differs}},                               // K, L, N
     {"3klippJustert.xml", {1, Differs, Differs}},                      // K, N
     {"60_sek_Jokulhlup.xml", {1, Differs, Differs}},                   // M, N
-    {"Adobe Premiere CC Prg6.xml", {1, Unreadable, Unreadable}},       // R
-    {"BroShow ep Fordommer.xml", {7, Differs, Differs}},               // M, S, N
+    {"Adobe Premiere CC Prg6.xml", {1, Differs, Differs}},             // K, N
+    {"BroShow ep Fordommer.xml", {3, Differs, Differs}},               // M, S, N
     {"Conecta Test XML.xml", {1, Differs, Differs}},                   // M, N
     {"DNPR63700211 Bare musikk-timeline.xml", {1, Differs, Differs}},  // K, N
     {"DNPR63700211 Spor i snø.xml", {1, Differs, Unreadable}},         // K, S, R
     {"Fade inn og ut.xml", {1, Differs, Differs}},                     // K, N
     {"Final Cut Pro XMEML 2.xml", {1, Identical, Identical}},
     {"Kraakeklubben%20Pgm%205%20v3.xml", {2, Unreadable, Unreadable}},  // R
-    {"Multicam_Moser_1.xml", {44, Differs, Differs}},                   // I, K, N
+    {"Multicam_Moser_1.xml", {7, Unwritable, Unreadable}},              // W
     {"NGxx13_Lego_cec.xml", {1, Differs, Unreadable}},                  // M, R
     {"disabled.xml", {1, Identical, Differs}},                          // N
     {"dnpr6370211-alt-offline.hg.xml", {1, Differs, Unreadable}},       // S, R
     {"empty_name_tags.xml", {3, Differs, Differs}},                     // M, S, N
     {"enabled.xml", {1, Identical, Differs}},                           // N
     {"gain-12dB.xml", {1, Identical, Differs}},                         // N
-    {"hiero_xml_export.xml", {1, Differs, Unreadable}},                 // S, R
-    {"master_v10_til_lydmix.xml", {294, Differs, Unreadable}},          // M, K, R
-    {"msub20000112-taco1.xml", {1, Identical, Identical}},
-    {"premiere_cs6_lydtest.xml", {1, Differs, Differs}},  // K, N
+    {"hiero_xml_export.xml", {1, Differs, Differs}},                    // S, N
+    {"master_v10_til_lydmix.xml", {69, Differs, Differs}},              // M, K, N
+    {"msub20000112-taco1.xml", {1, Identical, Differs}},                // N
+    {"premiere_cs6_lydtest.xml", {1, Differs, Differs}},                // K, N
     {"premiere_enable_property.xml", {1, Identical, Identical}},
-    {"premiere_example.xml", {4, Differs, Differs}},       // M, N
+    {"premiere_example.xml", {2, Differs, Differs}},       // M, N
     {"premiere_generators.xml", {1, Identical, Differs}},  // N
     {"sample_just_track.xml", {1, Identical, Identical}},  // no tracks: nothing is written
     {"test_XML_export_resolve.xml", {1, Identical, Identical}},
@@ -177,6 +180,9 @@ const std::map<std::string, Expected> kExpected = {
 //    frames on reading and divided back on writing, and a speed is written
 //    with one decimal ("0.25" percent becomes "0.2").
 // T  A native document of shots alone holds only its header.
+// W  A sequence nested two deep (a nested sequence that plays a nested
+//    sequence) cannot be written as xmeml: the writers take one level of
+//    reference from a sequence.
 
 class FCP5Corpus : public ::testing::TestWithParam<std::string> {};
 
@@ -192,8 +198,12 @@ TEST_P(FCP5Corpus, ImportsAndRoundTrips) {
 
     Outcome xmeml = Identical, native = Identical;
     for (const std::string& a : exportAll(store, imported, XML::XMLFlavourFCP5))
-        xmeml = std::max(xmeml, compare(a, again(a, XML::XMLFlavourFCP5)));
+        xmeml = std::max(xmeml, a.empty() ? Unwritable : compare(a, again(a, XML::XMLFlavourFCP5)));
     for (const std::string& n : exportAll(store, imported, XML::XMLFlavourQV2)) {
+        if (n.empty()) {
+            native = Unwritable;
+            continue;
+        }
         std::vector<std::string> x1 = again(n, XML::XMLFlavourFCP5);
         if (x1.size() != 1 || x1[0].empty()) {
             native = Unreadable;

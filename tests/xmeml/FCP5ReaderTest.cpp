@@ -3,9 +3,12 @@
 // ghosts and markers.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
+#include <tuple>
 
 #include "import/ImportDriver.h"
+#include "plugin/Interchange.h"
 #include "tests/support/TestSupport.h"
 #include "xmeml/FCP5XMLReader.h"
 
@@ -91,8 +94,11 @@ CChannel* channel(CED2* rec, unsigned index) {
     return nullptr;
 }
 
+// The original reading, which the configuration key keeps within reach:
+// these tests hold it to what it reads.
 class FCP5Reader : public qvtest::StoreTest {
   protected:
+    FCP5Reader() { set_config_int(XML::kLegacyInterchangeKey, 1); }
     CED2* readOne(const std::string& text) {
         EXPECT_EQ(reader.parse(text), 1);
         return reader.sequences().firstRecord();
@@ -408,6 +414,350 @@ TEST_F(FCP5Reader, ImportsThroughThePipeline) {
     EXPECT_EQ(shot->labels[0].get_string(0).str(), "01:00:00:00");
     EXPECT_DOUBLE_EQ(shot->rate, 25.0);
     EXPECT_DOUBLE_EQ(shot->getEndTime(), 40.0);
+}
+
+}  // namespace
+
+// ---- How editors and tools write xmeml, read as they meant it ----
+//
+// Each document of tests/data/xmeml is read through the whole import, by
+// default and (where the configuration key switches the reading) by the
+// original reading.
+
+namespace {
+
+class EditorsXmeml : public qvtest::StoreTest {
+  protected:
+    // Imports tests/data/xmeml/NAME; the sequences made, by name.
+    void import(const char* name, bool legacy = false) {
+        if (legacy) set_config_int(XML::kLegacyInterchangeKey, 1);
+        sink->lines.clear();
+        sink->losses.clear();
+        ImportFileList files;
+        std::string path = std::string(QVXML_TEST_DATA) + "/xmeml/" + name;
+        files.push_back(
+            Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({fromUTF8(path.c_str())})));
+        result = XML::XMLImportFiles(files, capturingLog());
+        ASSERT_EQ(result.status, 1) << name;
+    }
+    // Imports a document given as text.
+    void importText(const std::string& text, bool legacy = false) {
+        qvtest::writeFile(dir.file("doc.xml"), text);
+        if (legacy) set_config_int(XML::kLegacyInterchangeKey, 1);
+        ImportFileList files;
+        files.push_back(
+            Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({dir.wpath() + L"/doc.xml"})));
+        result = XML::XMLImportFiles(files, capturingLog());
+        ASSERT_EQ(result.status, 1);
+    }
+    Qv::Ptr<Edit> sequence(const char* name) const {
+        for (const EditModifier& m : result.edits)
+            if (Qv::Ptr<Edit> e = m.ptr(); e && e->name == fromUTF8(name)) return e;
+        ADD_FAILURE() << "no sequence " << name;
+        return Qv::Ptr<Edit>(new Edit(Cookie()));
+    }
+    // The cel of a channel that covers a sequence frame at `ticks`.
+    const CelData& at(const Qv::Ptr<Edit>& seq, unsigned channel, double frame,
+                      double ticks = 25) const {
+        static const CelData none;
+        const StoredChannel* ch = seq->findChannel(channel);
+        if (ch)
+            for (const CelData& c : ch->cels)
+                if (c.editIn * ticks <= frame + 1e-6 && frame + 1e-6 < c.editOut * ticks) return c;
+        ADD_FAILURE() << "nothing at frame " << frame << " of channel " << channel;
+        return none;
+    }
+    // The shot a cel plays, or null for black, silence and effects.
+    Qv::Ptr<Edit> shotOf(const CelData& cel) const {
+        if (!cel.cookie.isValid() || cel.cookie.isMagic()) return nullptr;
+        return EditStore::current().find(cel.cookie);
+    }
+    int warnings(const char* text) const {
+        int n = 0;
+        for (const auto& l : sink->lines)
+            n += l.kind == LogKind::Warning && l.text.str().find(text) != std::string::npos;
+        return n;
+    }
+
+    XML::ImportResult result;
+    qvtest::TempDir dir;
+};
+
+TEST_F(EditorsXmeml, ChannelsAreCountedOverEveryStreamOfAFile) {
+    import("several_streams.xml");
+    Qv::Ptr<Edit> seq = sequence("Streams");
+    // V1, then A1 to A3: the second mono stream is channel 2; channel 12 is
+    // channel 12.
+    for (auto [channel, expected] : {std::pair{1u, 1}, {2u, 2}, {3u, 12}}) {
+        const CelData& cel = at(seq, channel, 10);
+        EXPECT_EQ(cel.cookie.type, kCookieSound) << channel;
+        EXPECT_EQ(cel.cookie.channel, expected) << channel;
+        EXPECT_TRUE(shotOf(cel)) << channel;
+    }
+    EXPECT_TRUE(sink->losses.empty());
+}
+
+TEST_F(EditorsXmeml, TheOriginalReadingCountsTheFirstStreamAndOneDigit) {
+    import("several_streams.xml", true);
+    Qv::Ptr<Edit> seq = sequence("Streams");
+    EXPECT_EQ(at(seq, 2, 10).cookie, audio_black) << "the second stream is not there";
+    EXPECT_EQ(at(seq, 3, 10).cookie.channel, 1) << "12 is read as 1";
+    ASSERT_EQ(sink->losses.size(), 1u);
+    EXPECT_EQ(sink->losses[0].kind.str(), "channel-missing");
+}
+
+TEST_F(EditorsXmeml, VersionOneCountsTracksAndItsUsesTellTheChannels) {
+    import("version1_trackcount.xml");
+    Qv::Ptr<Edit> seq = sequence("Version one");
+    EXPECT_EQ(at(seq, 1, 0).cookie.channel, 1);
+    EXPECT_EQ(at(seq, 2, 0).cookie.channel, 2);
+    EXPECT_TRUE(shotOf(at(seq, 2, 0)));
+
+    // `trackcount` is read by the original reading too; the channel it
+    // does not count plays silence there.
+    resetConfiguration();
+    EditStore other;
+    ScopedCurrentStore scope(other);
+    import("version1_trackcount.xml", true);
+    seq = sequence("Version one");
+    EXPECT_EQ(at(seq, 1, 0).cookie.channel, 1);
+    EXPECT_EQ(at(seq, 2, 0).cookie, audio_black);
+}
+
+// After a fade to black nothing starts in the fade: each cue plays from its
+// own fade-in, in both spellings. A spelling is read whatever the key says.
+TEST_F(EditorsXmeml, FadesToBlackInBothSpellings) {
+    for (bool legacy : {false, true}) {
+        EditStore project;
+        ScopedCurrentStore scope(project);
+        import("fades_to_black.xml", legacy);
+        Qv::Ptr<Edit> seq = sequence("Fades");
+        for (unsigned channel : {0u, 1u}) {
+            std::vector<std::tuple<double, double, double, bool>> got;
+            for (const CelData& c : seq->findChannel(channel)->cels)
+                got.emplace_back(c.editIn * 25, c.editOut * 25, c.sourceIn * 25,
+                                 c.cookie.isMagic());
+            // cue, fade, black, fade, cue, fade, black, fade, cue, black
+            std::vector<std::tuple<double, double, double, bool>> want = {
+                {0, 40, 0, false},   {40, 50, 0, true},      {50, 100, 0, true},
+                {100, 110, 0, true}, {110, 150, 210, false}, {150, 160, 0, true},
+                {160, 200, 0, true}, {200, 210, 0, true},    {210, 260, 410, false},
+                {260, 300, 0, true}};
+            ASSERT_EQ(got.size(), want.size()) << "channel " << channel << " legacy " << legacy;
+            for (std::size_t i = 0; i < want.size(); ++i) {
+                EXPECT_NEAR(std::get<0>(got[i]), std::get<0>(want[i]), 1e-6) << i;
+                EXPECT_NEAR(std::get<1>(got[i]), std::get<1>(want[i]), 1e-6) << i;
+                if (std::get<2>(want[i]) > 0) {
+                    EXPECT_NEAR(std::get<2>(got[i]), std::get<2>(want[i]), 1e-6) << i;
+                }
+                EXPECT_EQ(std::get<3>(got[i]), std::get<3>(want[i])) << i;
+            }
+        }
+    }
+}
+
+TEST_F(EditorsXmeml, ANestedSequencePlaysItsEditFromTheRightFrame) {
+    import("nested_sequence.xml");
+    ASSERT_EQ(result.edits.size(), 2u) << "a use by id is no sequence of its own";
+    Qv::Ptr<Edit> outer = sequence("Programme"), inner = sequence("Graded");
+    const CelData& first = at(outer, 0, 10);
+    EXPECT_EQ(first.cookie.type, kCookieEdit);
+    EXPECT_TRUE(first.cookie.sameIdentity(inner->cookie));
+    EXPECT_EQ(first.cookie.channel, 0);
+    // In point 20 of a sequence at 50: 0.4 seconds into it; 30 frames at 25
+    // play 1.2 seconds of it.
+    EXPECT_NEAR(first.sourceIn, 0.4, 1e-9);
+    EXPECT_NEAR(first.sourceOut, 1.6, 1e-9);
+    const CelData& second = at(outer, 0, 50);
+    EXPECT_TRUE(second.cookie.sameIdentity(inner->cookie)) << "named by its id alone";
+    EXPECT_NEAR(second.sourceIn, 0.0, 1e-9);
+    EXPECT_NEAR(second.sourceOut, 0.8, 1e-9);
+    // The sound plays the nested sequence's first sound track, its channel 1.
+    const CelData& sound = at(outer, 1, 10);
+    EXPECT_TRUE(sound.cookie.sameIdentity(inner->cookie));
+    EXPECT_EQ(sound.cookie.channel, 1);
+    EXPECT_EQ(inner->findChannel(1)->type, kChanAudio);
+    EXPECT_DOUBLE_EQ(inner->rate, 50.0);
+    EXPECT_TRUE(sink->losses.empty());
+}
+
+TEST_F(EditorsXmeml, TheOriginalReadingPlaysTheFirstFileOfANest) {
+    import("nested_sequence.xml", true);
+    EXPECT_EQ(result.edits.size(), 4u) << "and a nameless edit for each use by id";
+    Qv::Ptr<Edit> outer = sequence("Programme");
+    Qv::Ptr<Edit> shot = shotOf(at(outer, 0, 10));
+    ASSERT_TRUE(shot);
+    EXPECT_EQ(shot->name, L"shot.mov");
+    EXPECT_EQ(at(outer, 0, 50).cookie, video_black);
+    int flat = 0;
+    for (const LossRecord& l : sink->losses)
+        flat += l.kind == "nested-sequence";
+    EXPECT_EQ(flat, 3);
+}
+
+TEST_F(EditorsXmeml, AFileWithoutALengthIsAsLongAsItsUsesNeed) {
+    import("file_without_duration.xml");
+    Qv::Ptr<Edit> seq = sequence("Auto-Editor Media Group");
+    for (unsigned channel : {0u, 1u})
+        for (double frame : {0.0, 60.0})
+            EXPECT_TRUE(shotOf(at(seq, channel, frame))) << frame;
+    Qv::Ptr<Edit> shot = shotOf(at(seq, 0, 60));
+    ASSERT_TRUE(shot);
+    EXPECT_NEAR(shot->getEndTime(), 430 / 25.0, 1e-9);
+    EXPECT_NEAR(at(seq, 0, 60).sourceIn, 400 / 25.0, 1e-9);
+    EXPECT_EQ(warnings("Badly defined clip"), 0);
+
+    resetConfiguration();
+    EditStore other;
+    ScopedCurrentStore scope(other);
+    import("file_without_duration.xml", true);
+    EXPECT_EQ(at(sequence("Auto-Editor Media Group"), 0, 0).cookie, video_black);
+    EXPECT_EQ(warnings("Badly defined clip - name <> XML reference <file-1$0$>"), 1);
+}
+
+TEST_F(EditorsXmeml, AClipItemThatCarriesOnlyItsIdIsTheItemOfThatId) {
+    import("bare_clip_items.xml");
+    Qv::Ptr<Edit> seq = sequence("jumps");
+    Qv::Ptr<Edit> shot = shotOf(at(seq, 0, 0, 30));
+    ASSERT_TRUE(shot);
+    EXPECT_EQ(shot->findChannel(0)->type, kChanVideo) << "its picture, from <video/>";
+    for (double frame : {0.0, 40.0}) {
+        const CelData& sound = at(seq, 1, frame, 30);
+        EXPECT_TRUE(sound.cookie.sameIdentity(shot->cookie)) << frame;
+        EXPECT_EQ(sound.cookie.channel, 1) << frame;
+    }
+    EXPECT_EQ(seq->findChannel(1)->cels.size(), 2u);
+
+    resetConfiguration();
+    EditStore other;
+    ScopedCurrentStore scope(other);
+    import("bare_clip_items.xml", true);
+    const StoredChannel* sound = sequence("jumps")->findChannel(1);
+    ASSERT_EQ(sound->cels.size(), 1u) << "one gap";
+    EXPECT_EQ(sound->cels[0].cookie, audio_black);
+    ASSERT_EQ(sink->losses.size(), 2u);
+    EXPECT_EQ(sink->losses[0].kind.str(), "bare-reference");
+}
+
+TEST_F(EditorsXmeml, RatesTheEditorDoesNotKnowKeepTheirCounts) {
+    import("unknown_rates.xml");
+    Qv::Ptr<Edit> seq = sequence("Phone");
+    EXPECT_EQ(seq->frameRate, Qv::eFrameRate30);
+    EXPECT_DOUBLE_EQ(seq->rate, 34.0);
+    const CelData& cel = seq->channels[0].cels[0];
+    EXPECT_DOUBLE_EQ(cel.editOut, 2.0) << "68 frames at 34";
+    EXPECT_DOUBLE_EQ(cel.sourceIn, 1.0);
+    Qv::Ptr<Edit> shot = shotOf(cel);
+    ASSERT_TRUE(shot);
+    EXPECT_DOUBLE_EQ(shot->rate, 23.0);
+    EXPECT_NEAR(shot->getEndTime(), 10.0, 1e-9) << "230 frames at 23";
+    EXPECT_EQ(warnings("Timebase 34 is not a rate"), 1);
+    EXPECT_EQ(warnings("Timebase 23 is not a rate"), 1);
+
+    resetConfiguration();
+    EditStore other;
+    ScopedCurrentStore scope(other);
+    import("unknown_rates.xml", true);
+    EXPECT_FALSE(std::isfinite(sequence("Phone")->channels[0].cels[0].editOut))
+        << "the original reading has no time for such a rate";
+}
+
+TEST_F(EditorsXmeml, ASequenceIsAsLongAsWhatItHolds) {
+    import("short_duration.xml");
+    EXPECT_DOUBLE_EQ(sequence("Short")->getEndTime(), 4.0);
+    const StoredChannel& sound = sequence("Zero")->channels[0];
+    ASSERT_EQ(sound.levels.size(), 2u);
+    EXPECT_DOUBLE_EQ(sound.levels[0].position, 0.0);
+    EXPECT_DOUBLE_EQ(sound.levels[1].position, 0.5);
+
+    resetConfiguration();
+    EditStore other;
+    ScopedCurrentStore scope(other);
+    import("short_duration.xml", true);
+    EXPECT_DOUBLE_EQ(sequence("Short")->getEndTime(), 3 / 25.0) << "cut at its duration";
+    const StoredChannel& lost = sequence("Zero")->channels[0];
+    ASSERT_EQ(lost.levels.size(), 2u);
+    EXPECT_FALSE(std::isfinite(lost.levels[1].position)) << "levels at no finite place";
+}
+
+TEST_F(EditorsXmeml, AMasterClipBringsItsLog) {
+    import("master_clip_log.xml");
+    ASSERT_EQ(store.edits().size(), 1u);
+    Qv::Ptr<Edit> shot = store.edits().front();
+    EXPECT_EQ(shot->getConfig("scene").str(), "12");
+    EXPECT_EQ(shot->getConfig("shot").str(), "3");
+    EXPECT_EQ(shot->getConfig("notes").str(), "Good for the opening");
+    EXPECT_EQ(shot->getConfig("description").str(), "Wide, the garden at dusk");
+
+    resetConfiguration();
+    EditStore other;
+    ScopedCurrentStore scope(other);
+    import("master_clip_log.xml", true);
+    EXPECT_TRUE(other.edits().front()->getConfig("scene").empty());
+}
+
+// A clip that runs into a transition meets the transition beside it in the
+// document: not the last one the track passed (a dissolve that ends a clip
+// with nothing after it, as Final Cut Pro's version 1 writes), not one that
+// leads into a generator, and not a fade inside a sequence the clip item
+// holds.
+TEST_F(EditorsXmeml, ClipsMeetTheTransitionsBesideThem) {
+    std::string file =
+        "<file id=\"f\"><name>f.mov</name><rate><timebase>25</timebase></rate>"
+        "<duration>1000</duration><media><video><duration>1000</duration></video></media></file>";
+    auto clip = [](const char* id, int start, int end, const std::string& inside) {
+        return std::string("<clipitem id=\"") + id + "\"><name>" + id +
+               "</name><rate><timebase>25</timebase></rate><start>" + std::to_string(start) +
+               "</start><end>" + std::to_string(end) + "</end><in>100</in><out>200</out>" + inside +
+               "</clipitem>";
+    };
+    auto fade = [](int start, int end, const char* alignment) {
+        return "<transitionitem><start>" + std::to_string(start) + "</start><end>" +
+               std::to_string(end) + "</end><alignment>" + alignment +
+               "</alignment><effect><effectcategory>Dissolve</effectcategory>"
+               "<effecttype>transition</effecttype></effect></transitionitem>";
+    };
+    std::string nested =
+        "<sequence id=\"inner\"><name>Inner</name><duration>50</duration>"
+        "<rate><timebase>25</timebase></rate><media><video><track>" +
+        fade(0, 10, "start-black") + clip("inner-1", -1, 50, "<file id=\"f\"/>") +
+        "</track></video></media></sequence>";
+    std::string doc =
+        "<xmeml version=\"4\"><sequence><name>Cut</name><duration>400</duration>"
+        "<rate><timebase>25</timebase></rate><media><video><track>" +
+        clip("a", 0, -1, file) + fade(40, 50, "center") + fade(100, 110, "start-black") +
+        clip("b", -1, -1, "<file id=\"f\"/>") + fade(150, 160, "end-black") +
+        fade(200, 210, "start-black") +
+        "<generatoritem id=\"g\"><name>Matte</name><start>-1</start><end>240</end>"
+        "</generatoritem>" +
+        fade(300, 310, "start-black") + clip("c", -1, -1, "<file id=\"f\"/>") +
+        fade(340, 350, "end-black") + clip("d", 360, 380, nested) +
+        "</track></video></media></sequence></xmeml>";
+
+    importText(doc);
+    Qv::Ptr<Edit> seq = sequence("Cut");
+    EXPECT_TRUE(shotOf(at(seq, 0, 120)));
+    EXPECT_NEAR(at(seq, 0, 120).editIn * 25, 110, 1e-6) << "b starts in its own fade";
+    EXPECT_EQ(at(seq, 0, 70).cookie, video_black);
+    EXPECT_EQ(at(seq, 0, 220).cookie, video_black) << "the generator holds its place";
+    EXPECT_TRUE(shotOf(at(seq, 0, 320)));
+    EXPECT_NEAR(at(seq, 0, 320).editIn * 25, 310, 1e-6) << "c starts in its own fade";
+    EXPECT_TRUE(at(seq, 0, 370).cookie.sameIdentity(sequence("Inner")->cookie))
+        << "a clip item holding a fade inside its sequence is no transition";
+
+    // The original reading takes b for the clip of the dissolve at 40 and c
+    // for that of b's fade, passes the generator over, and takes the clip
+    // item that holds a fade for a transition.
+    resetConfiguration();
+    EditStore other;
+    ScopedCurrentStore scope(other);
+    importText(doc, true);
+    seq = sequence("Cut");
+    EXPECT_NEAR(at(seq, 0, 60).editIn * 25, 50, 1e-6);
+    EXPECT_TRUE(shotOf(at(seq, 0, 60)));
+    EXPECT_TRUE(shotOf(at(seq, 0, 120)));
+    EXPECT_EQ(at(seq, 0, 320).cookie, video_black);
+    EXPECT_EQ(at(seq, 0, 370).cookie, video_dissolve);
 }
 
 }  // namespace
