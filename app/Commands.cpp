@@ -18,7 +18,6 @@
 
 #include "app/Accounting.h"
 #include "app/DocumentCheck.h"
-#include "app/SourceScan.h"
 #include "app/Util.h"
 #include "app/WellFormed.h"
 #include "host/Edit.h"
@@ -344,7 +343,7 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
             for (const EditModifier& m : r.edits)
                 made.push_back(m.ptr());
             if (r.status == XML::kStatusOK) {
-                read_.push_back(readingLosses(input, "otio", listOtioClips(model), madeHere()));
+                read_.push_back(readingLosses(input, listOtioClips(model), madeHere()));
                 if (madeUntrusted()) untrusted_.push_back(input);
                 continue;
             }
@@ -406,8 +405,7 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
                                 " could not be imported: its structure is broken "
                                 "(a Shot or Edit without channels, or an empty channel)");
         }
-        read_.push_back(
-            readingLosses(input, xmeml ? "xmeml" : "native", lister.take(), madeHere()));
+        read_.push_back(readingLosses(input, lister.take(), madeHere()));
         // What the check of the document found untrusted, it has told.
         if (!untrusted) untrusted = madeUntrusted();
         if (untrusted) untrusted_.push_back(input);
@@ -415,18 +413,12 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
     return kExitOK;
 }
 
-DocumentLosses Commands::readingLosses(const std::string& input, const std::string& format,
-                                       const DocumentClips& clips,
+DocumentLosses Commands::readingLosses(const std::string& input, const DocumentClips& clips,
                                        const std::vector<Qv::Ptr<Edit>>& made) {
     DocumentLosses d;
     d.input = input;
     d.read = true;
     d.items = readerLosses(console_->takeLosses());
-    // The xmeml reader does not record what it passes over yet: an
-    // independent look at the document does.
-    if (format == "xmeml")
-        for (Loss& l : scanSource(input, format))
-            d.items.push_back(std::move(l));
     Accounting a = accountFor(clips, made, d.items);
     // One warning a track, naming the first item.
     for (std::size_t i = 0; i < a.unaccounted.size();) {

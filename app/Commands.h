@@ -100,8 +100,7 @@ class Commands {
     // The losses of reading a document: what the reader recorded, and the
     // clip items of `clips` that the check cannot account for, which it
     // also tells in warnings.
-    DocumentLosses readingLosses(const std::string& input, const std::string& format,
-                                 const DocumentClips& clips,
+    DocumentLosses readingLosses(const std::string& input, const DocumentClips& clips,
                                  const std::vector<Qv::Ptr<Edit>>& made);
     // Warns of the values among `edits` that no export can write as they are;
     // true if any makes the result untrusted.

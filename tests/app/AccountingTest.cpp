@@ -279,8 +279,9 @@ TEST(ImportReport, NamesEveryClipThatDoesNotPlay) {
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE xmeml>\n<xmeml version=\"4\">"
         "<sequence id=\"s\"><name>Cut</name><duration>100</duration>"
         "<rate><timebase>25</timebase><ntsc>FALSE</ntsc></rate>"
-        "<timecode><frame>90000</frame><displayformat>NDF</displayformat></timecode>"
-        "<media><video><track>" +
+        "<timecode><rate><timebase>25</timebase><ntsc>FALSE</ntsc></rate>"
+        "<string>01:00:00:00</string><frame>90000</frame><displayformat>NDF</displayformat>"
+        "</timecode><media><video><track>" +
         item("one", 0, 50, file("f1")) + "</track></video><audio><track>" +
         item("left", 0, 50,
              "<file id=\"f1\"/><sourcetrack><mediatype>audio</mediatype>"
