@@ -1,8 +1,10 @@
 #include "app/Accounting.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <unordered_map>
 #include <unordered_set>
@@ -32,6 +34,32 @@ std::int64_t frameNumber(std::string_view text, std::int64_t fallback) {
 std::int64_t wholeFrame(double frames) {
     if (std::isnan(frames)) return 0;
     return static_cast<std::int64_t>(std::llround(std::clamp(frames, -1e15, 1e15)));
+}
+
+// Whether an element's name is `what`: most names are told apart by their
+// length alone.
+template <std::size_t N>
+bool is(std::string_view name, const char (&what)[N]) {
+    return name.size() == N - 1 && std::memcmp(name.data(), what, N - 1) == 0;
+}
+
+// The id attribute of a start tag's text after its name, decoded.
+std::string idOf(std::string_view attributes) {
+    for (std::size_t at = attributes.find("id"); at != std::string_view::npos;
+         at = attributes.find("id", at + 2)) {
+        if (at == 0 || !std::isspace(static_cast<unsigned char>(attributes[at - 1]))) continue;
+        std::size_t q = at + 2;
+        while (q < attributes.size() && std::isspace(static_cast<unsigned char>(attributes[q])))
+            ++q;
+        if (q >= attributes.size() || attributes[q] != '=') continue;
+        std::size_t v = attributes.find_first_of("\"'", q);
+        std::size_t close = v == std::string_view::npos ? v : attributes.find(attributes[v], v + 1);
+        if (close == std::string_view::npos) break;
+        std::string_view value = attributes.substr(v + 1, close - v - 1);
+        if (value.find('&') != std::string_view::npos) return attributeValue(attributes, "id");
+        return std::string(value);
+    }
+    return {};
 }
 
 std::string quotedName(const std::string& name) {
@@ -87,33 +115,33 @@ struct XmemlClipLister::State {
     void start(std::string_view name, std::string_view attributes, int depth) {
         if (path.size() <= static_cast<std::size_t>(depth)) path.resize(depth + 1);
         path[static_cast<std::size_t>(depth)] = name;
-        if (name == "clip") {
-            if (std::string id = attributeValue(attributes, "id"); !id.empty())
-                masterClips.insert(std::move(id));
+        if (is(name, "clip")) {
+            if (std::string id = idOf(attributes); !id.empty()) masterClips.insert(std::move(id));
+            return;
         }
+        if (is(name, "clipitem")) ++clipItemsOpen;
         if (item > 0) {
             if (depth == item + 1) {
                 hasChildren = true;
-                if (name == "file" || name == "sequence" || name == "multiclip") names = true;
+                if (is(name, "file") || is(name, "sequence") || is(name, "multiclip")) names = true;
             }
-            if (name == "clipitem") ++clipItemsOpen;
             return;
         }
-        if (name == "clipitem") ++clipItemsOpen;
         if (sequence == 0) {
-            if (name == "sequence" && clipItemsOpen == 0) beginSequence(depth);
+            if (is(name, "sequence") && clipItemsOpen == 0) beginSequence(depth);
             return;
         }
-        if (depth == sequence + 1 && name == "media" && media == 0) {
-            media = depth;
-        } else if (media > 0 && depth == media + 1 && (name == "video" || name == "audio")) {
-            bool video = name == "video";
-            if (!(video ? sawVideo : sawAudio)) {
+        if (depth == sequence + 1) {
+            if (is(name, "media") && media == 0) media = depth;
+        } else if (media > 0 && depth == media + 1) {
+            bool video = is(name, "video");
+            if ((video || is(name, "audio")) && !(video ? sawVideo : sawAudio)) {
                 (video ? sawVideo : sawAudio) = true;
                 group = depth;
                 groupVideo = video;
             }
-        } else if (group > 0 && depth == group + 1 && name == "track") {
+        } else if (group > 0 && depth == group + 1) {
+            if (!is(name, "track")) return;
             track = depth;
             int n = 1;
             for (const ListedTrack& t : current.tracks)
@@ -121,59 +149,63 @@ struct XmemlClipLister::State {
             current.tracks.push_back(
                 {(groupVideo ? "V" : "A") + std::to_string(n), groupVideo, {}});
             events.clear();
-        } else if (track > 0 && depth == track + 1 &&
-                   (name == "clipitem" || name == "transitionitem")) {
+        } else if (track > 0 && depth == track + 1) {
+            isClip = is(name, "clipitem");
+            if (!isClip && !is(name, "transitionitem")) return;
             item = depth;
-            isClip = name == "clipitem";
             names = hasChildren = false;
             masterClip.clear();
             open = Event();
-            if (isClip) open.item.id = attributeValue(attributes, "id");
+            if (isClip) open.item.id = idOf(attributes);
         }
     }
 
     void end(std::string_view name, std::string_view inner, int depth) {
-        if (name == "clipitem" && clipItemsOpen > 0) --clipItemsOpen;
+        if (is(name, "clipitem") && clipItemsOpen > 0) --clipItemsOpen;
         // The first name inside a sequence, at any depth: names are leaves,
         // so the first to end is the first in the text.
-        if (sequence > 0 && depth > sequence && name == "name" && !anyName) {
+        if (!anyName && sequence > 0 && depth > sequence && is(name, "name")) {
             anyName = true;
             current.otherName = leafText(inner);
         }
-        if (item > 0 && depth == item + 1) {
-            if (name == "start") {
-                open.start = frameNumber(inner, 0);
-            } else if (name == "end") {
-                open.end = frameNumber(inner, 0);
-            } else if (name == "name" && isClip) {
-                open.item.name = leafText(inner);
-            } else if (name == "masterclipid" && isClip) {
-                masterClip = leafText(inner);
+        if (item > 0) {
+            if (depth == item + 1) {
+                if (is(name, "start")) {
+                    open.start = frameNumber(inner, 0);
+                } else if (is(name, "end")) {
+                    open.end = frameNumber(inner, 0);
+                } else if (isClip && is(name, "name")) {
+                    open.item.name = leafText(inner);
+                } else if (isClip && is(name, "masterclipid")) {
+                    masterClip = leafText(inner);
+                }
+            } else if (depth == item) {
+                endItem();
             }
             return;
         }
-        if (item > 0 && depth == item) {
-            endItem();
-            return;
-        }
-        if (item > 0 || sequence == 0) return;
-        if (depth == sequence + 1 && name == "name" && !ownName) {
-            ownName = true;
-            current.name = leafText(inner);
-        } else if (at(depth, sequence + 1, "rate") && name == "timebase") {
-            double tb = static_cast<double>(frameNumber(inner, 0));
-            if (tb > 0 && tb < 10000) current.timebase = tb;
-        } else if (at(depth, sequence + 1, "timecode") && name == "frame") {
-            current.startFrame = frameNumber(inner, 0);
-        } else if (at(depth, sequence + 1, "timecode") && name == "displayformat") {
-            current.dropFrame = leafText(inner) == "DF";
-        } else if (depth == track && name == "track") {
+        if (sequence == 0) return;
+        if (depth == sequence + 1) {
+            if (is(name, "name") && !ownName) {
+                ownName = true;
+                current.name = leafText(inner);
+            } else if (depth == media) {
+                media = 0;
+            }
+        } else if (depth == sequence + 2) {
+            if (is(name, "timebase") && at(depth, sequence + 1, "rate")) {
+                double tb = static_cast<double>(frameNumber(inner, 0));
+                if (tb > 0 && tb < 10000) current.timebase = tb;
+            } else if (is(name, "frame") && at(depth, sequence + 1, "timecode")) {
+                current.startFrame = frameNumber(inner, 0);
+            } else if (is(name, "displayformat") && at(depth, sequence + 1, "timecode")) {
+                current.dropFrame = leafText(inner) == "DF";
+            } else if (depth == group) {
+                group = 0;
+            }
+        } else if (depth == track) {
             endTrack();
             track = 0;
-        } else if (depth == group) {
-            group = 0;
-        } else if (depth == media) {
-            media = 0;
         } else if (depth == sequence) {
             endSequence();
         }
