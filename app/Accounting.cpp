@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -22,11 +23,21 @@ namespace {
 // A frame number as the readers take it: a number, a fraction cut off; what
 // is no number gives `fallback`.
 std::int64_t frameNumber(std::string_view text, std::int64_t fallback) {
+    // Whole numbers, as frames are written, without a copy.
+    std::size_t b = 0, e = text.size();
+    while (b < e && std::isspace(static_cast<unsigned char>(text[b])))
+        ++b;
+    while (e > b && std::isspace(static_cast<unsigned char>(text[e - 1])))
+        --e;
+    long long whole = 0;
+    auto [end, error] = std::from_chars(text.data() + b, text.data() + e, whole);
+    if (error == std::errc() && end == text.data() + e)
+        return std::clamp<long long>(whole, -1000000000000000LL, 1000000000000000LL);
     std::string t(text);
     const char* begin = t.c_str();
-    char* end = nullptr;
-    double v = std::strtod(begin, &end);
-    if (end == begin || !std::isfinite(v)) return fallback;
+    char* stop = nullptr;
+    double v = std::strtod(begin, &stop);
+    if (stop == begin || !std::isfinite(v)) return fallback;
     return static_cast<std::int64_t>(std::clamp(v, -1e15, 1e15));
 }
 
@@ -41,6 +52,16 @@ std::int64_t wholeFrame(double frames) {
 template <std::size_t N>
 bool is(std::string_view name, const char (&what)[N]) {
     return name.size() == N - 1 && std::memcmp(name.data(), what, N - 1) == 0;
+}
+
+// The text of a leaf element: as it stands, unless it holds references or
+// markup.
+std::string textOf(std::string_view inner) {
+    if (inner.empty()) return {};
+    if (!std::memchr(inner.data(), '&', inner.size()) &&
+        !std::memchr(inner.data(), '<', inner.size()))
+        return std::string(inner);
+    return leafText(inner);
 }
 
 // The id attribute of a start tag's text after its name, decoded.
@@ -104,7 +125,10 @@ struct XmemlClipLister::State {
     Event open;
     std::unordered_set<std::string> masterClips;
     // The clip items that name media, by id, where they stand.
-    std::unordered_map<std::string, ListedItem> namingItems;
+    struct Where {
+        std::size_t sequence, track, item;
+    };
+    std::unordered_map<std::string, Where> namingItems;
     std::vector<ByMasterClip> byMasterClip;
 
     bool at(int depth, int parent, std::string_view parentName) const {
@@ -175,7 +199,7 @@ struct XmemlClipLister::State {
                 } else if (is(name, "end")) {
                     open.end = frameNumber(inner, 0);
                 } else if (isClip && is(name, "name")) {
-                    open.item.name = leafText(inner);
+                    open.item.name = textOf(inner);
                 } else if (isClip && is(name, "masterclipid")) {
                     masterClip = leafText(inner);
                 }
@@ -245,7 +269,11 @@ struct XmemlClipLister::State {
             if (e.bare) {
                 auto earlier = namingItems.find(e.item.id);
                 if (earlier == namingItems.end()) continue;
-                t.items.push_back(earlier->second);
+                const Where& w = earlier->second;
+                const ListedSequence& s =
+                    w.sequence < out.sequences.size() ? out.sequences[w.sequence] : current;
+                ListedItem copy = s.tracks[w.track].items[w.item];
+                t.items.push_back(std::move(copy));
                 continue;
             }
             if (!e.listed) continue;
@@ -253,7 +281,10 @@ struct XmemlClipLister::State {
             if (e.end == -1 && i + 1 < events.size()) e.end = events[i + 1].start;
             e.item.start = e.start;
             e.item.end = e.end;
-            if (e.defines) namingItems.insert_or_assign(e.item.id, e.item);
+            if (e.defines)
+                namingItems.insert_or_assign(
+                    e.item.id,
+                    Where{out.sequences.size(), current.tracks.size() - 1, t.items.size()});
             if (!e.masterClip.empty())
                 byMasterClip.push_back({out.sequences.size(), current.tracks.size() - 1,
                                         t.items.size(), std::move(e.masterClip)});
