@@ -210,15 +210,17 @@ bool Commands::flavourOf(const std::string& to, Flavour& out, int& exitCode) {
         out = {XML::XMLFlavourFCPX, "fcpxml"};
     } else if (to == "otio" || to == "opentimelineio") {
         out = {XML::XMLFlavourNone, "otio", true};
+    } else if (to == "edl" || to == "cmx3600") {
+        out = {XML::XMLFlavourNone, "edl", false, true};
     } else if (to.empty()) {
         exitCode = fail(kExitUsage,
-                        "say which format to write with --to native, --to xmeml, --to fcpxml or "
-                        "--to otio");
+                        "say which format to write with --to native, --to xmeml, --to fcpxml, "
+                        "--to otio or --to edl");
         return false;
     } else {
-        exitCode =
-            fail(kExitUsage,
-                 quoted(to) + " is no format qvxml writes; use native, xmeml, fcpxml or otio");
+        exitCode = fail(kExitUsage, quoted(to) +
+                                        " is no format qvxml writes; use native, xmeml, fcpxml, "
+                                        "otio or edl");
         return false;
     }
     return true;
@@ -355,6 +357,14 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
             return fail(kExitFailed,
                         quoted(input) + " could not be imported (see the messages above)");
         }
+        // An edit decision list, by its content: the command reads it too.
+        if (isListInput(input)) {
+            if (int code = importList(input, made)) return code;
+            // A list's events are not checked one by one: its reader
+            // records what it passes over.
+            read_.push_back(readingLosses(input, DocumentClips(), madeHere()));
+            continue;
+        }
         DocumentHead head = readDocumentHead(input);
         if (head.kind == DocumentHead::Kind::Fcpxml)
             return fail(kExitUnknownDocument, whyUnreadable(input, head));
@@ -418,7 +428,7 @@ DocumentLosses Commands::readingLosses(const std::string& input, const DocumentC
     DocumentLosses d;
     d.input = input;
     d.read = true;
-    d.items = readerLosses(console_->takeLosses());
+    d.items = recordedLosses(console_->takeLosses(), "reader");
     Accounting a = accountFor(clips, made, d.items);
     // One warning a track, naming the first item.
     for (std::size_t i = 0; i < a.unaccounted.size();) {
@@ -493,6 +503,7 @@ std::string Commands::uniqueStem(const LightweightString<wchar_t>& name,
 
 std::string Commands::extensionOf(const Flavour& flavour) {
     if (flavour.otio) return ".otio";
+    if (flavour.edl) return ".edl";
     return narrow(plugin_.resource()->getExtension(flavour.value));
 }
 
@@ -530,6 +541,7 @@ int Commands::exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std:
 int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
                          const std::string& fileName) {
     if (flavour.otio) return exportOtio(edit, o, fileName);
+    if (flavour.edl) return exportEdl(edit, o, fileName);
     QvExport::ExporterFactoryBase* factory = plugin_.exporterFactory();
     if (!factory)
         return fail(kExitNotAvailable,
@@ -798,6 +810,7 @@ int Commands::rate(const Options& o) {
         std::printf("%s\n", narrow(Qv::getPlainString(rate)).c_str());
         return kExitOK;
     }
+    if (isListInput(input)) return rateOfList(input);
     DocumentHead head = readDocumentHead(input);
     {
         std::string bytes;

@@ -12,6 +12,7 @@
 #include "app/DocumentHead.h"
 #include "app/PluginLoader.h"
 #include "app/SafeOutput.h"
+#include "host/FrameRate.h"
 
 namespace qvapp {
 
@@ -32,7 +33,7 @@ enum ExitCode {
 
 struct Options {
     std::vector<std::string> inputs;
-    std::string to;  // native, xmeml, fcpxml, otio
+    std::string to;  // native, xmeml, fcpxml, otio, edl
     std::string outputDir = ".";
     std::string snapshot;  // import: where to write the project
     std::string edit;      // export: which edit
@@ -50,7 +51,15 @@ struct Options {
     bool json = false;                    // info --json
     bool listClips = false, listMedia = false, listMarkers = false;
     bool dryRun = false;  // relink: say what would be matched, write nothing
+    // Edit decision lists (see the user guide's "EDL").
+    std::string edlTrack;   // --edl-track: the one video track to write
+    int edlReelLength = 0;  // --edl-reel-length: reels cut to this length; 0 whole
 };
+
+// --rate's value as a rate ("25", "29.97", "23.976"); false when it is none.
+bool parseListRate(const std::string& text, Qv::FrameRate& rate);
+// Whether an input is an edit decision list, by its content.
+bool isListInput(const std::string& input);
 
 struct DocumentInfo;
 struct DocumentClips;
@@ -71,6 +80,10 @@ class Commands {
     int relink(const Options& o);  // app/Relink.cpp
     int draw(const Options& o);    // app/Draw.cpp
 
+    // The rate edit decision lists are read at (--rate); none to tell it
+    // from each list.
+    void setListRate(Qv::FrameRate rate) { listRate_ = rate; }
+
     // Where the command's words go: a job of a batch has streams of its own.
     void setStreams(std::FILE* out, std::FILE* err) {
         out_ = out;
@@ -82,6 +95,7 @@ class Commands {
         XML::XMLFlavour value;
         const char* name;
         bool otio = false;  // OpenTimelineIO: written by the command, not the plug-in
+        bool edl = false;   // edit decision lists: written by the command too
     };
     // A --to value as a flavour, or a failure already reported.
     bool flavourOf(const std::string& to, Flavour& out, int& exitCode);
@@ -123,6 +137,13 @@ class Commands {
     // Writes an edit as an OpenTimelineIO file.
     int exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName);
     std::string extensionOf(const Flavour& flavour);
+    // Edit decision lists (app/EdlCommand.cpp): a list read into the current
+    // project, an edit written as lists, a list's rate, and the names of the
+    // lists the last export wrote.
+    int importList(const std::string& input, std::vector<Qv::Ptr<Edit>>& made);
+    int exportEdl(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName);
+    int rateOfList(const std::string& input);
+    std::vector<std::string> takeListNames();
     int fail(int code, const std::string& sentence);
     // A job of a batch: its own console and streams, this run's files.
     Commands jobOf(const Options& o, std::FILE* out, std::FILE* err);
@@ -161,6 +182,8 @@ class Commands {
     std::shared_ptr<RunFiles> run_ = std::make_shared<RunFiles>();
     std::vector<std::string> untrusted_;  // documents whose result cannot be trusted
     std::vector<DocumentLosses> read_;    // what reading each document lost, in order
+    Qv::FrameRate listRate_ = Qv::eFrameRateNone;
+    std::vector<std::string> listNames_;
     std::FILE* out_ = stdout;
     std::FILE* err_ = stderr;
 };

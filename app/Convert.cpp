@@ -116,7 +116,11 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
             if (result == kExitOK) result = exported;
             continue;
         }
-        losses.outputs.push_back(stems[i] + extension);
+        if (flavour.edl)
+            for (std::string& name : takeListNames())
+                losses.outputs.push_back(std::move(name));
+        else
+            losses.outputs.push_back(stems[i] + extension);
         if (e->isShot()) continue;
         DocumentInfo info = describe({e}, {}, input, format);
         if (info.sequences.empty()) continue;
@@ -143,6 +147,7 @@ Commands Commands::jobOf(const Options& o, std::FILE* out, std::FILE* err) {
     job.setStreams(out, err);
     job.run_ = run_;
     job.usedDir_ = usedDir_;
+    job.listRate_ = listRate_;
     return job;
 }
 
@@ -198,7 +203,10 @@ int Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour
     losses.read = true;
     losses.input = input;
     losses.target = flavour.name;
-    losses.outputs.push_back(fileName);
+    if (flavour.edl)
+        losses.outputs = takeListNames();
+    else
+        losses.outputs.push_back(fileName);
     std::vector<LossRecord> records = console_->takeLosses();
     if (!edit->isShot()) {
         DocumentInfo info = describe({edit}, identitiesOf(EditStore::current()), input, "snapshot");

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "app/Util.h"
+#include "edl/EdlImport.h"
 #include "host/Paths.h"
 #include "host/XMLParser.h"
 #include "otio/OtioImport.h"
@@ -129,6 +130,7 @@ VersionMend mendVersion(const DocumentHead& head) {
 
 std::string documentFormat(const std::string& path) {
     if (QvOtio::isOtioDocument(pathFromBytes(absolutePath(path)))) return "otio";
+    if (QvEdl::isEdlDocument(pathFromBytes(absolutePath(path)))) return "edl";
     switch (readDocumentHead(path).kind) {
         case DocumentHead::Kind::Native:
             return "native";

@@ -25,7 +25,7 @@ struct DocumentHead {
 DocumentHead readDocumentHead(const std::string& path);
 
 // The kind of document a file is, as the conform tools name it: "otio",
-// "xmeml", "native", "fcpxml", or "" for none of these.
+// "xmeml", "native", "fcpxml", "edl", or "" for none of these.
 std::string documentFormat(const std::string& path);
 
 // A document whose version the readers would refuse only for its spelling,

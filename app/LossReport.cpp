@@ -64,6 +64,25 @@ const KindText kKinds[] = {
     {"marker", "markers the format cannot hold"},
     {"speed-read-as-1", "stills and reverse play read back at normal speed"},
     {"level-zero", "levels of 0 read back as unity"},
+    // What an edit decision list passes over or cannot hold.
+    {"key-as-cut", "keys read as cuts"},
+    {"unreadable-event", "events that cannot be read, left out"},
+    {"unreadable-speed", "speed lines that cannot be read, passed over"},
+    {"split-edit", "split edits read as straight cuts"},
+    {"event-overlap", "events laid over the one before, which ends where they begin"},
+    {"record-timed-by-source", "events that end before they begin, timed by their source"},
+    {"transition-shortened", "transitions longer than their event, shortened"},
+    {"marker-unread", "locators that cannot be placed, passed over"},
+    {"reel-invented", "reels invented for shots without one"},
+    {"reel-shortened", "reels shortened or renamed"},
+    {"track-levels", "track level automation not written"},
+    {"audio-patch", "audio clips that play another channel than their track's"},
+    {"nested-left-out", "uses of nested sequences left out as gaps"},
+    {"nested-flat", "uses of nested sequences written as what they play"},
+    {"transition-through-black", "transitions in a row written through black"},
+    {"video-track-apart", "video tracks written to lists of their own"},
+    {"track-left-out", "tracks not written"},
+    {"source-rate", "media at another rate, its timecode counted at the list's"},
 };
 
 int kindOrder(const std::string& kind) {
@@ -208,14 +227,6 @@ Loss lossOf(const LossRecord& r, const char* origin) {
     return l;
 }
 
-std::vector<Loss> readerLosses(const std::vector<LossRecord>& records) {
-    std::vector<Loss> out;
-    out.reserve(records.size());
-    for (const LossRecord& r : records)
-        out.push_back(lossOf(r, "reader"));
-    return out;
-}
-
 std::vector<Loss> targetLosses(const SequenceInfo& s, const std::string& target, bool silent,
                                bool skipOffline) {
     std::vector<Loss> out;
@@ -283,6 +294,14 @@ std::vector<Loss> writerLosses(const SequenceInfo& s, const std::vector<LossReco
             l.frame = frame - s.startFrame;
         out.push_back(std::move(l));
     }
+    return out;
+}
+
+std::vector<Loss> recordedLosses(const std::vector<LossRecord>& records, const char* origin) {
+    std::vector<Loss> out;
+    out.reserve(records.size());
+    for (const LossRecord& r : records)
+        out.push_back(lossOf(r, origin));
     return out;
 }
 

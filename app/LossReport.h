@@ -46,8 +46,6 @@ bool kindReplacesMaterial(const std::string& kind);
 
 // A record as a loss of the report, of "reader" or "writer" origin.
 Loss lossOf(const LossRecord& record, const char* origin);
-// The losses a reader recorded as it read a document.
-std::vector<Loss> readerLosses(const std::vector<LossRecord>& records);
 
 // What the target format cannot hold of a sequence, found by comparing the
 // project's edit with the format: "native", "xmeml", "fcpxml" or "otio".
@@ -59,6 +57,10 @@ std::vector<Loss> targetLosses(const SequenceInfo& sequence, const std::string& 
 // it replaced), placed on the sequence.
 std::vector<Loss> writerLosses(const SequenceInfo& sequence,
                                const std::vector<LossRecord>& records);
+
+// Losses recorded as they came (by a reader as it read a document, say), as
+// they stand, with the origin given.
+std::vector<Loss> recordedLosses(const std::vector<LossRecord>& records, const char* origin);
 
 // One line for standard error: how many losses of which kinds.
 std::string lossSummary(const DocumentLosses& losses);

@@ -55,6 +55,7 @@ class FileIndex {
                 if (fs::is_regular_file(status)) {
                     byName_[name].push_back(path);
                     byLowerName_[lowerCase(name)].push_back(path);
+                    byStem_[it->path().stem().string()].push_back(path);
                 } else if (!fs::is_directory(it->symlink_status(typeError))) {
                     // Never probed: reading a pipe or a device could block
                     // or never end.
@@ -62,17 +63,21 @@ class FileIndex {
                 }
             }
         }
-        for (auto* map : {&byName_, &byLowerName_})
+        for (auto* map : {&byName_, &byLowerName_, &byStem_})
             for (auto& [name, paths] : *map) {
                 std::sort(paths.begin(), paths.end());
                 paths.erase(std::unique(paths.begin(), paths.end()), paths.end());
             }
     }
-    // The files of that name; failing those, of that name in another case.
+    // The files of that name; failing those, of that name in another case;
+    // failing those, for a name without an extension (as edit decision lists
+    // name sources), the files of that name with any extension.
     std::vector<std::string> find(const std::string& name) const {
         if (auto it = byName_.find(name); it != byName_.end()) return it->second;
         if (auto it = byLowerName_.find(lowerCase(name)); it != byLowerName_.end())
             return it->second;
+        if (name.find('.') == std::string::npos)
+            if (auto it = byStem_.find(name); it != byStem_.end()) return it->second;
         return {};
     }
     // What an entry of that name is that is not a file ("\"x\" is a
@@ -102,7 +107,7 @@ class FileIndex {
         }
     }
 
-    std::map<std::string, std::vector<std::string>> byName_, byLowerName_;
+    std::map<std::string, std::vector<std::string>> byName_, byLowerName_, byStem_;
     std::map<std::string, std::string> notFiles_;
 };
 

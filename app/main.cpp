@@ -22,7 +22,7 @@ using namespace qvapp;
 const char* const kUsage =
     "usage: qvxml COMMAND [OPTIONS] ...\n"
     "\n"
-    "Carries edit timelines between editors as XML and OpenTimelineIO.\n"
+    "Carries edit timelines between editors as XML, OpenTimelineIO and edit decision lists.\n"
     "\n"
     "commands:\n"
     "  convert INPUT... --to FORMAT [-o DIR]      import documents and write them as FORMAT\n"
@@ -36,8 +36,9 @@ const char* const kUsage =
     "  draw INPUT -o FILE.svg|FILE.html            a picture of each sequence\n"
     "  relink SNAPSHOT.json --search DIR...        find offline media and link it\n"
     "\n"
-    "FORMAT is native (QVXML 2.0), xmeml (Final Cut Pro 7, Premiere, Resolve), fcpxml, or\n"
-    "otio (OpenTimelineIO .otio, read too: by content, whatever the file's name).\n"
+    "FORMAT is native (QVXML 2.0), xmeml (Final Cut Pro 7, Premiere, Resolve), fcpxml,\n"
+    "otio (OpenTimelineIO .otio) or edl (CMX 3600 edit decision lists); .otio files and\n"
+    "lists are read too, by content, whatever the file's name.\n"
     "Run 'qvxml COMMAND --help' for a command's options, 'qvxml --version' for the version.\n"
     "The user guide is docs/user-guide.md.\n";
 
@@ -55,12 +56,13 @@ const char* const kCommonOptions =
 
 const char* helpFor(const std::string& command) {
     if (command == "convert")
-        return "usage: qvxml convert INPUT... --to native|xmeml|fcpxml|otio [-o DIR] [--silent]\n"
+        return "usage: qvxml convert INPUT... --to native|xmeml|fcpxml|otio|edl [-o DIR] "
+               "[--silent]\n"
                "\n"
                "Imports each document into a fresh project and writes every sequence it made\n"
                "(or its shots, when it made none) as FORMAT into DIR (default: the current\n"
                "folder), one file per sequence, named after it. Prints each file written.\n"
-               "INPUT may be QVXML, xmeml or OpenTimelineIO (.otio).\n"
+               "INPUT may be QVXML, xmeml, OpenTimelineIO (.otio) or an edit decision list.\n"
                "\n"
                "  --to FORMAT       the format to write\n"
                "  -o, --output DIR  where to write\n"
@@ -71,22 +73,26 @@ const char* helpFor(const std::string& command) {
                "  --report FILE     write what did not cross as JSON (a summary goes to\n"
                "                    standard error in any case)\n"
                "  --map-path FROM=TO  look for media under TO where the document says FROM\n"
-               "                    (paths, drives, UNC names, file:// URLs; repeatable)\n";
+               "                    (paths, drives, UNC names, file:// URLs; repeatable)\n"
+               "  --rate RATE       read edit decision lists at RATE (25, 29.97, 23.976, ...)\n"
+               "  --edl-track V1    --to edl: write that video track's list alone\n"
+               "  --edl-reel-length N  --to edl: cut reels to N characters (CMX: 8)\n";
     if (command == "import")
         return "usage: qvxml import INPUT... [--snapshot OUT.json] [--report FILE]\n"
                "\n"
-               "Imports the documents (QVXML, xmeml or OpenTimelineIO) into one project,\n"
-               "linking their media, importing it or marking it offline, and prints what was\n"
-               "made. With --snapshot the project is written as JSON (see docs/snapshot.md).\n"
-               "Every clip item of a document either plays in the project or is a loss of\n"
-               "reading; a summary of the losses goes to standard error.\n"
+               "Imports the documents (QVXML, xmeml, OpenTimelineIO or edit decision lists)\n"
+               "into one project, linking their media, importing it or marking it offline, and\n"
+               "prints what was made. With --snapshot the project is written as JSON (see\n"
+               "docs/snapshot.md). Every clip item of a document either plays in the project\n"
+               "or is a loss of reading; a summary of the losses goes to standard error.\n"
                "\n"
                "  --snapshot FILE   write the project as JSON\n"
                "  --report FILE     write what reading lost as JSON, each loss with its\n"
                "                    sequence, track and timecode (see the user guide)\n"
-               "  --map-path FROM=TO  look for media under TO where the document says FROM\n";
+               "  --map-path FROM=TO  look for media under TO where the document says FROM\n"
+               "  --rate RATE       read edit decision lists at RATE (25, 29.97, 23.976, ...)\n";
     if (command == "export")
-        return "usage: qvxml export SNAPSHOT.json --to native|xmeml|fcpxml|otio [--edit NAME]\n"
+        return "usage: qvxml export SNAPSHOT.json --to native|xmeml|fcpxml|otio|edl [--edit NAME]\n"
                "                    [-o DIR] [--name FILE] [--silent]\n"
                "\n"
                "Loads a project snapshot (see docs/snapshot.md) and writes one of its edits:\n"
@@ -97,19 +103,23 @@ const char* helpFor(const std::string& command) {
                "  -o, --output DIR  where to write\n"
                "  --skip-offline    leave shots whose media is offline out of the export\n"
                "  --report FILE     write what did not cross as JSON\n"
-               "  --map-path FROM=TO  move media locators before writing (repeatable)\n";
+               "  --map-path FROM=TO  move media locators before writing (repeatable)\n"
+               "  --edl-track V1    --to edl: write that video track's list alone\n"
+               "  --edl-reel-length N  --to edl: cut reels to N characters (CMX: 8)\n";
     if (command == "info")
         return "usage: qvxml info INPUT... [--clips] [--media] [--markers] [--json] [-j N]\n"
                "\n"
-               "Reads each document (QVXML, xmeml, OpenTimelineIO or a snapshot) and tells, for\n"
-               "each sequence, its rate, start and length, its tracks, clips, transitions, gaps,\n"
-               "markers and speed changes, and the media it plays: imported, found, linked or\n"
-               "offline, and where offline media was looked for. Nothing is written.\n"
+               "Reads each document (QVXML, xmeml, OpenTimelineIO, an edit decision list or a\n"
+               "snapshot) and tells, for each sequence, its rate, start and length, its tracks,\n"
+               "clips, transitions, gaps, markers and speed changes, and the media it plays:\n"
+               "imported, found, linked or offline, and where offline media was looked for.\n"
+               "Nothing is written.\n"
                "\n"
                "  --clips, --media, --markers   list them\n"
                "  --json            everything, as JSON (see the user guide)\n"
                "  -j, --jobs N      read N documents side by side (0: one per processor)\n"
-               "  --map-path FROM=TO  look for media under TO where the document says FROM\n";
+               "  --map-path FROM=TO  look for media under TO where the document says FROM\n"
+               "  --rate RATE       read edit decision lists at RATE (25, 29.97, 23.976, ...)\n";
     if (command == "draw")
         return "usage: qvxml draw INPUT -o FILE.svg|FILE.html\n"
                "\n"
@@ -118,7 +128,8 @@ const char* helpFor(const std::string& command) {
                "also holds the info tables and what reading the document passed over; it\n"
                "opens from disk and needs nothing else.\n"
                "\n"
-               "  --map-path FROM=TO  look for media under TO where the document says FROM\n";
+               "  --map-path FROM=TO  look for media under TO where the document says FROM\n"
+               "  --rate RATE       read edit decision lists at RATE (25, 29.97, 23.976, ...)\n";
     if (command == "relink")
         return "usage: qvxml relink SNAPSHOT.json --search DIR... [-o OUT.json] [--dry-run]\n"
                "\n"
@@ -133,9 +144,11 @@ const char* helpFor(const std::string& command) {
                "  --dry-run         say what would be linked; write nothing\n"
                "  --map-path FROM=TO  move locators first\n";
     if (command == "rate")
-        return "usage: qvxml rate INPUT\n"
+        return "usage: qvxml rate INPUT [--rate RATE]\n"
                "\n"
-               "Prints the frame rate of the document's first sequence, such as 25 or 29.97.\n";
+               "Prints the frame rate of the document's first sequence, such as 25 or 29.97.\n"
+               "An edit decision list does not say its rate: the rate it is read at is\n"
+               "printed, with a warning that says how it was told (--rate gives it).\n";
     return nullptr;
 }
 
@@ -226,6 +239,7 @@ int main(int argc, char** argv) {
 
     Options o;
     PathMap paths;
+    Qv::FrameRate listRate = Qv::eFrameRateNone;
     for (size_t i = 1; i < args.size(); ++i) {
         const std::string& a = args[i];
         auto value = [&](std::string& into) {
@@ -239,7 +253,7 @@ int main(int argc, char** argv) {
             return kExitOK;
         } else if (a == "--to") {
             if (!value(o.to))
-                return usageError("--to wants a format: native, xmeml, fcpxml or otio");
+                return usageError("--to wants a format: native, xmeml, fcpxml, otio or edl");
         } else if (a == "-o" || a == "--output") {
             if (!value(o.outputDir))
                 return usageError(a + (command == "draw" || command == "relink"
@@ -281,6 +295,24 @@ int main(int argc, char** argv) {
             if (!value(o.edit)) return usageError("--edit wants an edit's name");
         } else if (a == "--name" && command == "export") {
             if (!value(o.name)) return usageError("--name wants a file name");
+        } else if (a == "--rate" && command != "export" && command != "relink") {
+            std::string text;
+            if (!value(text)) return usageError("--rate wants a frame rate, such as 25 or 29.97");
+            if (!parseListRate(text, listRate))
+                return usageError("\"" + text + "\" is no frame rate qvxml knows (25, 29.97, ...)");
+        } else if (a == "--edl-track" && (command == "convert" || command == "export")) {
+            if (!value(o.edlTrack) || o.edlTrack.size() < 2 || o.edlTrack[0] != 'V' ||
+                o.edlTrack.find_first_not_of("0123456789", 1) != std::string::npos)
+                return usageError("--edl-track wants a video track: V1, V2, ...");
+        } else if (a == "--edl-reel-length" && (command == "convert" || command == "export")) {
+            std::string n;
+            char* end = nullptr;
+            if (!value(n)) return usageError("--edl-reel-length wants a number of characters");
+            long length = std::strtol(n.c_str(), &end, 10);
+            if (n.empty() || *end != '\0' || length < 1 || length > 128)
+                return usageError("--edl-reel-length wants a number from 1 to 128, not \"" + n +
+                                  "\"");
+            o.edlReelLength = static_cast<int>(length);
         } else if (a == "--silent") {
             o.silent = true;
         } else if (a == "--skip-offline") {
@@ -317,6 +349,7 @@ int main(int argc, char** argv) {
         return kExitPlugin;
     }
     Commands commands(plugin, console);
+    commands.setListRate(listRate);
     int code;
     if (command == "convert")
         code = commands.convert(o);

@@ -8,8 +8,8 @@
 # tried, longer seeds being cut to it (default 65536). BUILD_DIR is a clang tree
 # configured with -DQVXML_BUILD_FUZZ=ON (default build-asan; it is configured
 # so when it does not exist). The targets are native_import_fuzz,
-# xmeml_import_fuzz, snapshot_fuzz, xml_parser_fuzz and otio_reader_fuzz
-# (default: all).
+# xmeml_import_fuzz, snapshot_fuzz, xml_parser_fuzz, otio_reader_fuzz and
+# edl_reader_fuzz (default: all).
 #
 # Seeds are copied at run time from examples/, tests/data/ and the shared
 # corpus (../shared/corpus, or $QVXML_CORPUS); the snapshot target's seeds are
@@ -34,7 +34,8 @@ done
 shift $((OPTIND - 1))
 targets=("$@")
 if ((${#targets[@]} == 0)); then
-  targets=(native_import_fuzz xmeml_import_fuzz snapshot_fuzz xml_parser_fuzz otio_reader_fuzz)
+  targets=(native_import_fuzz xmeml_import_fuzz snapshot_fuzz xml_parser_fuzz otio_reader_fuzz
+    edl_reader_fuzz)
 fi
 corpus=${QVXML_CORPUS:-../shared/corpus}
 
@@ -71,6 +72,7 @@ seed "$work/xmeml_import_fuzz" "${xmeml[@]}"
 seed "$work/xml_parser_fuzz" "${native[@]}" "${xmeml[@]}" "$corpus"/fcpxml/*.fcpxml
 seed "$work/snapshot_fuzz" examples/timeline.json
 seed "$work/otio_reader_fuzz" "$corpus"/otio/*.otio
+seed "$work/edl_reader_fuzz" tests/data/edl/*.edl "$corpus"/edl/*.edl
 # Snapshots of what the documents import to.
 n=0
 for doc in "${native[@]}" "${xmeml[@]}"; do
@@ -111,6 +113,22 @@ cat >"$work/dictionary" <<'EOF'
 "\"nan\""
 "1e300"
 "-2147483648"
+"TITLE: "
+"FCM: DROP FRAME"
+"FCM: NON-DROP FRAME"
+"001  AX       V     C        01:00:00:00 01:00:01:00 01:00:00:00 01:00:01:00"
+"002  BL       AA/V  D    030 "
+"W012R 010 "
+"K B "
+"M2   AX       -025.0 01:00:00:00"
+"AUD  3 4"
+"* FROM CLIP NAME: "
+"* TO CLIP NAME: "
+"* SOURCE FILE: "
+"* LOC: 01:00:00:00 RED "
+"* WIPE REVERSE"
+">>> SOURCE "
+"00:00:59;29"
 EOF
 
 status=0

@@ -263,7 +263,7 @@ TEST_F(Check, OpenTimelineIOClipsArePlacedInTheWindowsOfTheirTracks) {
     std::vector<Qv::Ptr<Edit>> made;
     for (const EditModifier& m : r.edits)
         made.push_back(m.ptr());
-    Accounting a = accountFor(clips, made, qvapp::readerLosses(sink->losses));
+    Accounting a = accountFor(clips, made, qvapp::recordedLosses(sink->losses, "reader"));
     EXPECT_EQ(a.playing, 1);
     EXPECT_EQ(a.reported, 1);
     EXPECT_TRUE(a.unaccounted.empty());

@@ -74,7 +74,7 @@ TEST(OtioCommand, ABrokenOtioDocumentIsSaidInOneSentence) {
         EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
     }
     Outcome r = qvxml("convert " + quote(kExample) + " --to avid");
-    EXPECT_NE(r.err.find("use native, xmeml, fcpxml or otio"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("use native, xmeml, fcpxml, otio or edl"), std::string::npos) << r.err;
 }
 
 }  // namespace
