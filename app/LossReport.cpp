@@ -5,6 +5,7 @@
 
 #include "app/Util.h"
 #include "host/Config.h"
+#include "plugin/Interchange.h"
 
 namespace qvapp {
 
@@ -48,6 +49,12 @@ const KindText kKinds[] = {
     {"transition-removed", "transitions without enough material, replaced"},
     {"gap-added", "black added where source material is missing"},
     {"material-missing", "clips of material not in the project, written as gaps"},
+    {"clip-as-black", "clips with none of their media left, written as black"},
+    {"transition-dropped", "transitions that join no clip, left out"},
+    {"transition-shortened", "transitions shortened by a frame to centre on their cut"},
+    {"length-unknown", "shots of no known length, given the length their uses need"},
+    {"character-replaced", "names with characters XML cannot carry, written with U+FFFD"},
+    {"level-unplaced", "level keyframes with no place on the sequence, left out"},
     // What the target format cannot hold.
     {"speed", "speed changes the format cannot hold"},
     {"wipe-pattern", "wipes that lose their pattern"},
@@ -154,15 +161,16 @@ void fcpxmlLosses(const SequenceInfo& s, std::vector<Loss>& out) {
             std::snprintf(colour, sizeof colour, "#%06X", m.colour & 0xFFFFFF);
             out.push_back(at(s, "marker-colour", -1, m.in, m.name + " " + colour));
         }
-    // The sound goes out only when the first video channel has an item at
-    // the very start.
+    // As first written, the sound goes out only when the first video
+    // channel has an item at the very start; by default it always does.
     const StoredChannel* first = nullptr;
     for (const StoredChannel& ch : s.edit->channels)
         if (ch.type == kChanVideo) {
             first = &ch;
             break;
         }
-    bool sound = first && !first->cels.empty() && std::fabs(first->cels.front().editIn) < 1e-6;
+    bool sound = !XML::legacyInterchange() ||
+                 (first && !first->cels.empty() && std::fabs(first->cels.front().editIn) < 1e-6);
     if (!sound)
         for (std::size_t t = 0; t < s.tracks.size(); ++t)
             if (!s.tracks[t].video && s.tracks[t].clips > 0)
