@@ -99,6 +99,7 @@ struct XmemlClipLister::State {
         bool listed = false;
         bool defines = false;  // holds what it names, and may be referred to by its id
         bool bare = false;     // carries nothing but an id
+        bool transition = false;
         std::int64_t start = 0, end = 0;
         ListedItem item;
         std::string masterClip;  // names media only by this master clip
@@ -256,11 +257,13 @@ struct XmemlClipLister::State {
             }
             open.listed = names;
         }
+        open.transition = !isClip;
         events.push_back(std::move(open));
     }
 
     // A clip item that runs into a transition has -1 there: it starts where
-    // the item before it ends, and ends where the item after it starts. A
+    // the item before it ends, and ends where the item after it starts; a
+    // version 1 document may give such an end as one before the start. A
     // bare reference stands where the clip item it names stands.
     void endTrack() {
         ListedTrack& t = current.tracks.back();
@@ -277,6 +280,9 @@ struct XmemlClipLister::State {
                 continue;
             }
             if (!e.listed) continue;
+            if (e.start != -1 && e.end != -1 && e.end < e.start && i + 1 < events.size() &&
+                events[i + 1].transition)
+                e.end = -1;
             if (e.start == -1 && i > 0) e.start = events[i - 1].end;
             if (e.end == -1 && i + 1 < events.size()) e.end = events[i + 1].start;
             e.item.start = e.start;

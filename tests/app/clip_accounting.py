@@ -102,6 +102,11 @@ def xmeml_clips(root):
                 if not names:
                     continue
                 start, end = number(e.findtext("start")), number(e.findtext("end"))
+                # Version 1 may give the end of a clip that runs into a
+                # transition as one before its start.
+                if (start != -1 and end != -1 and end < start and i + 1 < len(events)
+                        and events[i + 1].tag == "transitionitem"):
+                    end = -1
                 if start == -1 and i > 0:
                     start = number(events[i - 1].findtext("end"))
                 if end == -1 and i + 1 < len(events):
