@@ -68,7 +68,7 @@ std::string FCP5XMLReader::nestedKey(const XMLParser& item) const {
     if (direct.empty()) return {};
     if (direct[0]) return sequenceKey(*direct[0]);
     // `<sequence id="..."/>`: the sequence defined with that id.
-    for (const XMLParser::Tag& a : item.getValue("sequence", 0).attributes)
+    for (const XMLParser::Tag& a : item.getAttributes("sequence", 0))
         if (a.name == "id" && !a.value.empty()) return "\x01" + a.value.str();
     return "\x01";  // a sequence element that names none
 }
