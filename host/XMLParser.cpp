@@ -608,17 +608,19 @@ unsigned int XMLParser::nth(std::string_view tag, unsigned int index) const {
     u32 id = x.idOf(tag);
     auto [first, last] = x.range(id);
     if (root_ == kNone) return index < last - first ? x.byName[first + index] : kNone;
-    // A small section is walked: quicker than a search of a bucket that
-    // holds every element of that name in the document.
-    constexpr u32 kWalk = 32;
-    if (last_ - first_ <= kWalk) {
-        if (id == kNone) return kNone;
-        for (u32 i = first_; i < last_; ++i)
-            if (x.elements[i].name == id && index-- == 0) return i;
-        return kNone;
-    }
+    if (id == kNone) return kNone;
+    // The first elements of a section are walked: what a reader asks of an
+    // element usually stands near its start, and a walk reads neighbours in
+    // memory where a search of the name's bucket, which holds every element
+    // of that name in the document, jumps about. Past them the bucket is
+    // searched.
+    constexpr u32 kWalk = 64;
+    u32 stop = last_ - first_ <= kWalk ? last_ : first_ + kWalk;
+    for (u32 i = first_; i < stop; ++i)
+        if (x.elements[i].name == id && index-- == 0) return i;
+    if (stop == last_) return kNone;
     const u32* b = x.byName.data();
-    const u32* lo = std::lower_bound(b + first, b + last, first_);
+    const u32* lo = std::lower_bound(b + first, b + last, stop);
     if (index >= static_cast<u32>(b + last - lo)) return kNone;
     return lo[index] < last_ ? lo[index] : kNone;
 }

@@ -424,8 +424,9 @@ TEST(XMLParser, SectionParsersAnswerAsParsersOverTheirText) {
     expectSectionsAgree("<a><b><c>open", "cut short");
     expectSectionsAgree("<a><e>&lt;c&gt;1&lt;/c&gt;</e><e><![CDATA[<c>]]></e><e><!--x--></e></a>",
                         "escaped");
-    // Sections small enough to be walked, and large ones whose names are
-    // looked up, with the same names nested at every depth.
+    // Sections of 13 to 161 elements, the same names nested at every depth:
+    // a question walks the first 64 elements of a section and looks past
+    // them in the name's bucket.
     for (int items : {3, 15, 16, 17, 40}) {
         std::string doc = "<a>";
         for (int i = 0; i < items; ++i)
