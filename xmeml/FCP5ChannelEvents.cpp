@@ -330,15 +330,16 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
     // need: checked once every record is made.
     LightweightString<char> itemName = leaf(ip, "name");
     LightweightString<char> itemId = fcp5read::idOf(ip);
-    LightweightString<char> detail = fcp5read::itemText(itemName, itemId);
-    reportItem(ip, start, detail);
+    // How losses name the item, made only for a loss.
+    auto detail = [&itemName, &itemId] { return fcp5read::itemText(itemName, itemId); };
+    reportItem(ip, start, itemName, itemId);
     if (legacy() && !ip.sections_TopLevel("sequence").empty())
-        reportLoss(lossHere("nested-sequence", start, detail), false);
+        reportLoss(lossHere("nested-sequence", start, detail()), false);
     if (place_.cutAt >= 0 && end > place_.cutAt)
-        reportLoss(lossHere("cut-off", start, detail), true);
+        reportLoss(lossHere("cut-off", start, detail()), true);
     if (!nested.empty()) {
         nestedUses_.push_back(
-            {currentSequence_, nested, cel, lossHere("nested-sequence", start, detail)});
+            {currentSequence_, nested, cel, lossHere("nested-sequence", start, detail())});
     }
     if (!cel->refIsGhost && !base.empty()) {
         if (auto f = fileFacts_.find(base.str()); f != fileFacts_.end()) {
@@ -351,9 +352,10 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
             else
                 needs.audioChannels = std::max(needs.audioChannels, trackNumber);
             if (!f->second.mediaSource.empty())
-                reportLoss(lossHere("generator", start,
-                                    detail + ", synthetic media \"" + f->second.mediaSource + "\""),
-                           true);
+                reportLoss(
+                    lossHere("generator", start,
+                             detail() + ", synthetic media \"" + f->second.mediaSource + "\""),
+                    true);
         }
     }
     if (places_.empty()) places_.push_back(place_);

@@ -167,7 +167,9 @@ class FCP5XMLReader : public XMLReader {
     // what is passed over.
     LossRecord lossHere(const char* kind, long long frame, const LightweightString<char>& detail);
     void reportLoss(const LossRecord& record, bool playsBlack);
-    void reportItem(const XMLParser& item, long long frame, const LightweightString<char>& detail);
+    // What the reader passes over in a clip item, named by its name and id.
+    void reportItem(const XMLParser& item, long long frame, const LightweightString<char>& name,
+                    const LightweightString<char>& id);
     void flushPassedOver();
     void completeFiles();
     void checkNesting();
