@@ -94,20 +94,27 @@ ImportResult XMLImportFiles(const ImportFileList& files, LoggerHandle log) {
             result.status = doc.status;
             break;
         }
-        XMLParser parser(doc.buffer.get(), -1);
-        XMLFlavour flavour = detectXMLFlavour(parser);
-        if (flavour < XMLFlavourQV1 || flavour > XMLFlavourQV2) {
-            result.status = kStatusUnknown;
-            break;
-        }
         Qv::Ptr<XMLReader> reader;
-        result.status = getAnXMLReader(reader, flavour, log);
-        if (result.status == kStatusOK) {
-            ImportResult one = reader->importFile(parser, entry, log);
-            result.status = one.status;
-            for (const EditModifier& m : one.edits)
-                result.edits.push_back(m);
+        int parsed = 0;
+        {
+            XMLParser parser(doc.buffer.get(), -1);
+            XMLFlavour flavour = detectXMLFlavour(parser);
+            if (flavour < XMLFlavourQV1 || flavour > XMLFlavourQV2) {
+                result.status = kStatusUnknown;
+                break;
+            }
+            result.status = getAnXMLReader(reader, flavour, log);
+            if (result.status != kStatusOK) break;
+            parsed = reader->readDocument(parser, entry, log);
         }
+        // The lists hold what the records need: the document and its index
+        // go before the records are written, which is when an import needs
+        // the most memory.
+        doc.buffer.reset();
+        ImportResult one = reader->finishImport(parsed);
+        result.status = one.status;
+        for (const EditModifier& m : one.edits)
+            result.edits.push_back(m);
     }
     return result;
 }

@@ -105,7 +105,12 @@ void FCP5XMLReader::setRates(const RateReading& reading) {
 }
 
 int FCP5XMLReader::parseFile(const XMLParser& parser) {
+    // The document is looked into while it is parsed, and let go after.
     document_ = &parser;
+    struct Forget {
+        const XMLParser*& document;
+        ~Forget() { document = nullptr; }
+    } forget{document_};
     documentRate_ = documentReading(parser);
     setRates(documentRate_);
 
