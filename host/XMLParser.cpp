@@ -276,18 +276,20 @@ void parseAttributes(const char* p, const char* end, std::vector<XMLParser::Tag>
     }
 }
 
-// 20 bytes an element. The inner text begins after the '>' at attrEnd; for
-// an empty element (attrEnd at the '/' of "/>") innerEnd is that same place,
-// so its inner text is empty. The elements nested in one, at any depth, are
-// those that follow it in the table up to `end`: its children are the first
-// of them and each one's `end` after that.
+// 16 bytes an element. Its start tag ends at the first '>' outside quotes
+// after its name, found again when a question needs it: most elements have
+// no attributes, so that it is the next byte. The inner text begins after
+// that '>'; an empty element ("<a/>") has innerEnd at its '>', so that its
+// inner text is empty. The elements nested in one, at any depth, are those
+// that follow it in the table up to `end`: its children are the first of
+// them and each one's `end` after that.
 struct Element {
-    u32 name;  // interned name id
-    u32 attrBegin, attrEnd;
+    u32 name;       // interned name id
+    u32 attrBegin;  // just past the name
     u32 innerEnd;
     u32 end;  // the number of the first element that is not inside this one
 };
-static_assert(sizeof(Element) == 20);
+static_assert(sizeof(Element) == 16);
 
 struct NameSlot {
     u32 begin;  // where the name first appears in the text
@@ -476,14 +478,12 @@ struct XMLParser::Index {
                 continue;
             }
             bool selfClosing = t[-1] == '/';
-            const char* attrEnd = selfClosing ? t - 1 : t;
 
             u32 id = intern(at(q), static_cast<u32>(nameEnd - q),
                             hashName({q, static_cast<std::size_t>(nameEnd - q)}));
             u32 number = static_cast<u32>(elements.size());
             if (number == elements.capacity()) elements.reserve(number + countMarks(lt, end));
-            elements.push_back(
-                {id, at(nameEnd), at(attrEnd), selfClosing ? at(t) : size, number + 1});
+            elements.push_back({id, at(nameEnd), selfClosing ? at(t) : size, number + 1});
             if (!selfClosing) {
                 open.push_back(number);
                 ++openCount[id];
@@ -536,10 +536,13 @@ struct XMLParser::Index {
         return {firstOfName[id], firstOfName[id + 1]};
     }
 
+    // The '>' that ends an element's start tag, as the scan found it.
+    const char* tagEnd(const Element& e) const { return endOfTag(text + e.attrBegin, text + size); }
+
     // The text of an element as a question returns it.
     LightweightString<char> textOf(u32 number) const {
         const Element& e = elements[number];
-        const char* b = text + e.attrEnd + 1;
+        const char* b = tagEnd(e) + 1;
         const char* end = text + e.innerEnd;
         if (end <= b) return {};
         std::size_t n = static_cast<std::size_t>(end - b);
@@ -556,7 +559,11 @@ struct XMLParser::Index {
     std::vector<Tag> attributesOf(u32 number) const {
         const Element& e = elements[number];
         std::vector<Tag> out;
-        if (e.attrEnd > e.attrBegin) parseAttributes(text + e.attrBegin, text + e.attrEnd, out);
+        const char* b = text + e.attrBegin;
+        const char* gt = tagEnd(e);
+        // Without the '/' of an empty element.
+        const char* end = gt[-1] == '/' ? gt - 1 : gt;
+        if (end > b) parseAttributes(b, end, out);
         return out;
     }
 
@@ -565,7 +572,7 @@ struct XMLParser::Index {
     // so only a leaf with a '<' in it needs a closer look.
     bool hasText(u32 number) const {
         const Element& e = elements[number];
-        const char* b = text + e.attrEnd + 1;
+        const char* b = tagEnd(e) + 1;
         const char* end = text + e.innerEnd;
         if (end <= b) return false;
         if (hasChildren(e, number) || *b != '<') return true;
@@ -628,7 +635,7 @@ unsigned int XMLParser::nth(std::string_view tag, unsigned int index) const {
 std::unique_ptr<XMLParser> XMLParser::view(unsigned int element) const {
     const Element& e = index_->elements[element];
     // Empty inner text: the element is there but tells nothing.
-    if (e.innerEnd <= e.attrEnd + 1) return nullptr;
+    if (index_->text + e.innerEnd <= index_->tagEnd(e) + 1) return nullptr;
     return std::unique_ptr<XMLParser>(new XMLParser(index_, element));
 }
 
