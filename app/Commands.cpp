@@ -16,13 +16,16 @@
 #include <set>
 #include <tuple>
 
+#include "app/Accounting.h"
 #include "app/DocumentCheck.h"
+#include "app/Util.h"
 #include "app/WellFormed.h"
 #include "host/Edit.h"
 #include "host/OS.h"
 #include "host/Paths.h"
 #include "host/Snapshot.h"
 #include "otio/OtioImport.h"
+#include "otio/OtioModel.h"
 #include "otio/OtioWriter.h"
 #include "plugin/Status.h"
 
@@ -185,6 +188,8 @@ class LeaveOutShotsWithoutFiles {
 
 Commands::Commands(PluginLoader& plugin, Qv::Ptr<ConsoleLog> console)
     : plugin_(plugin), console_(std::move(console)) {}
+Commands::~Commands() = default;
+Commands::Commands(Commands&&) noexcept = default;
 
 int Commands::fail(int code, const std::string& sentence) {
     console_->clearProgress();
@@ -253,7 +258,8 @@ void Commands::replaced(const std::string& path, const Options& o) {
 }
 
 int Commands::checkDocument(const std::string& input, std::string_view bytes,
-                            const DocumentHead& head, bool lenient, bool& untrusted) {
+                            const DocumentHead& head, bool lenient, bool& untrusted,
+                            XmlObserver* observer) {
     const bool native = head.kind == DocumentHead::Kind::Native;
     // Only documents of a kind that is read are checked: anything else is
     // refused for what it is.
@@ -265,7 +271,7 @@ int Commands::checkDocument(const std::string& input, std::string_view bytes,
     const bool audited = native && (version == "1.0" || version == "2.0");
     std::vector<Finding> findings;
     XmlCheck xml = audited ? checkNative(bytes, version == "2.0", findings)
-                           : checkXml(bytes, native ? qvxmlLimits() : XmlLimits());
+                           : checkXml(bytes, native ? qvxmlLimits() : XmlLimits(), observer);
     auto at = [](const XmlPlace& p) {
         return "(line " + std::to_string(p.line) + ", column " + std::to_string(p.column) + ")";
     };
@@ -312,6 +318,13 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
         std::set<const Edit*> before;
         for (const Qv::Ptr<Edit>& e : project.edits())
             before.insert(e.get());
+        const std::size_t madeBefore = made.size();
+        auto madeHere = [&] {
+            return std::vector<Qv::Ptr<Edit>>(
+                made.begin() + static_cast<std::ptrdiff_t>(madeBefore), made.end());
+        };
+        // The losses of this document's reading are its own.
+        console_->takeLosses();
         // What this document made: times that are not numbers can come from
         // any kind of document.
         auto madeUntrusted = [&] {
@@ -325,11 +338,14 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
         if (QvOtio::isOtioDocument(widePath(absolute(input)))) {
             console_->status("importing " + input);
             std::string why;
-            XML::ImportResult r = QvOtio::importOtioFile(widePath(absolute(input)), log(), why);
+            QvOtio::Document model;
+            XML::ImportResult r =
+                QvOtio::importOtioFile(widePath(absolute(input)), log(), why, &model);
             console_->clearProgress();
             for (const EditModifier& m : r.edits)
                 made.push_back(m.ptr());
             if (r.status == XML::kStatusOK) {
+                read_.push_back(readingLosses(input, listOtioClips(model), madeHere()));
                 if (madeUntrusted()) untrusted_.push_back(input);
                 continue;
             }
@@ -344,18 +360,27 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
         // An edit decision list, by its content: the command reads it too.
         if (isListInput(input)) {
             if (int code = importList(input, made)) return code;
+            // A list's events are not checked one by one: its reader
+            // records what it passes over.
+            read_.push_back(readingLosses(input, DocumentClips(), madeHere()));
             continue;
         }
         DocumentHead head = readDocumentHead(input);
         if (head.kind == DocumentHead::Kind::Fcpxml)
             return fail(kExitUnknownDocument, whyUnreadable(input, head));
         bool untrusted = false;
+        // The clip items of an xmeml document are listed in the scan that
+        // checks it, for the check of what its import made.
+        XmemlClipLister lister;
+        const bool xmeml = head.kind == DocumentHead::Kind::Xmeml;
         {
             std::string bytes;
             if (!readWhole(input, bytes))
                 return fail(kExitUnreadable,
                             "cannot read " + quoted(input) + ": " + reasonOf(errno));
-            if (int refused = checkDocument(input, bytes, head, lenient, untrusted)) return refused;
+            if (int refused = checkDocument(input, bytes, head, lenient, untrusted,
+                                            xmeml ? &lister : nullptr))
+                return refused;
         }
         const LightweightString<wchar_t> path = widePath(absolute(input));
         MendedVersion mended(input, head, path, log());
@@ -390,11 +415,40 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
                                 " could not be imported: its structure is broken "
                                 "(a Shot or Edit without channels, or an empty channel)");
         }
+        read_.push_back(readingLosses(input, lister.take(), madeHere()));
         // What the check of the document found untrusted, it has told.
         if (!untrusted) untrusted = madeUntrusted();
         if (untrusted) untrusted_.push_back(input);
     }
     return kExitOK;
+}
+
+DocumentLosses Commands::readingLosses(const std::string& input, const DocumentClips& clips,
+                                       const std::vector<Qv::Ptr<Edit>>& made) {
+    DocumentLosses d;
+    d.input = input;
+    d.read = true;
+    d.items = recordedLosses(console_->takeLosses(), "reader");
+    Accounting a = accountFor(clips, made, d.items);
+    // One warning a track, naming the first item.
+    for (std::size_t i = 0; i < a.unaccounted.size();) {
+        const Loss& first = a.unaccounted[i];
+        std::size_t n = i;
+        while (n < a.unaccounted.size() && a.unaccounted[n].sequence == first.sequence &&
+               a.unaccounted[n].track == first.track)
+            ++n;
+        bool one = n - i == 1;
+        log().WarningOut(
+            "%s: sequence %s, track %s: %s nothing, and no loss says why (%s%s%s%s)", input.c_str(),
+            quoted(first.sequence).c_str(), first.track.c_str(),
+            (counted(static_cast<long>(n - i), "clip item") + (one ? " plays" : " play")).c_str(),
+            one ? "" : "the first: ", first.detail.c_str(), first.timecode.empty() ? "" : " at ",
+            first.timecode.c_str());
+        i = n;
+    }
+    for (Loss& l : a.unaccounted)
+        d.items.push_back(std::move(l));
+    return d;
 }
 
 namespace {
@@ -471,8 +525,8 @@ int Commands::exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std:
     if (status == XML::kStatusCannotCreate) {
         if (int failure = takeFileWriteFailure(widePath(staged)))
             return fail(kExitNotWritable,
-                        "cannot write " + quoted(destination) + ": " + reasonOf(failure));
-        return fail(kExitNotWritable, "cannot write " + quoted(destination));
+                        "cannot write " + inQuotes(destination) + ": " + reasonOf(failure));
+        return fail(kExitNotWritable, "cannot write " + inQuotes(destination));
     }
     if (status != XML::kStatusOK)
         return fail(kExitFailed, label + " could not be exported as otio (see the messages above)");
@@ -547,7 +601,7 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
         case XML::kStatusOK:
             break;
         case XML::kStatusCannotCreate:
-            return fail(kExitNotWritable, "cannot write " + quoted(expected));
+            return fail(kExitNotWritable, "cannot write " + inQuotes(expected));
         case XML::kStatusNoDirectory:
             return fail(kExitNoFolder,
                         "the output folder " + quoted(o.outputDir) + " does not exist");
@@ -610,10 +664,11 @@ int Commands::import(const Options& o) {
     for (const Qv::Ptr<Edit>& e : project.edits())
         before.insert(key(e->cookie));
 
-    // Where the snapshot goes is settled before any work is done.
+    // Where the snapshot and the report go is settled before any work is done.
     startRun(o.inputs, o.overwrite);
-    if (!o.snapshot.empty())
-        if (WriteResult w = run_->output->check(o.snapshot); !w) return fail(w.code, w.sentence);
+    for (const std::string* out : {&o.snapshot, &o.report})
+        if (!out->empty())
+            if (WriteResult w = run_->output->check(*out); !w) return fail(w.code, w.sentence);
 
     std::vector<Qv::Ptr<Edit>> made;
     int code = importDocuments(o.inputs, made, o.lenient);
@@ -643,6 +698,14 @@ int Commands::import(const Options& o) {
     for (const Qv::Ptr<Edit>& e : made)
         std::printf("  sequence %s\n", shown(quoted(narrow(e->name))).c_str());
     std::fflush(stdout);
+    // What reading each document lost: a line each that lost anything, and
+    // the report. Its timecodes are the document's, good whether the times
+    // read can be trusted or not.
+    if (o.verbosity != Verbosity::Quiet)
+        for (const DocumentLosses& d : read_)
+            if (!d.items.empty()) std::fprintf(err_, "qvxml: %s\n", shown(lossSummary(d)).c_str());
+    if (!o.report.empty())
+        if (int failed = writeFile(o.report, lossReportText(read_, "import"), o)) return failed;
 
     std::string untrusted;
     for (const std::string& input : untrusted_)

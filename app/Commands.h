@@ -45,7 +45,7 @@ struct Options {
     Verbosity verbosity = Verbosity::Normal;
     // The conform toolkit (see the user guide's "Conforming").
     int jobs = 1;                         // -j: documents worked on side by side; 0 all cores
-    std::string report;                   // --report: the loss report as JSON
+    std::string report;                   // --report: the loss report as JSON (import, convert)
     std::vector<std::string> searchDirs;  // relink: where to look
     bool outputGiven = false;             // -o was given (draw, relink: a file)
     bool json = false;                    // info --json
@@ -62,11 +62,15 @@ bool parseListRate(const std::string& text, Qv::FrameRate& rate);
 bool isListInput(const std::string& input);
 
 struct DocumentInfo;
+struct DocumentClips;
 struct DocumentLosses;
+class XmlObserver;
 
 class Commands {
   public:
     Commands(PluginLoader& plugin, Qv::Ptr<ConsoleLog> console);
+    ~Commands();
+    Commands(Commands&&) noexcept;
 
     int convert(const Options& o);
     int import(const Options& o);
@@ -97,13 +101,21 @@ class Commands {
     bool flavourOf(const std::string& to, Flavour& out, int& exitCode);
     // Imports documents into the current project. The sequences made are
     // appended to `made`. A document whose result cannot be trusted is
-    // imported all the same, and added to `untrusted_`.
+    // imported all the same, and added to `untrusted_`. What reading each
+    // document lost is appended to `read_`, once the import is checked for
+    // clip items that play nothing and that no loss names.
     int importDocuments(const std::vector<std::string>& inputs, std::vector<Qv::Ptr<Edit>>& made,
                         bool lenient);
     // Refuses a document that is not well formed (unless `lenient`) or that
     // nests past the limits, and tells what its readers will pass over.
+    // `observer`, if any, sees the document's elements in the same scan.
     int checkDocument(const std::string& input, std::string_view bytes, const DocumentHead& head,
-                      bool lenient, bool& untrusted);
+                      bool lenient, bool& untrusted, XmlObserver* observer = nullptr);
+    // The losses of reading a document: what the reader recorded, and the
+    // clip items of `clips` that the check cannot account for, which it
+    // also tells in warnings.
+    DocumentLosses readingLosses(const std::string& input, const DocumentClips& clips,
+                                 const std::vector<Qv::Ptr<Edit>>& made);
     // Warns of the values among `edits` that no export can write as they are;
     // true if any makes the result untrusted.
     bool warnUnusable(const std::vector<Qv::Ptr<Edit>>& edits);
@@ -169,6 +181,7 @@ class Commands {
     };
     std::shared_ptr<RunFiles> run_ = std::make_shared<RunFiles>();
     std::vector<std::string> untrusted_;  // documents whose result cannot be trusted
+    std::vector<DocumentLosses> read_;    // what reading each document lost, in order
     Qv::FrameRate listRate_ = Qv::eFrameRateNone;
     std::vector<std::string> listNames_;
     std::FILE* out_ = stdout;

@@ -56,29 +56,19 @@ class ConsoleLog : public iLogSink {
     std::mutex mutex_;
 };
 
-// Where LogBoth goes: the application's own log, shown with --verbose. It
-// keeps its lines too, for the loss report.
+// Where LogBoth goes: the application's own log, shown with --verbose. Its
+// words are for people: nothing is learnt from them.
 class ApplicationLog : public iLogSink {
   public:
     explicit ApplicationLog(Qv::Ptr<ConsoleLog> console, bool show = true)
         : console_(std::move(console)), show_(show) {}
     void line(LogKind kind, int, const LightweightString<char>& text, int) override {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            lines_.push_back(text.str());
-        }
         if (show_) console_->line(kind, 0, LightweightString<char>("[app] ") + text, -1);
-    }
-    std::vector<std::string> takeLines() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return std::move(lines_);
     }
 
   private:
     Qv::Ptr<ConsoleLog> console_;
     bool show_;
-    std::mutex mutex_;
-    std::vector<std::string> lines_;
 };
 
 }  // namespace qvapp

@@ -6,7 +6,6 @@
 #include "app/Commands.h"
 #include "app/LossReport.h"
 #include "app/Relink.h"
-#include "app/SourceScan.h"
 #include "app/Util.h"
 #include "host/Edit.h"
 #include "otio/OtioImport.h"
@@ -77,9 +76,8 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
     mapImportedLocators({});
     losses.read = true;
     std::string format = documentFormat(input);
-    // What the list reader passed over it recorded as it read.
-    losses.items = format == "edl" ? recordedLosses(console_->takeLosses(), "reader")
-                                   : scanSource(input, format);
+    // What reading lost: the import's own account of it.
+    if (!read_.empty()) losses.items = std::move(read_.back().items);
 
     std::vector<Qv::Ptr<Edit>> toWrite = made;
     if (toWrite.empty())
@@ -112,7 +110,6 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
             continue;
         }
         console_->takeLosses();
-        appLog->takeLines();
         int exported = exportEdit(e, flavour, o, stems[i] + extension);
         std::vector<LossRecord> records = console_->takeLosses();
         if (exported != kExitOK) {

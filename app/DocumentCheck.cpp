@@ -116,7 +116,7 @@ std::string decoded(std::string_view text) {
 
 // The text of an element as the readers see it: raw when it holds elements,
 // decoded otherwise.
-std::string leafText(std::string_view inner) {
+std::string leafTextOf(std::string_view inner) {
     bool plain = inner.find_first_of("<&") == std::string_view::npos;
     if (plain) return std::string(inner);
     for (std::size_t at = inner.find('<'); at != std::string_view::npos;
@@ -227,7 +227,7 @@ struct First {
             ended = true;
             text_ = inner;
             if (inner.find_first_of("<&") != std::string_view::npos)
-                text_ = kept.emplace_back(leafText(inner));
+                text_ = kept.emplace_back(leafTextOf(inner));
         }
     }
     std::string_view text() const { return text_; }
@@ -866,6 +866,16 @@ class NativeAudit final : public XmlObserver {
 };
 
 }  // namespace
+
+std::string leafText(std::string_view inner) {
+    return leafTextOf(inner);
+}
+
+std::string attributeValue(std::string_view attributes, std::string_view name) {
+    for (Attribute& a : attributesOf(attributes, 64))
+        if (a.name == name) return std::move(a.value);
+    return {};
+}
 
 XmlLimits qvxmlLimits() {
     XmlLimits limits;

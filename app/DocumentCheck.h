@@ -21,6 +21,14 @@ struct Finding {
     bool untrusted = false;
 };
 
+// The text of an element from its raw inner text, as the host's reader gives
+// it: references decoded and CDATA unwrapped for a leaf, raw for an element
+// that holds elements.
+std::string leafText(std::string_view inner);
+// The value of an attribute, decoded, from the text of a start tag after its
+// name; empty when the tag has none of that name.
+std::string attributeValue(std::string_view attributes, std::string_view name);
+
 // The limits of the scan for a QVXML document.
 XmlLimits qvxmlLimits();
 

@@ -9,7 +9,6 @@
 #include "app/Commands.h"
 #include "app/Info.h"
 #include "app/LossReport.h"
-#include "app/SourceScan.h"
 #include "app/Util.h"
 
 namespace qvapp {
@@ -287,8 +286,7 @@ int Commands::draw(const Options& o) {
 
     std::string content;
     if (html) {
-        content = page(d, d.format == "edl" ? recordedLosses(console_->takeLosses(), "reader")
-                                            : scanSource(input, d.format));
+        content = page(d, read_.empty() ? std::vector<Loss>() : read_.back().items);
     } else {
         // The sequences one below the other, in one picture.
         double y = 0;

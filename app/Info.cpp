@@ -8,6 +8,7 @@
 
 #include "app/Batch.h"
 #include "app/Commands.h"
+#include "app/LossReport.h"
 #include "app/Relink.h"
 #include "app/Util.h"
 #include "host/Snapshot.h"
@@ -133,11 +134,15 @@ json infoJson(const DocumentInfo& d) {
                              {"markers", markers},
                              {"media", std::vector<int>(s.media.begin(), s.media.end())}});
     }
+    json losses = json::object();
+    for (const auto& [kind, n] : d.losses)
+        losses[kind] = n;
     return {{"path", d.path},
             {"format", d.format},
             {"sequences", sequences},
             {"media", media},
-            {"nestedReferences", d.nestedReferences}};
+            {"nestedReferences", d.nestedReferences},
+            {"losses", losses}};
 }
 
 std::string infoText(const DocumentInfo& d, bool clips, bool mediaList, bool markers) {
@@ -241,6 +246,7 @@ int Commands::lookAt(const std::string& input, bool lenient, DocumentInfo& d) {
     int code = readForLooking(input, sequences, format, lenient);
     if (code != kExitOK) return code;
     d = describe(sequences, {}, input, format, resolutionsFrom(console_->takeInfoLines()));
+    if (format != "snapshot" && !read_.empty()) d.losses = read_.back().counts();
     return kExitOK;
 }
 

@@ -5,6 +5,7 @@
 
 #include "app/Util.h"
 #include "host/Config.h"
+#include "plugin/Interchange.h"
 
 namespace qvapp {
 
@@ -13,6 +14,10 @@ namespace {
 struct KindText {
     const char* kind;
     const char* phrase;
+    // The kind says that material of the document does not play where its
+    // editor put it (black, silence, or other material in its place): a loss
+    // of such a kind accounts for a clip item that plays nothing.
+    bool replaced = false;
 };
 
 // Every kind, in the order a summary lists kinds of equal count.
@@ -20,24 +25,36 @@ const KindText kKinds[] = {
     // What the readers pass over.
     {"filter", "filters and effects passed over"},
     {"speed-ramp", "speed ramps read as one speed"},
-    {"generator", "generators played as black"},
-    {"nested-sequence", "uses of nested sequences read flat"},
+    {"generator", "generators played as black", true},
+    {"nested-sequence", "uses of nested sequences read flat", true},
     {"disabled", "switched-off items that play"},
-    {"multiclip", "multiclips whose group is not rebuilt"},
-    {"unknown-transition", "transitions of unknown kinds played as black"},
+    {"multiclip", "multiclips whose group is not rebuilt", true},
+    {"unknown-transition", "transitions of unknown kinds played as black", true},
     {"transition-as-dissolve", "transitions of other kinds read as dissolves"},
-    {"unusable-file", "clips of files without a length played as black"},
-    {"image-sequence", "image sequences played as black"},
-    {"file-missing", "clips whose media the document does not describe, played as black"},
-    {"channel-missing", "clips of sound channels their file does not have, played as silence"},
-    {"bare-reference", "clip items that only name another by id, not read"},
-    {"clip-not-placed", "clips under the clip before them on their track, not played"},
-    {"cut-off", "clips past the sequence's stated length, cut off"},
+    {"unusable-file", "clips of files without a length played as black", true},
+    {"image-sequence", "image sequences played as black", true},
+    {"file-missing", "clips whose media the document does not describe, played as black", true},
+    {"bare-reference", "clip items that only name another by id, not read", true},
+    {"clip-not-placed", "clips under the clip before them on their track, not played", true},
+    {"cut-off", "clips past the sequence's stated length, cut off", true},
+    {"unknown-media", "clips of media of unknown kinds played as black", true},
+    {"channel-missing", "clips of a channel their media lacks, played as black or silence", true},
+    {"nested-unplayed", "nested stacks played as black or silence", true},
+    {"unknown-item", "items of unknown kinds read as gaps", true},
+    {"unknown-track", "tracks of unknown kinds passed over", true},
+    // What the check of an import finds that no reader said.
+    {"unaccounted", "clip items that play black or silence, and nothing says why", true},
     // What the plug-in repairs as it writes.
     {"clip-shortened", "clips shortened to fit their media"},
     {"transition-removed", "transitions without enough material, replaced"},
     {"gap-added", "black added where source material is missing"},
     {"material-missing", "clips of material not in the project, written as gaps"},
+    {"clip-as-black", "clips with none of their media left, written as black"},
+    {"transition-dropped", "transitions that join no clip, left out"},
+    {"transition-shortened", "transitions shortened by a frame to centre on their cut"},
+    {"length-unknown", "shots of no known length, given the length their uses need"},
+    {"character-replaced", "names with characters XML cannot carry, written with U+FFFD"},
+    {"level-unplaced", "level keyframes with no place on the sequence, left out"},
     // What the target format cannot hold.
     {"speed", "speed changes the format cannot hold"},
     {"wipe-pattern", "wipes that lose their pattern"},
@@ -144,15 +161,16 @@ void fcpxmlLosses(const SequenceInfo& s, std::vector<Loss>& out) {
             std::snprintf(colour, sizeof colour, "#%06X", m.colour & 0xFFFFFF);
             out.push_back(at(s, "marker-colour", -1, m.in, m.name + " " + colour));
         }
-    // The sound goes out only when the first video channel has an item at
-    // the very start.
+    // As first written, the sound goes out only when the first video
+    // channel has an item at the very start; by default it always does.
     const StoredChannel* first = nullptr;
     for (const StoredChannel& ch : s.edit->channels)
         if (ch.type == kChanVideo) {
             first = &ch;
             break;
         }
-    bool sound = first && !first->cels.empty() && std::fabs(first->cels.front().editIn) < 1e-6;
+    bool sound = !XML::legacyInterchange() ||
+                 (first && !first->cels.empty() && std::fabs(first->cels.front().editIn) < 1e-6);
     if (!sound)
         for (std::size_t t = 0; t < s.tracks.size(); ++t)
             if (!s.tracks[t].video && s.tracks[t].clips > 0)
@@ -198,6 +216,23 @@ std::map<std::string, int> DocumentLosses::counts() const {
 std::string kindPhrase(const std::string& kind) {
     int i = kindOrder(kind);
     return i < static_cast<int>(std::size(kKinds)) ? kKinds[i].phrase : kind;
+}
+
+bool kindReplacesMaterial(const std::string& kind) {
+    int i = kindOrder(kind);
+    return i < static_cast<int>(std::size(kKinds)) && kKinds[i].replaced;
+}
+
+Loss lossOf(const LossRecord& r, const char* origin) {
+    Loss l;
+    l.kind = r.kind.str();
+    l.origin = origin;
+    l.sequence = r.sequence.str();
+    l.track = r.track.str();
+    l.timecode = r.timecode.str();
+    l.detail = r.detail.str();
+    l.frame = r.frame;
+    return l;
 }
 
 std::vector<Loss> targetLosses(const SequenceInfo& s, const std::string& target, bool silent,
@@ -259,14 +294,8 @@ std::vector<Loss> targetLosses(const SequenceInfo& s, const std::string& target,
 std::vector<Loss> writerLosses(const SequenceInfo& s, const std::vector<LossRecord>& records) {
     std::vector<Loss> out;
     for (const LossRecord& r : records) {
-        Loss l;
-        l.kind = r.kind.str();
-        l.origin = "writer";
-        l.sequence = r.sequence.empty() ? s.name : r.sequence.str();
-        l.track = r.track.str();
-        l.timecode = r.timecode.str();
-        l.detail = r.detail.str();
-        l.frame = r.frame;
+        Loss l = lossOf(r, "writer");
+        if (l.sequence.empty()) l.sequence = s.name;
         std::int64_t frame = 0;
         if (l.frame < 0 && !l.timecode.empty() &&
             timecodeToFrame(l.timecode.c_str(), s.ticks, s.dropFrame, frame))
@@ -278,9 +307,9 @@ std::vector<Loss> writerLosses(const SequenceInfo& s, const std::vector<LossReco
 
 std::vector<Loss> recordedLosses(const std::vector<LossRecord>& records, const char* origin) {
     std::vector<Loss> out;
+    out.reserve(records.size());
     for (const LossRecord& r : records)
-        out.push_back({r.kind.str(), origin, r.sequence.str(), r.track.str(), r.timecode.str(),
-                       r.frame, r.detail.str()});
+        out.push_back(lossOf(r, origin));
     return out;
 }
 

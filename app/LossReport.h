@@ -1,8 +1,9 @@
-// The loss report: what did not cross when a document was converted or an
-// edit exported. Three sources feed it: an independent look at the source
-// document for what the readers pass over (SourceScan), the loss records the
-// plug-in's writers emit as they repair material, and a comparison of the
-// project's edits with what the target format can hold.
+// The loss report: what did not cross when a document was read, converted or
+// an edit exported. Four sources feed it: the loss records the readers emit
+// as they pass over material, the check of each import that every clip item
+// of the document plays or is named by such a record (app/Accounting.h), the
+// records the plug-in's writers emit as they repair material, and a
+// comparison of the project's edits with what the target format can hold.
 #pragma once
 
 #include <cstdint>
@@ -38,6 +39,14 @@ struct DocumentLosses {
 // over"); the kind itself when it is not known.
 std::string kindPhrase(const std::string& kind);
 
+// Whether a loss of that kind says that material does not play where its
+// editor put it (black, silence or other material in its place), so that it
+// accounts for a clip item that plays nothing.
+bool kindReplacesMaterial(const std::string& kind);
+
+// A record as a loss of the report, of "reader" or "writer" origin.
+Loss lossOf(const LossRecord& record, const char* origin);
+
 // What the target format cannot hold of a sequence, found by comparing the
 // project's edit with the format: "native", "xmeml", "fcpxml" or "otio".
 // `silent` and `skipOffline` are the export's options of those names.
@@ -49,7 +58,7 @@ std::vector<Loss> targetLosses(const SequenceInfo& sequence, const std::string& 
 std::vector<Loss> writerLosses(const SequenceInfo& sequence,
                                const std::vector<LossRecord>& records);
 
-// Losses recorded as they came (by the edit decision list reader, say), as
+// Losses recorded as they came (by a reader as it read a document, say), as
 // they stand, with the origin given.
 std::vector<Loss> recordedLosses(const std::vector<LossRecord>& records, const char* origin);
 

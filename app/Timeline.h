@@ -105,7 +105,8 @@ struct DocumentInfo {
     std::string format;  // "xmeml", "native", "otio" or "snapshot"
     std::vector<SequenceInfo> sequences;
     std::vector<MediaInfo> media;
-    int nestedReferences = 0;  // sequences that only name one defined elsewhere
+    int nestedReferences = 0;           // sequences that only name one defined elsewhere
+    std::map<std::string, int> losses;  // what reading it lost, by kind (see LossReport.h)
 };
 
 // What was there before an import, so that media can be told linked from

@@ -26,7 +26,8 @@ const char* const kUsage =
     "\n"
     "commands:\n"
     "  convert INPUT... --to FORMAT [-o DIR]      import documents and write them as FORMAT\n"
-    "  import INPUT... [--snapshot OUT.json]       import documents and say what was made\n"
+    "  import INPUT... [--snapshot OUT.json] [--report FILE]\n"
+    "                                              import documents and say what was made\n"
     "  export SNAPSHOT.json --to FORMAT [--edit NAME] [-o DIR] [--name FILE]\n"
     "                                              write an edit of a project snapshot\n"
     "  rate INPUT                                  the frame rate of a document's first sequence\n"
@@ -77,13 +78,17 @@ const char* helpFor(const std::string& command) {
                "  --edl-track V1    --to edl: write that video track's list alone\n"
                "  --edl-reel-length N  --to edl: cut reels to N characters (CMX: 8)\n";
     if (command == "import")
-        return "usage: qvxml import INPUT... [--snapshot OUT.json]\n"
+        return "usage: qvxml import INPUT... [--snapshot OUT.json] [--report FILE]\n"
                "\n"
                "Imports the documents (QVXML, xmeml, OpenTimelineIO or edit decision lists)\n"
                "into one project, linking their media, importing it or marking it offline, and\n"
                "prints what was made. With --snapshot the project is written as JSON (see\n"
-               "docs/snapshot.md).\n"
+               "docs/snapshot.md). Every clip item of a document either plays in the project\n"
+               "or is a loss of reading; a summary of the losses goes to standard error.\n"
                "\n"
+               "  --snapshot FILE   write the project as JSON\n"
+               "  --report FILE     write what reading lost as JSON, each loss with its\n"
+               "                    sequence, track and timecode (see the user guide)\n"
                "  --map-path FROM=TO  look for media under TO where the document says FROM\n"
                "  --rate RATE       read edit decision lists at RATE (25, 29.97, 23.976, ...)\n";
     if (command == "export")
@@ -263,7 +268,8 @@ int main(int argc, char** argv) {
             if (n.empty() || *end != '\0' || jobs < 0 || jobs > 256)
                 return usageError(a + " wants a number of jobs from 0 to 256, not \"" + n + "\"");
             o.jobs = static_cast<int>(jobs);
-        } else if (a == "--report" && (command == "convert" || command == "export")) {
+        } else if (a == "--report" &&
+                   (command == "convert" || command == "export" || command == "import")) {
             if (!value(o.report)) return usageError("--report wants a file name");
         } else if (a == "--map-path" && command != "rate") {
             std::string rule;

@@ -5,12 +5,17 @@
 #include "host/Edit.h"
 #include "host/ImageLoader.h"
 #include "host/Paths.h"
+#include "plugin/Interchange.h"
 
 namespace XML {
 
-XMLWriter::XMLWriter(LoggerHandle l, XMLExportOptions& o, Qv::FrameRate rate) : seqRate(rate) {
+XMLWriter::XMLWriter(LoggerHandle l, XMLExportOptions& o, Qv::FrameRate rate)
+    : legacy(legacyInterchange()), seqRate(rate) {
     log = l;
     options = o;
+    // The original writers put a name's control characters into the file as
+    // they stand, which leaves it not well-formed.
+    if (!legacy) xmlFile.replaceUnwritableCharacters(log);
 }
 
 int XMLWriter::open(const LightweightString<wchar_t>& path) {
@@ -29,6 +34,16 @@ int XMLWriter::celTimeToFrames(double time, double rate) {
 
 int XMLWriter::seqCelTimeToFrames(double time) const {
     return celTimeToFrames(time, static_cast<double>(Qv::getTicksPerSecond(seqRate)));
+}
+
+double XMLWriter::realSeconds(double time, Qv::FrameRate rate) {
+    if (!Qv::isKnownFrameRate(rate)) return time;
+    return time * static_cast<double>(Qv::getTicksPerSecond(rate)) / Qv::getFramesPerSecond(rate);
+}
+
+double XMLWriter::realSeconds(const CED2* record, double time) {
+    return realSeconds(time,
+                       record && record->edit ? record->edit->getFrameRate() : Qv::eFrameRateNone);
 }
 
 void XMLWriter::qvFRtoRational(Qv::FrameRate rate, LightweightString<wchar_t>& num,

@@ -39,6 +39,12 @@ class XMLWriter : public iObject {
     static int celTimeToFrames(double time, double rate);
     // The same at the whole-number timebase of the sequence rate.
     int seqCelTimeToFrames(double time) const;
+    // The real seconds of `time`, cel time of an edit at `rate`: a cel second
+    // holds the rate's whole-number timebase of frames, so that a cel second
+    // of 29.97 lasts 1.001 seconds. A rate that is none counts real seconds.
+    static double realSeconds(double time, Qv::FrameRate rate);
+    // The same for cel time of `record`, at its edit's rate.
+    static double realSeconds(const CED2* record, double time);
     // The exact rational of a rate, "???" for none.
     static void qvFRtoRational(Qv::FrameRate rate, LightweightString<wchar_t>& num,
                                LightweightString<wchar_t>& den);
@@ -53,6 +59,10 @@ class XMLWriter : public iObject {
     static bool isImageSequence(CED2* ced2);
 
     XmlFile xmlFile;
+    // The configuration key xml_legacy_interchange, read once for the run:
+    // write each format as the interchange first wrote it instead of as other editors
+    // read it.
+    const bool legacy;
     Qv::FrameRate seqRate;
     ShotVideoMetadata videoMetadata;
     LoggerHandle log;

@@ -1,18 +1,96 @@
 #include "export/XmlFile.h"
 
+#include <cstdint>
+
 namespace XML {
 
 namespace {
-void pushAttributes(tinyxml2::XMLPrinter& printer, const AttribList& attribs) {
+
+void pushAttributes(XmlFile& file, const AttribList& attribs) {
+    std::string scratch;
     for (const LightweightString<wchar_t>& a : attribs) {
         auto [name, value] = getAttrib(a);
-        printer.PushAttribute(name.c_str(), value.c_str());
+        file.printer.PushAttribute(name.c_str(), file.writable(value.c_str(), scratch));
     }
 }
+
+// The character at `s`: the length of its UTF-8 sequence, or 0 where the
+// bytes are no UTF-8; `allowed` says whether XML 1.0 allows it.
+std::size_t character(const unsigned char* s, bool& allowed) {
+    unsigned char c = s[0];
+    allowed = true;
+    if (c < 0x80) {
+        allowed = c >= 0x20 || c == 0x09 || c == 0x0A || c == 0x0D;
+        return 1;
+    }
+    std::size_t length;
+    std::uint32_t code;
+    if (c >= 0xC2 && c <= 0xDF) {
+        length = 2;
+        code = c & 0x1F;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+        length = 3;
+        code = c & 0x0F;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+        length = 4;
+        code = c & 0x07;
+    } else {
+        return 0;
+    }
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((s[i] & 0xC0) != 0x80) return 0;
+        code = (code << 6) | (s[i] & 0x3F);
+    }
+    // Overlong forms, surrogates and what lies beyond Unicode are no UTF-8.
+    static const std::uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (code < least[length] || (code >= 0xD800 && code <= 0xDFFF) || code > 0x10FFFF) return 0;
+    allowed = code != 0xFFFE && code != 0xFFFF;
+    return length;
+}
+
 }  // namespace
 
 XmlFile::XmlFile() {
     printer.PushDeclaration("xml version=\"1.0\" encoding=\"UTF-8\"");
+}
+
+void XmlFile::replaceUnwritableCharacters(LoggerHandle log) {
+    replacing_ = true;
+    log_ = std::move(log);
+}
+
+const char* XmlFile::writable(const char* utf8, std::string& scratch) {
+    if (!replacing_ || !utf8) return utf8;
+    const auto* s = reinterpret_cast<const unsigned char*>(utf8);
+    std::size_t i = 0;
+    // Most texts are plain: look before copying.
+    while (s[i] >= 0x20 && s[i] < 0x80)
+        ++i;
+    if (!s[i]) return utf8;
+    scratch.assign(utf8, i);
+    bool replaced = false;
+    while (s[i]) {
+        bool allowed;
+        std::size_t n = character(s + i, allowed);
+        if (n == 0 || !allowed) {
+            scratch += "\xEF\xBF\xBD";  // U+FFFD, for a character or for a byte that is none
+            replaced = true;
+            i += n == 0 ? 1 : n;
+        } else {
+            scratch.append(utf8 + i, n);
+            i += n;
+        }
+    }
+    if (!replaced) return utf8;
+    if (reported_.insert(utf8).second) {
+        log_.WarningOut("\"%s\" holds characters that XML cannot carry\n", scratch.c_str());
+        log_.WarningOut(" - They are written as U+FFFD\n");
+        LossRecord r;
+        r.kind = "character-replaced";
+        r.detail = scratch.c_str();
+        log_.LossOut(r);
+    }
+    return scratch.c_str();
 }
 
 void XmlFile::saveAndClose() {
@@ -28,7 +106,7 @@ xmlElement::xmlElement(XmlFile& file, const char* name) : file_(file) {
 
 xmlElement::xmlElement(XmlFile& file, const char* name, const AttribList& attribs) : file_(file) {
     file_.printer.OpenElement(name, false);
-    pushAttributes(file_.printer, attribs);
+    pushAttributes(file_, attribs);
 }
 
 xmlElement::~xmlElement() {
@@ -37,21 +115,24 @@ xmlElement::~xmlElement() {
 
 xmlInlineElement::xmlInlineElement(XmlFile& file, const char* name, const wchar_t* text) {
     file.printer.OpenElement(name, false);
-    file.printer.PushText(toUTF8(std::wstring_view(text ? text : L"")).c_str(), false);
+    std::string scratch;
+    file.printer.PushText(
+        file.writable(toUTF8(std::wstring_view(text ? text : L"")).c_str(), scratch), false);
     file.printer.CloseElement(false);
 }
 
 xmlInlineElement::xmlInlineElement(XmlFile& file, const char* name, const AttribList& attribs) {
     file.printer.OpenElement(name, false);
-    pushAttributes(file.printer, attribs);
+    pushAttributes(file, attribs);
     file.printer.CloseElement(false);
 }
 
 xmlInlineElement::xmlInlineElement(XmlFile& file, const char* name, const char* text,
                                    const AttribList& attribs) {
     file.printer.OpenElement(name, false);
-    pushAttributes(file.printer, attribs);
-    file.printer.PushText(text ? text : "", false);
+    pushAttributes(file, attribs);
+    std::string scratch;
+    file.printer.PushText(file.writable(text ? text : "", scratch), false);
     file.printer.CloseElement(false);
 }
 

@@ -8,10 +8,13 @@
 
 #include <tinyxml2.h>
 
+#include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "host/LightweightString.h"
+#include "host/Logger.h"
 #include "host/OS.h"
 
 namespace XML {
@@ -43,8 +46,23 @@ class XmlFile {
     // The document so far, for tests and for writers that look back.
     const char* text() const { return printer.CStr(); }
 
+    // From now on, text and attribute values that hold characters XML 1.0
+    // cannot carry (control characters such as ESC or BEL, bytes that are no
+    // UTF-8) are written with U+FFFD in their place, and `log` is told once
+    // for each text. Without this a document that holds such a name is not
+    // well-formed, and no reader opens it.
+    void replaceUnwritableCharacters(LoggerHandle log);
+    // `utf8` as it may be written: itself, or the cleaned copy kept in
+    // `scratch`.
+    const char* writable(const char* utf8, std::string& scratch);
+
     Qv::Ptr<iFile> file;
     Printer printer;
+
+  private:
+    bool replacing_ = false;
+    LoggerHandle log_;
+    std::unordered_set<std::string> reported_;
 };
 
 class xmlElement {

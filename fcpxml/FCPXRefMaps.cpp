@@ -2,6 +2,7 @@
 // X's table of picture format names.
 #include "fcpxml/FCPXRefMaps.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <unordered_set>
@@ -183,6 +184,7 @@ std::size_t CookieIdentityHash::operator()(const Cookie& c) const noexcept {
 void VidFormatRefMap::clear() {
     records_.clear();
     byName_.clear();
+    byFormat_.clear();
     next_ = 1;
 }
 
@@ -237,7 +239,30 @@ void VidFormatRefMap::addRef(const ShotVideoMetadata& metadata) {
     LightweightString<wchar_t> name = formatName(metadata);
     if (byName_.count(name)) return;
     byName_.emplace(name, records_.size());
-    records_.push_back({name, L"f" + decimal(next_++)});
+    VidFormatRefMapRec rec;
+    rec.name = name;
+    rec.id = L"f" + decimal(next_++);
+    records_.push_back(rec);
+}
+
+LightweightString<wchar_t> VidFormatRefMap::formatFor(const ShotVideoMetadata& metadata,
+                                                      Qv::FrameRate rate) {
+    ShotVideoMetadata at = metadata;
+    at.setFrameRate(rate);
+    VidFormatRefMapRec rec;
+    rec.name = formatName(at);
+    rec.frameDuration = FCPXXMLWriter::frameTime(1, rate);
+    rec.width = std::max(0, metadata.getWidth());
+    rec.height = std::max(0, metadata.getHeight());
+    LightweightString<wchar_t> key = rec.name + L"|" + rec.frameDuration + L"|" +
+                                     decimal(rec.width) + L"x" + decimal(rec.height);
+    auto it = byFormat_.find(key);
+    if (it != byFormat_.end()) return records_[it->second].id;
+    rec.id = L"f" + decimal(next_++);
+    byFormat_.emplace(key, records_.size());
+    byName_.try_emplace(rec.name, records_.size());
+    records_.push_back(rec);
+    return records_.back().id;
 }
 
 // ---- AssetRefMap ----
@@ -319,6 +344,11 @@ bool AssetRefMap::findRef(const LightweightString<wchar_t>& id, AssetRefMapRec& 
 }
 
 const AssetRefMap::AssetRefMapRec* AssetRefMap::find(const LightweightString<wchar_t>& id) const {
+    auto it = byId_.find(id);
+    return it == byId_.end() ? nullptr : &records_[it->second];
+}
+
+AssetRefMap::AssetRefMapRec* AssetRefMap::find(const LightweightString<wchar_t>& id) {
     auto it = byId_.find(id);
     return it == byId_.end() ? nullptr : &records_[it->second];
 }

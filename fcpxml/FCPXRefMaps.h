@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
@@ -36,6 +37,10 @@ class VidFormatRefMap {
     struct VidFormatRefMapRec {
         LightweightString<wchar_t> name;  // the table's name, the key
         LightweightString<wchar_t> id;    // "f" and its number
+        // A format made by formatFor: the time of one frame, "1001/30000s",
+        // and the picture's size when it is known (0 otherwise).
+        LightweightString<wchar_t> frameDuration;
+        int width = 0, height = 0;
     };
 
     // Empties the map; numbering starts again at 1.
@@ -53,12 +58,18 @@ class VidFormatRefMap {
     bool findRef(const ShotVideoMetadata& metadata, LightweightString<wchar_t>& id) const;
     // Gives the picture's format the next id, unless it has one.
     void addRef(const ShotVideoMetadata& metadata);
+    // The id of the format of a picture of `metadata`'s size and scan at
+    // `rate`, made if new. Unlike addRef, two pictures of one name but of
+    // other rates or sizes (two that have no name of their own, say) are two
+    // formats, each with its frame duration and size.
+    LightweightString<wchar_t> formatFor(const ShotVideoMetadata& metadata, Qv::FrameRate rate);
 
     const std::vector<VidFormatRefMapRec>& records() const { return records_; }
 
   private:
     std::vector<VidFormatRefMapRec> records_;
     std::unordered_map<LightweightString<wchar_t>, std::size_t> byName_;
+    std::unordered_map<LightweightString<wchar_t>, std::size_t> byFormat_;
     int next_ = 1;
 };
 
@@ -86,6 +97,10 @@ class AssetRefMap {
         LightweightString<wchar_t> hasVideo;  // always "1"
         Cookie cookie;                        // the shot's cookie
         std::vector<Ced2Cue> cues;            // the shot's markers
+        // Set by the writer where times count whole frames: the rate whose
+        // frames the asset's times count, and its start and length in them.
+        Qv::FrameRate grid = Qv::eFrameRateNone;
+        std::int64_t startFrames = 0, lengthFrames = 0;
     };
 
     // Forgets every asset; numbering starts again at 1.
@@ -102,6 +117,7 @@ class AssetRefMap {
     bool findRef(const LightweightString<wchar_t>& id, AssetRefMapRec& rec) const;
     // The asset with this id, or null; the record stays the map's.
     const AssetRefMapRec* find(const LightweightString<wchar_t>& id) const;
+    AssetRefMapRec* find(const LightweightString<wchar_t>& id);
 
     const std::vector<AssetRefMapRec>& records() const { return records_; }
 

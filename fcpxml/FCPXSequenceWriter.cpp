@@ -40,6 +40,22 @@ LightweightString<wchar_t> integerText(long value) {
 }  // namespace
 
 bool FCPXXMLWriter::writeSequence(CED2List& sequences) {
+    if (!legacy) {
+        // Every time a whole number of frames, storylines end to end and
+        // nested sequences as compound clips, as Final Cut Pro X reads them;
+        // the original writer placed items at hundredths of a frame.
+        registerDeepSubclips();
+        for (CED2* seq : each<CED2>(sequences))
+            if (!seq->excludedFromExport) registerNested(seq);
+        writeFrameResources();
+        xmlElement library(xmlFile, "library");
+        xmlElement event(xmlFile, "event", AttribList{makeAttrib("name", L"Event01")});
+        listAssetClips();
+        xmlElement project(xmlFile, "project", AttribList{makeAttrib("name", L"Project01")});
+        for (CED2* seq : each<CED2>(sequences))
+            if (!seq->excludedFromExport) writeFrameSequence(seq, sequenceFormats_[seq]);
+        return true;
+    }
     xmlElement library(xmlFile, "library");
     xmlElement event(xmlFile, "event", AttribList{makeAttrib("name", L"Event01")});
     listAssetClips();

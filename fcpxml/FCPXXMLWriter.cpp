@@ -103,6 +103,13 @@ int FCPXXMLWriter::cookieCelTimeToFrames(double time, Cookie cookie) const {
 // ---- Resources ----
 
 bool FCPXXMLWriter::writeAllShots(CED2List& shots, CED2List& ghostList) {
+    // Times that count whole frames need every edit of the run known before
+    // the resources are written, nested sequences being resources too: they
+    // go out with the body. The original writer wrote them here.
+    if (!legacy) {
+        registerDefaults(shots, ghostList);
+        return true;
+    }
     ghosts = &ghostList;
     xmlElement resources(xmlFile, "resources");
     formatMap.clear();
@@ -200,8 +207,16 @@ void FCPXXMLWriter::writeResources() {
                        makeAttrib("hasVideo", a.hasVideo)});
 }
 
+bool FCPXXMLWriter::writeGhosts(CED2List& list) {
+    // The original writer refused sub-clips and sequences beyond the first
+    // level; they are registered with the rest.
+    if (!legacy && &list != ghosts) deepGhosts_.push_back(&list);
+    return true;
+}
+
 bool FCPXXMLWriter::writeShotOnly(CED2List& shots, CED2List& ghostList) {
     bool ok = writeAllShots(shots, ghostList);
+    if (!legacy) writeFrameResources();
     // Assets made before a failure are listed all the same.
     for (const AssetRefMap::AssetRefMapRec& a : assetMap.records())
         xmlInlineElement(xmlFile, "asset-clip",
@@ -227,11 +242,12 @@ bool FCPXXMLWriter::listAssetClips() {
     }
 
     for (const AssetRefMap::AssetRefMapRec& a : assetMap.records()) {
-        xmlElement clip(
-            xmlFile, "clip",
-            AttribList{makeAttrib("name", a.name), makeAttrib("format", a.format),
-                       makeAttrib("tcFormat", a.isDropFrame ? L"DF" : L"NDF"),
-                       makeAttrib("start", a.start), makeAttrib("duration", a.duration)});
+        AttribList clipAttribs{makeAttrib("name", a.name), makeAttrib("format", a.format),
+                               makeAttrib("tcFormat", a.isDropFrame ? L"DF" : L"NDF"),
+                               makeAttrib("start", a.start), makeAttrib("duration", a.duration)};
+        // A sound file has no picture format to name.
+        if (!legacy && a.format.empty()) clipAttribs.erase(clipAttribs.begin() + 1);
+        xmlElement clip(xmlFile, "clip", clipAttribs);
         AttribList audio;
         if (a.hasAudio == L"1")
             audio = AttribList{makeAttrib("srcCh", sourceChannels(a.numAudioChannels)),
@@ -249,13 +265,43 @@ bool FCPXXMLWriter::listAssetClips() {
         } else if (!audio.empty()) {
             xmlInlineElement(xmlFile, "audio", audio);
         }
-        writeMarkers(a.cues, a.startTime, 0.0, a.durationTime);
+        if (legacy) {
+            writeMarkers(a.cues, a.startTime, 0.0, a.durationTime);
+        } else {
+            // A browser clip's markers count its media's frames from its
+            // start; the original writer counted the sequence's.
+            for (const Ced2Cue& cue : a.cues) {
+                if (!(cue.in >= 0.0 && cue.in < a.durationTime)) continue;
+                std::int64_t from = assetFrames(a, cue.in);
+                std::int64_t length =
+                    cue.out == kCueOpenEnd || !(cue.out > cue.in)
+                        ? 1
+                        : std::max<std::int64_t>(1, assetFrames(a, cue.out) - from);
+                xmlInlineElement(
+                    xmlFile, "marker",
+                    AttribList{makeAttrib("start", frameTime(a.startFrames + from, a.grid)),
+                               makeAttrib("duration", frameTime(length, a.grid)),
+                               makeAttrib("value", cue.name + L" - " + cue.comment)});
+            }
+        }
 
         // Sub-clips become keyword ranges on their master.
         auto found = subclips.find(a.cookie);
         if (found == subclips.end()) continue;
         for (CED2* ghost : found->second) {
             CED2Cell* cel = firstCelOf(ghost);
+            if (!legacy) {
+                // On the frames of the media, as every time of the clip.
+                std::int64_t from = assetFrames(a, realSeconds(cel->sourceIn, seqRate));
+                std::int64_t length = assetFrames(a, realSeconds(ghost, ghost->get_editLength()));
+                xmlInlineElement(
+                    xmlFile, "keyword",
+                    AttribList{makeAttrib("value", ghost->get_editName()),
+                               makeAttrib("start", frameTime(a.startFrames + from, a.grid)),
+                               makeAttrib("duration",
+                                          frameTime(std::max<std::int64_t>(1, length), a.grid))});
+                continue;
+            }
             xmlInlineElement(
                 xmlFile, "keyword",
                 AttribList{

@@ -14,6 +14,8 @@
 // written in hundredths of a second.
 #pragma once
 
+#include <cstdint>
+#include <unordered_map>
 #include <vector>
 
 #include "export/XMLWriter.h"
@@ -31,8 +33,9 @@ class FCPXXMLWriter : public XMLWriter {
     // Registers the formats, assets and cookies of the shots and sub-clips,
     // and writes the resources. False when a shot's media file is not known.
     bool writeAllShots(CED2List& shots, CED2List& ghosts) override;
-    // Sub-clips are registered with the shots.
-    bool writeGhosts(CED2List&) override { return true; }
+    // Sub-clips are registered with the shots; those reached through further
+    // levels (in nested sequences, or sub-clips of sub-clips) here.
+    bool writeGhosts(CED2List& ghosts) override;
     // The library, its event with the browser clips, and the project with
     // the sequences. Bad material is repaired, never refused.
     bool writeSequence(CED2List& sequences) override;
@@ -48,6 +51,9 @@ class FCPXXMLWriter : public XMLWriter {
     static LightweightString<wchar_t> timeToFCPRational(double time, Qv::FrameRate rate);
     // The same at `fps` frames per second.
     static LightweightString<wchar_t> timeToFCPRationalDouble(double time, double fps);
+    // The time of `frames` frames of `rate`, a whole number of its frame
+    // durations, as Final Cut Pro X writes it: "0s", "3003/30000s".
+    static LightweightString<wchar_t> frameTime(std::int64_t frames, Qv::FrameRate rate);
     // Whole seconds of `time`, rounded: the rate by which the cookie's
     // material would be counted is not known here, so one frame a second
     // stands in for it.
@@ -77,6 +83,85 @@ class FCPXXMLWriter : public XMLWriter {
     std::vector<DLListIterator<CED2Cell>> audioIterators;
 
   private:
+    // ---- Where times count whole frames (xml_legacy_interchange at 0) ----
+
+    // One item of a storyline: a clip, a gap, a compound clip of a nested
+    // sequence, or a transition between two of them. Places count frames of
+    // the sequence from its start.
+    struct Item {
+        enum Kind { Clip, Gap, Compound, Transition } kind = Gap;
+        std::int64_t in = 0, out = 0;
+        const CED2Cell* cel = nullptr;
+        const AssetRefMap::AssetRefMapRec* asset = nullptr;
+        CED2* nested = nullptr;           // what a compound clip plays
+        double sourceAt = 0;              // real seconds into its material at `in`
+        double materialLength = 0;        // real seconds of that material
+        LightweightString<wchar_t> name;  // of the shot, sub-clip or sequence
+        int sourceChannel = 1;            // the channel of the file a sound clip plays
+    };
+    using Storyline = std::vector<Item>;
+
+    // Registers the shots and sub-clips without writing: the resources go
+    // out with the sequences, once every edit of the run is known.
+    void registerDefaults(CED2List& shots, CED2List& ghosts);
+    void registerDeepSubclips();
+    // A sequence's format, and the compound clips of the sequences it nests.
+    void registerNested(CED2* sequence);
+    Qv::FrameRate footageRate(const CED2* shot) const;
+    // The frames of a timecode label, counted at `rate`.
+    std::int64_t labelFrames(const EditLabel& label, Qv::FrameRate labelRate,
+                             Qv::FrameRate rate) const;
+    void writeFrameResources();
+    void writeCompound(CED2* sequence);
+    void writeFrameSequence(CED2* sequence, const LightweightString<wchar_t>& formatId);
+    Storyline planStoryline(CChannel* channel);
+    void settleTransitions(Storyline& line, CChannel* channel);
+    void writeStoryline(std::size_t lane);
+    void writeItem(const Item& item, std::size_t lane, bool video, CChannel* channel, bool anchor);
+    void writeAnchored(const Item& anchor);
+    void writeItemMarkers(const Item& item);
+    void writeItemLevels(const Item& item, CChannel* channel);
+    // The frame of an item's own time at sequence frame `at`, on its grid:
+    // its media's rate for a clip, its sequence's for a compound clip.
+    std::int64_t localFrames(const Item& item, std::int64_t at) const;
+    Qv::FrameRate localGrid(const Item& item) const;
+    // Cel time as whole frames of the sequence being written.
+    std::int64_t frames(double celTime) const;
+    std::int64_t assetFrames(const AssetRefMap::AssetRefMapRec& asset, double real) const;
+    LightweightString<char> timecodeOfFrame(std::int64_t frame) const;
+    // Two warning lines and a loss record, at a frame of the sequence.
+    void tellLoss(const char* kind, CChannel* channel, std::int64_t frame, const char* first,
+                  const char* second, const char* detail);
+
+    std::vector<CED2List*> deepGhosts_;
+    // Every edit of the run by its identity: what a cel plays.
+    std::unordered_map<LightweightString<wchar_t>, CED2*> records_;
+    // The compound clips of nested sequences, in the order they are written
+    // (each after those it holds), with their ids, formats and first frames.
+    std::vector<CED2*> compounds_;
+    std::unordered_map<const CED2*, LightweightString<wchar_t>> compoundIds_;
+    std::unordered_map<const CED2*, std::int64_t> compoundStarts_;
+    std::unordered_map<const CED2*, LightweightString<wchar_t>> sequenceFormats_;
+    std::vector<const CED2*> open_;  // sequences being written, against one that holds itself
+    // The storylines of the sequence being written, each with whether it is
+    // video and its channel; the first carries the others.
+    std::vector<std::pair<Storyline, bool>> lanes_;
+    std::vector<CChannel*> laneChannels_;
+    std::vector<int> transitionNumbers_;
+    CED2* current_ = nullptr;
+    std::int64_t tcFrames_ = 0;
+    // A sequence's markers and a channel's level keyframes by their frame,
+    // sorted, so that each item finds its own without a walk over all.
+    using FrameIndex = std::vector<std::pair<std::int64_t, std::size_t>>;
+    std::unordered_map<const CED2*, FrameIndex> cueFrames_;
+    struct LevelIndex {
+        FrameIndex frames;
+        std::vector<const CED2TrackLevel*> levels;
+    };
+    std::unordered_map<const CChannel*, LevelIndex> levelFrames_;
+    const FrameIndex& cueIndex();
+    const LevelIndex& levelIndex(CChannel* channel);
+
     // Entries that fall in a time range, answered in their original order
     // without a walk over all of them.
     class RangeIndex {

@@ -78,10 +78,57 @@ void JsonWriter::string(std::string_view text) {
     writeString(text);
 }
 
+namespace {
+
+// The length of the UTF-8 sequence at the start of `s`, 0 where it is none.
+std::size_t utf8Length(std::string_view s) {
+    auto u = [&](std::size_t i) { return static_cast<unsigned char>(s[i]); };
+    unsigned char c = u(0);
+    std::size_t n;
+    if (c < 0x80) return 1;
+    if (c >= 0xC2 && c <= 0xDF)
+        n = 2;
+    else if (c >= 0xE0 && c <= 0xEF)
+        n = 3;
+    else if (c >= 0xF0 && c <= 0xF4)
+        n = 4;
+    else
+        return 0;
+    if (s.size() < n) return 0;
+    for (std::size_t i = 1; i < n; ++i)
+        if ((u(i) & 0xC0) != 0x80) return 0;
+    // Overlong forms, surrogates and what lies beyond Unicode.
+    if ((c == 0xE0 && u(1) < 0xA0) || (c == 0xED && u(1) >= 0xA0) || (c == 0xF0 && u(1) < 0x90) ||
+        (c == 0xF4 && u(1) >= 0x90))
+        return 0;
+    return n;
+}
+
+}  // namespace
+
 void JsonWriter::writeString(std::string_view text) {
     out_ += '"';
-    for (char c : text) {
+    // Runs of characters that need no escape go in whole.
+    std::size_t run = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
         unsigned char u = static_cast<unsigned char>(c);
+        if (u >= 0x80) {
+            if (!strict_) continue;
+            // Whole UTF-8 characters only; U+FFFD for a byte that is none.
+            std::size_t n = utf8Length(text.substr(i));
+            if (n > 0) {
+                i += n - 1;
+                continue;
+            }
+            out_.append(text.substr(run, i - run));
+            out_ += "\xEF\xBF\xBD";
+            run = i + 1;
+            continue;
+        }
+        if (u >= 0x20 && c != '"' && c != '\\') continue;
+        out_.append(text.substr(run, i - run));
+        run = i + 1;
         switch (c) {
             case '"':
                 out_ += "\\\"";
@@ -104,22 +151,20 @@ void JsonWriter::writeString(std::string_view text) {
             case '\f':
                 out_ += "\\f";
                 break;
-            default:
-                if (u < 0x20) {
-                    char esc[8];
-                    std::snprintf(esc, sizeof esc, "\\u%04x", u);
-                    out_ += esc;
-                } else {
-                    out_ += c;
-                }
+            default: {
+                char esc[8];
+                std::snprintf(esc, sizeof esc, "\\u%04x", u);
+                out_ += esc;
+            }
         }
     }
+    out_.append(text.substr(run));
     out_ += '"';
 }
 
 void JsonWriter::number(double value) {
     beforeItem();
-    out_ += formatDouble(value);
+    out_ += strict_ && !std::isfinite(value) ? "null" : formatDouble(value);
 }
 
 void JsonWriter::integer(std::int64_t value) {

@@ -43,6 +43,10 @@ class JsonWriter {
     // A value of nlohmann's, in insertion order.
     void value(const nlohmann::ordered_json& v);
 
+    // From now on: bytes of a string that are no UTF-8 are written as U+FFFD,
+    // and a number that is not finite as null, so that the text is JSON.
+    void setStrict(bool strict) { strict_ = strict; }
+
     // Text as it stands, outside the structure (a final newline).
     void raw(std::string_view text) { out_ += text; }
     // Once set, the text written so far is handed over whenever it passes a
@@ -72,6 +76,7 @@ class JsonWriter {
     }
 
   private:
+    bool strict_ = false;
     // Separator and indentation before a value or key at the current level.
     void beforeItem();
     void writeString(std::string_view text);

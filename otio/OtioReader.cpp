@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "host/Edit.h"
+#include "host/Label.h"
 #include "host/VideoFormat.h"
 #include "otio/OtioMetadata.h"
 #include "plugin/Status.h"
@@ -279,6 +280,13 @@ void OtioReader::buildTimeline(std::size_t index) {
         note("timelines at a rate the editor does not have, read at " +
              toUTF8(Qv::getPlainString(rate)).str());
     logger.Out("Timeline \"%s\"", name.c_str());
+    place_ = Place();
+    place_.sequence = name;
+    place_.ticks = static_cast<unsigned>(base.ticks > 0 ? base.ticks : 24);
+    place_.dropFrame = dropsFrames(rate);
+    if (item.kind == ItemKind::Timeline && item.globalStart.valid())
+        place_.startFrame = static_cast<long long>(
+            std::round(std::clamp(framesOf(item.globalStart, base), -1e15, 1e15)));
 
     std::string kind = textOf(item.qvxml, "kind");
     bool subclip = kind == "subclip";
@@ -334,6 +342,7 @@ void OtioReader::buildChannels(const Item& composition, CED2* record, const Time
             const Item& c = doc_->items[child];
             if (c.kind != ItemKind::Track) {
                 note("items of a stack that are no tracks (" + c.schema + ")");
+                if (top) lose("unknown-item", -1, c.schema + " \"" + c.name + "\" in the stack");
                 continue;
             }
             switch (trackType(c)) {
@@ -345,6 +354,9 @@ void OtioReader::buildChannels(const Item& composition, CED2* record, const Time
                     break;
                 default:
                     note("tracks of the kind \"" + c.trackKind + "\"");
+                    if (top)
+                        lose("unknown-track", -1,
+                             "\"" + c.name + "\" of the kind \"" + c.trackKind + "\"");
             }
         }
     }
@@ -371,6 +383,17 @@ void OtioReader::buildChannels(const Item& composition, CED2* record, const Time
         logger.Out("Track %c%d", type == kChanVideo ? 'V' : 'A',
                    static_cast<int>(type == kChanVideo ? i + 1 : i - video.size() + 1));
         CChannel* channel = record->CreateEditChannel(index, type);
+        if (top) {
+            // Losses name the track as the document numbers it, and place
+            // themselves on the timeline as its windows show it.
+            place_.track = type == kChanVideo ? "V" + std::to_string(video.size() - i)
+                                              : "A" + std::to_string(i - video.size() + 1);
+            place_.origin = 0;
+            if (&track != &composition && track.sourceRange.valid())
+                place_.origin += framesOf(track.sourceRange.start, base);
+            if (composition.sourceRange.valid())
+                place_.origin += framesOf(composition.sourceRange.start, base);
+        }
         // A track of a stack may be trimmed; a track that is itself the
         // nested item is played in part by the cel, and kept whole.
         buildTrack(track, record, channel, base, &track != &composition);
@@ -447,6 +470,13 @@ void OtioReader::buildTrack(const Item& track, CED2* record, CChannel* channel,
     if (!track.enabled) note("tracks switched off (they play)");
     if (!track.otherEffects.empty())
         note("effects on tracks", static_cast<int>(track.otherEffects.size()));
+    // A track that is itself a nested item had its losses told with its cel.
+    if (depth_ == 0 || trimmed) {
+        double trackStart = depth_ == 0 ? place_.origin : 0;
+        if (!track.enabled) lose("disabled", trackStart, "the track \"" + track.name + "\"");
+        for (const std::string& e : track.otherEffects)
+            lose("filter", trackStart, e + " on the track \"" + track.name + "\"");
+    }
 
     struct Slot {
         const Item* item;
@@ -517,6 +547,8 @@ void OtioReader::buildTrack(const Item& track, CED2* record, CChannel* channel,
                                       direction == 1 ? eWipeReverse : eWipeForward);
             } else if (t.transitionType != "SMPTE_Dissolve") {
                 note("transitions of the type \"" + t.transitionType + "\", read as dissolves");
+                // An audio transition is a cross fade whatever its type.
+                if (video) lose("transition-as-dissolve", s.cut, t.transitionType);
             }
             std::string text = textOf(t.qvxml, "cookie");
             if (!text.empty()) {
@@ -545,7 +577,13 @@ void OtioReader::addItemCel(const Item& item, CED2* record, CChannel* channel, c
     CelRef ref;
     cel.editIn = from / base.ticks;
     cel.editOut = to / base.ticks;
-    if (!item.enabled) note("items switched off (they play)");
+    // The item starts `head` before its cel, where a transition ends.
+    itemFrame_ = from - head;
+    std::string named = "\"" + item.name + "\"";
+    if (!item.enabled) {
+        note("items switched off (they play)");
+        lose("disabled", from - head, named);
+    }
 
     double speed = item.freeze ? 0.0 : item.timeScalar;
     if (!std::isfinite(speed)) speed = 1.0;
@@ -554,8 +592,10 @@ void OtioReader::addItemCel(const Item& item, CED2* record, CChannel* channel, c
         cel.level = cel.levelEnd = narrowToFloat(l->get<double>());
     if (const json* l = field(item.qvxml, "levelEnd"); l && l->is_number())
         cel.levelEnd = narrowToFloat(l->get<double>());
-    for (const std::string& e : item.otherEffects)
+    for (const std::string& e : item.otherEffects) {
         note("effects \"" + e + "\", not kept");
+        lose("filter", from - head, e + " on " + named);
+    }
 
     bool plays = false;
     switch (item.kind) {
@@ -586,8 +626,17 @@ void OtioReader::addItemCel(const Item& item, CED2* record, CChannel* channel, c
         case ItemKind::Stack:
         case ItemKind::Track: {
             TimeBase inner;
+            // What lies inside is placed where the outermost stack stands.
+            double outer = place_.nestedAt;
+            if (depth_ == 0) place_.nestedAt = std::max(0.0, placeOf(itemFrame_));
             CED2* nested = nestedRecord(item, base, inner);
-            if (!nested) break;
+            place_.nestedAt = outer;
+            if (!nested) {
+                lose("nested-unplayed", from - head,
+                     named + (item.children.empty() ? ": nothing in it"
+                                                    : ": nested deeper than 64 levels"));
+                break;
+            }
             long long c = -1;
             if (!intOf(item.qvxml, "channel", c)) {
                 for (CChannel* ch : each<CChannel>(nested->channels)) {
@@ -601,6 +650,8 @@ void OtioReader::addItemCel(const Item& item, CED2* record, CChannel* channel, c
                 note(
                     "nested stacks with no track of the kind of the track they are on, played "
                     "as black or silence");
+                lose("nested-unplayed", from - head,
+                     named + (video ? ": no video track in it" : ": no audio track in it"));
                 break;
             }
             double start =
@@ -613,6 +664,7 @@ void OtioReader::addItemCel(const Item& item, CED2* record, CChannel* channel, c
         }
         default:
             note("items of the schema " + item.schema + ", read as gaps");
+            lose("unknown-item", from - head, item.schema + " " + named);
             break;
     }
     if (!plays) {
@@ -634,19 +686,31 @@ void OtioReader::addItemCel(const Item& item, CED2* record, CChannel* channel, c
 bool OtioReader::clipReference(const Item& clip, CED2* record, CChannel* channel,
                                const TimeBase& base, CelData& cel, CelRef& ref,
                                double sourceFrames) {
-    if (clip.media >= doc_->media.size()) return false;
+    // Losses of the clip are placed where addItemCel found it stands.
+    auto lost = [&](const char* kind, const std::string& detail) {
+        lose(kind, itemFrame_, detail);
+    };
+    std::string named = "\"" + clip.name + "\"";
+    if (clip.media >= doc_->media.size()) {
+        lost("unknown-media", named + ": it names no media");
+        return false;
+    }
     const Media& media = doc_->media[clip.media];
     switch (media.kind) {
         case MediaKind::Generator:
             note("generated clips (" +
                  (media.generatorKind.empty() ? std::string("unnamed") : media.generatorKind) +
                  "), played as black or silence");
+            lost("generator",
+                 media.generatorKind.empty() ? named : media.generatorKind + " " + named);
             return false;
         case MediaKind::ImageSequence:
             note("clips of image sequences, played as black or silence");
+            lost("image-sequence", named);
             return false;
         case MediaKind::Other:
             note("media references of the schema " + media.schema + ", played as black or silence");
+            lost("unknown-media", named + ": " + media.schema);
             return false;
         default:
             break;
@@ -670,6 +734,7 @@ bool OtioReader::clipReference(const Item& clip, CED2* record, CChannel* channel
     } else {
         if (!use.plays(channelByte, video ? kChanVideo : kChanAudio)) {
             note("clips that play a channel that cannot be, played as black or silence");
+            lost("channel-missing", named + ": channel " + std::to_string(channelByte));
             return false;
         }
         ref.id = refOf(shotKey(clip.media), channelByte);
@@ -956,10 +1021,30 @@ void OtioReader::fixAlternates() {
     }
 }
 
+// ---- losses ----
+
+double OtioReader::placeOf(double frame) const {
+    return depth_ > 0 ? place_.nestedAt : frame - place_.origin;
+}
+
+void OtioReader::lose(const char* kind, double frame, const std::string& detail) {
+    LossRecord r;
+    r.kind = kind;
+    r.sequence = place_.sequence;
+    r.track = place_.track;
+    r.detail = detail;
+    double at = frame < 0 && depth_ == 0 ? -1 : std::max(0.0, placeOf(frame));
+    if (at >= 0 && std::isfinite(at)) {
+        r.frame = static_cast<long long>(std::llround(std::min(at, 1e15)));
+        r.timecode = frameToTimecode(place_.startFrame + r.frame, place_.ticks, place_.dropFrame);
+    }
+    logger.LossOut(r);
+}
+
 // ---- files ----
 
 XML::ImportResult importOtioFile(const LightweightString<wchar_t>& path, LoggerHandle log,
-                                 std::string& error) {
+                                 std::string& error, Document* model) {
     XML::ImportResult result;
     Document doc;
     ParseResult parsed = parseFile(toUTF8(path).str(), doc);
@@ -979,7 +1064,9 @@ XML::ImportResult importOtioFile(const LightweightString<wchar_t>& path, LoggerH
     }
     Qv::Ptr<OtioReader> reader(new OtioReader(log));
     Qv::Ptr<ImportFileInfoRep> info(new ImportFileInfoRep({path}));
-    return reader->importDocument(doc, info, log);
+    result = reader->importDocument(doc, info, log);
+    if (model) *model = std::move(doc);
+    return result;
 }
 
 Qv::FrameRate otioFrameRate(const LightweightString<wchar_t>& path) {

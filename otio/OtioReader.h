@@ -79,6 +79,12 @@ class OtioReader : public XML::XMLReader {
     bool cueOf(const Marker& marker, double originFrames, const TimeBase& base, Ced2Cue& cue);
     void fixAlternates();
     void note(const std::string& what, int count = 1) { notes_[what] += count; }
+    // A loss of the timeline being read, beside the note that tells it: at
+    // `frame` of the track being read (of the outermost track, for what lies
+    // in a nested stack: where the stack stands on it), -1 for none.
+    void lose(const char* kind, double frame, const std::string& detail);
+    // Where a frame of the track being read stands on its timeline.
+    double placeOf(double frame) const;
 
     // Frames of a duration or offset in a time base.
     static double framesOf(const RationalTime& t, const TimeBase& base) {
@@ -99,6 +105,19 @@ class OtioReader : public XML::XMLReader {
     std::vector<std::string> fieldProblems_;
     int nestedCount_ = 0;
     int depth_ = 0;
+    // Where losses are placed: the timeline and outermost track being read,
+    // in the document's numbering (V1 its first video track), what the
+    // windows of the track and its stack take off its start, and where on it
+    // the nested stack being read stands.
+    struct Place {
+        std::string sequence, track;
+        double origin = 0, nestedAt = 0;
+        long long startFrame = 0;
+        unsigned ticks = 24;
+        bool dropFrame = false;
+    };
+    Place place_;
+    double itemFrame_ = 0;  // where the item being read starts on its track
 };
 
 }  // namespace QvOtio

@@ -7,12 +7,14 @@
 #include <unordered_map>
 #include <vector>
 
+#include "export/ExportDriver.h"
 #include "host/Edit.h"
 #include "host/OS.h"
 #include "otio/OtioJson.h"
 #include "otio/OtioMetadata.h"
 #include "otio/OtioModel.h"
 #include "otio/OtioTime.h"
+#include "plugin/Interchange.h"
 
 namespace QvOtio {
 
@@ -43,11 +45,17 @@ struct Entry {
     const CED2Cell* cel = nullptr;
     CED2* source = nullptr;  // what a material cel plays
     double inOffset = 0, outOffset = 0;
+    double trimmed = 0;  // record frames cut off its head where it overlapped the one before
 };
 
 class Writer {
   public:
-    Writer(LoggerHandle log, std::string& out) : log_(std::move(log)), json_(out) {}
+    Writer(LoggerHandle log, std::string& out)
+        : log_(std::move(log)), json_(out), legacy_(XML::legacyInterchange()) {
+        // The original writer let NaN and Infinity, and bytes that are no
+        // UTF-8, into the file: OpenTimelineIO reads them, JSON does not.
+        json_.setStrict(!legacy_);
+    }
 
     // The export lists of the edit: 1, or the status that stops the export.
     int prepare(const Cookie& edit, const ExportOptions& options);
@@ -88,8 +96,12 @@ class Writer {
     void clip(const Entry& e, CED2* shot, double sourceFrames,
               const LightweightString<wchar_t>& name, ordered fields, const TimeBase& base);
 
+    // The rate a shot's footage counts, its timecode's first.
+    Qv::FrameRate footageRate(const CED2* shot) const;
+
     LoggerHandle log_;
     JsonWriter json_;
+    const bool legacy_;  // xml_legacy_interchange: write as first written
     CED2List seqList_, ghostList_, deepGhostList_, shotList_;
     std::unordered_map<Qv::UUID, CED2*, IdentityHash> records_;
     std::unordered_map<const CED2*, std::string> ids_;
@@ -100,6 +112,27 @@ class Writer {
     TimeBase topBase_;
     const CChannel* channel_ = nullptr;
 };
+
+// The rate a timecode label counts: drop frame counts only 1000/1001 rates.
+Qv::FrameRate labelRate(const EditLabel& label) {
+    Qv::FrameRate rate = getFrameRatefromMedium(label.get_MediumRoll().medium);
+    if (!Qv::isKnownFrameRate(rate)) rate = label.get_rate();
+    if (label.isDropFrame() && rate == Qv::eFrameRate30) rate = Qv::eFrameRate29_97;
+    if (label.isDropFrame() && rate == Qv::eFrameRate60) rate = Qv::eFrameRate59_94;
+    return rate;
+}
+
+Qv::FrameRate Writer::footageRate(const CED2* shot) const {
+    if (shot->labelCount > 0 && shot->labels[0].is_valid() &&
+        Qv::isKnownFrameRate(labelRate(shot->labels[0])))
+        return labelRate(shot->labels[0]);
+    // Without a timecode, the shot's own rate: the one its reference names.
+    Qv::FrameRate rate = Qv::getEquivalentQvFrameRate(shot->rate);
+    if (Qv::isKnownFrameRate(rate)) return rate;
+    if (shot->edit && Qv::isKnownFrameRate(shot->edit->getSourceFrameRate()))
+        return shot->edit->getSourceFrameRate();
+    return topBase_.rate;
+}
 
 std::string Writer::idOf(const CED2* record, const char* prefix, int& counter) {
     auto [it, fresh] = ids_.try_emplace(record);
@@ -195,7 +228,11 @@ void Writer::marker(const Ced2Cue& cue, double origin, const TimeBase& base) {
     bool exact = false;
     const char* colour = markerColourName(cue.colour, exact);
     double in = base.frames(cue.in);
+    // No time before the start, nor one that is no number; the original
+    // writer wrote them as they came.
+    if (!legacy_ && !(origin + in >= 0)) in = std::isfinite(origin) ? -std::min(origin, 0.0) : 0;
     double duration = cue.out >= kCueOpenEnd ? 0 : std::max(0.0, base.frames(cue.out) - in);
+    if (!legacy_ && !std::isfinite(duration)) duration = 0;
     json_.beginObject();
     json_.field("OTIO_SCHEMA", "Marker.2");
     metadata(cueFields(cue));
@@ -230,6 +267,9 @@ int Writer::prepare(const Cookie& edit, const ExportOptions& options) {
         cookies, seqList_, ghostList_, deepGhostList_, shotList_, false, 0, log_, rate,
         options.skipOffline, false, false, false, false, false);
     if (status != 1) return status;
+    // The original writer wrote a length that is no number as it came.
+    if (!legacy_)
+        XML::giveUnknownLengths(shotList_, {&seqList_, &ghostList_, &deepGhostList_}, log_);
     for (CED2List* list : {&seqList_, &ghostList_, &deepGhostList_, &shotList_})
         for (CED2* r : each<CED2>(*list))
             records_.emplace(r->cookie.uuid, r);
@@ -272,7 +312,13 @@ void Writer::timeline(CED2* record, const char* kind) {
     json_.field("name", toUTF8(record->get_editName()).view());
     json_.key("global_start_time");
     const EditLabel& label = record->labels[0];
-    if (record->labelCount > 0 && label.is_valid()) {
+    if (record->labelCount > 0 && label.is_valid() && !legacy_) {
+        // The timecode at its own rate, as it reads: the original writer
+        // moved it through real time to the sequence's rate, where a 29.97
+        // timecode in a 25 sequence names another time.
+        Qv::FrameRate rate = labelRate(label);
+        rationalTime(label.get_start(), Qv::getFramesPerSecond(rate));
+    } else if (record->labelCount > 0 && label.is_valid()) {
         double fps = Qv::getFramesPerSecond(label.get_rate());
         rationalTime(tidyFrames(rescale(label.get_start(), fps, base.fps)), base.fps);
     } else {
@@ -333,9 +379,24 @@ void Writer::track(CED2* record, CChannel* channel, const TimeBase& base) {
     if (channel->hasTrackLevels) ours["hasTrackLevels"] = true;
     if (!channel->levels.isEmpty()) {
         ordered levels = ordered::array();
-        for (CED2TrackLevel* l : each<CED2TrackLevel>(channel->levels))
+        int unplaced = 0;
+        for (CED2TrackLevel* l : each<CED2TrackLevel>(channel->levels)) {
+            // A keyframe at no place on the sequence (one of a sequence of no
+            // length) has nothing to stand for; the original writer wrote it.
+            if (!legacy_ && !(std::isfinite(l->position) && std::isfinite(l->value))) {
+                ++unplaced;
+                continue;
+            }
             levels.push_back(ordered::array({l->position, static_cast<double>(l->value)}));
-        ours["levels"] = levels;
+        }
+        if (!levels.empty()) ours["levels"] = levels;
+        if (unplaced > 0) {
+            log_.WarningOut("%d level keyframes of track <%s> have no place on the sequence\n",
+                            unplaced, channel->name.c_str());
+            log_.WarningOut(" - They are left out\n");
+            log_.LossOut(lossAt("level-unplaced", channel->name, LightweightString<char>(),
+                                "level keyframes at no position"));
+        }
     }
 
     json_.beginObject();
@@ -413,6 +474,9 @@ std::vector<Entry> Writer::entriesOf(CED2* record, CChannel* channel, const Time
             log_.WarningOut(" - It starts where the one before ends\n");
             log_.LossOut(lossAt("clip-shortened", channel->name, timecodeAt(cel->editIn),
                                 "overlapped the item before it; it starts where that one ends"));
+            // The clip plays on from where it is cut; the original writer
+            // started it later with its in-point where it was.
+            if (!legacy_) e.trimmed = std::min(pos, e.out) - e.in;
             e.in = pos;
         }
         if (e.out < e.in) e.out = e.in;
@@ -524,7 +588,24 @@ const ordered& Writer::shotReference(CED2* shot) {
     Qv::FrameRate celRate = Qv::getCelQVFrameRateFromFrameRateDouble(fps);
     double ticks = Qv::isKnownFrameRate(celRate) ? Qv::getTicksPerSecond(celRate) : std::round(fps);
     double start = 0;
-    if (shot->labelCount > 0 && shot->labels[0].is_valid()) {
+    double duration = tidyFrames(shot->get_editLength() * ticks);
+    double rangeFps = fps;
+    if (!legacy_) {
+        // At the footage's own rate, 29.97 as 30000/1001, from its timecode
+        // as it reads; the original writer took the shot's rate, 30 for
+        // 29.97, and moved the timecode through real time to it.
+        Qv::FrameRate footage = footageRate(shot);
+        rangeFps = Qv::getFramesPerSecond(footage);
+        duration = tidyFrames(rescale(duration, fps, rangeFps));
+        if (shot->labelCount > 0 && shot->labels[0].is_valid()) {
+            const EditLabel& l = shot->labels[0];
+            Qv::FrameRate rate = labelRate(l);
+            start =
+                Qv::getTicksPerSecond(rate) == Qv::getTicksPerSecond(footage)
+                    ? l.get_start()
+                    : tidyFrames(rescale(l.get_start(), Qv::getFramesPerSecond(rate), rangeFps));
+        }
+    } else if (shot->labelCount > 0 && shot->labels[0].is_valid()) {
         const EditLabel& l = shot->labels[0];
         start = tidyFrames(rescale(l.get_start(), Qv::getFramesPerSecond(l.get_rate()), fps));
     }
@@ -537,8 +618,8 @@ const ordered& Writer::shotReference(CED2* shot) {
     };
     ordered range = ordered::object();
     range["OTIO_SCHEMA"] = "TimeRange.1";
-    range["duration"] = rt(tidyFrames(shot->get_editLength() * ticks), fps);
-    range["start_time"] = rt(start, fps);
+    range["duration"] = rt(duration, rangeFps);
+    range["start_time"] = rt(start, rangeFps);
 
     ordered ours = ordered::object();
     ours["id"] = idOf(shot, "shot", shots_);
@@ -605,7 +686,7 @@ void Writer::clip(const Entry& e, CED2* shot, double sourceFrames,
     double origin = originFrames(shot, base);
     // The document's clip starts earlier than the cel by what a transition
     // before it takes, and plays that much more of its source first.
-    double head = e.in - e.otioIn;
+    double head = e.in - e.otioIn - e.trimmed;
     double start = tidyFrames(origin + sourceFrames - head * static_cast<double>(cel.speed));
 
     json_.beginObject();
@@ -723,7 +804,7 @@ void Writer::material(const Entry& e, const TimeBase& base) {
     writeRecordFields(*source, edit);
     fields["edit"] = edit;
 
-    double head = e.in - e.otioIn;
+    double head = e.in - e.otioIn - e.trimmed;
     double start = tidyFrames(base.frames(cel.sourceIn) - head * static_cast<double>(cel.speed));
     const CChannel* outer = channel_;
     writing_.insert(source);

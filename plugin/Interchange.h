@@ -1,9 +1,10 @@
 // The one switch between what other editors write and read today and the
-// interchange's original reading and spelling of each format.
+// readings and spellings the interchange was first written with.
 //
 // With the configuration key "xml_legacy_interchange" at 0 (the default) the
 // readers and writers follow what Final Cut Pro, Premiere, Resolve and
-// OpenTimelineIO write and read; at 1 they follow the original letter exactly.
+// OpenTimelineIO write and read; at 1 they read and write exactly as first
+// written.
 // Each rule that differs branches on this once, beside the rule, with a line
 // that says why; docs/user-guide.md keeps the table of what the key changes.
 #pragma once

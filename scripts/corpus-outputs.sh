@@ -7,18 +7,22 @@
 #   scripts/corpus-outputs.sh build/bin/qvxml /tmp/after
 #   diff -r /tmp/before /tmp/after && echo identical
 #
+# Options after the folder go to every run (--set xml_legacy_interchange=1).
+#
 # For each document (the shared corpus and examples/): the conversion to every
 # format with its loss report, the import's snapshot, `info --json`, and the
 # messages and exit status of each run.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
-if (($# != 2)); then
-  echo "usage: $0 QVXML OUTDIR" >&2
+if (($# < 2)); then
+  echo "usage: $0 QVXML OUTDIR [OPTION...]" >&2
   exit 2
 fi
 qvxml=$(realpath "$1")
 out=$2
+shift 2
+extra=("$@")
 corpus=${QVXML_CORPUS:-../shared/corpus}
 if [ -e "$out" ]; then
   echo "$out exists; give a new folder" >&2
@@ -54,10 +58,10 @@ for doc in "${documents[@]}"; do
   key=$(echo "${doc#"$corpus"/}" | tr '/ ' '__')
   abs=$(realpath "$doc")
   for f in "${formats[@]}"; do
-    run "$out/$key/$f" convert "$qvxml" convert "$abs" --to "$f" -o . --report report.json
+    run "$out/$key/$f" convert "$qvxml" convert "$abs" --to "$f" -o . --report report.json "${extra[@]}"
   done
-  run "$out/$key/import" import "$qvxml" import "$abs" --snapshot snapshot.json
-  run "$out/$key/info" info "$qvxml" info "$abs" --json
+  run "$out/$key/import" import "$qvxml" import "$abs" --snapshot snapshot.json "${extra[@]}"
+  run "$out/$key/info" info "$qvxml" info "$abs" --json "${extra[@]}"
   n=$((n + 1))
 done
 echo "$n documents, ${#formats[@]} formats each, in $out"

@@ -187,6 +187,20 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
                            CChannel* channel, double seqDuration) {
     XMLParser& ip = *item.parser;
     long long start = item.start, end = item.end;
+    // Final Cut Pro's version 1 writes a clip that runs into a transition with
+    // an end before its start; the transition after it says where it ends.
+    // Without one the clip has no place on the track, and is said to have none.
+    if (!legacy() && start != -1 && end != -1 && end < start) {
+        Track::Pick peek = track.next(cursor.pos, cursor.clipIndex, cursor.transIndex, false);
+        if (peek.found && asTransition(peek.transition, *track.at(peek).parser)) {
+            end = -1;
+        } else {
+            reportLoss(lossHere("clip-not-placed", start,
+                                fcp5read::itemText(leaf(ip, "name"), fcp5read::idOf(ip))),
+                       true);
+            return 1;
+        }
+    }
     int in = intOf(ip, "in", 0), out = intOf(ip, "out", 0);
     long long origStart = start;
     int duration = intOf(ip, "duration", 1);

@@ -3,6 +3,8 @@
 // document of a shot or sub-clip exported alone.
 #include "xmeml/FCP5XMLWriter.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 #include "host/Edit.h"
@@ -51,6 +53,18 @@ bool FCP5XMLWriter::writeGhosts(CED2List& ghosts) {
 
 void FCP5XMLWriter::printRateElement(double rate) {
     xmlElement r(xmlFile, "rate");
+    if (!legacy) {
+        // The original writer knew no 1000/1001 rates here: 29.97 became
+        // timebase 29, ntsc FALSE. Readers know 29.97 only as 30 with ntsc.
+        Qv::FrameRate known = Qv::getEquivalentQvFrameRate(rate);
+        if (!Qv::isKnownFrameRate(known) && !(rate >= 1 && rate < 1000)) known = seqRate;
+        bool ntsc = Qv::isKnownFrameRate(known) && Qv::has1001Factor(known);
+        leaf(xmlFile, "ntsc", ntsc ? "TRUE" : "FALSE");
+        leaf(xmlFile, "timebase",
+             Qv::isKnownFrameRate(known) ? static_cast<int>(Qv::getTicksPerSecond(known))
+                                         : static_cast<int>(std::lround(rate)));
+        return;
+    }
     leaf(xmlFile, "ntsc", "FALSE");
     leaf(xmlFile, "timebase", truncateToInt32(rate));
 }
@@ -66,7 +80,13 @@ void FCP5XMLWriter::printTimecodeElement(const EditLabel* label, bool withReel,
     if (!label || !label->is_valid()) return;
     xmlElement tc(xmlFile, "timecode");
     Qv::FrameRate labelRate = getFrameRatefromMedium(label->get_MediumRoll().medium);
-    printRateElement(static_cast<double>(Qv::getTicksPerSecond(labelRate)));
+    if (legacy) {
+        printRateElement(static_cast<double>(Qv::getTicksPerSecond(labelRate)));
+    } else {
+        // The original writer gave the timecode of 29.97 media the rate 30,
+        // ntsc FALSE, beside a drop-frame display format.
+        printRateElement(Qv::getFramesPerSecond(timecodeRate(*label)));
+    }
     leaf(xmlFile, "string", label->get_string(0));
     leaf(xmlFile, "frame", label->get_start());
     leaf(xmlFile, "source", "source");
@@ -124,8 +144,12 @@ bool FCP5XMLWriter::printFileElement(CED2* shot, bool defined, LightweightString
         }
     }
 
-    printRateElement(shot->rate);
-    int duration = celTimeToFrames(shot->get_editLength(), shot->rate);
+    // The original writer gave a file its shot's rate, cut to a whole number,
+    // whatever its timecode counts; the rate is the footage's, as the
+    // timecode's is.
+    double rate = legacy ? shot->rate : footageRate(shot);
+    printRateElement(rate);
+    int duration = celTimeToFrames(shot->get_editLength(), rate);
     leaf(xmlFile, "duration", duration);
 
     const LightweightString<char>& reel = shot->get_reelId();
@@ -163,18 +187,48 @@ int FCP5XMLWriter::cookieCelTimeToFrames(double time, Cookie cookie) {
     return celTimeToFrames(time, rec->ced2 ? rec->ced2->rate : 0.0);
 }
 
+Qv::FrameRate FCP5XMLWriter::timecodeRate(const EditLabel& label) {
+    Qv::FrameRate rate = getFrameRatefromMedium(label.get_MediumRoll().medium);
+    if (!Qv::isKnownFrameRate(rate)) rate = label.get_rate();
+    // Drop frame counts only 1000/1001 rates: a drop-frame label at 30 or 60
+    // counts 29.97 or 59.94.
+    if (label.isDropFrame() && rate == Qv::eFrameRate30) rate = Qv::eFrameRate29_97;
+    if (label.isDropFrame() && rate == Qv::eFrameRate60) rate = Qv::eFrameRate59_94;
+    return rate;
+}
+
+double FCP5XMLWriter::footageRate(const CED2* shot) const {
+    const EditLabel& label = shot->get_primaryLabel();
+    if (label.is_valid() && Qv::isKnownFrameRate(timecodeRate(label)))
+        return Qv::getFramesPerSecond(timecodeRate(label));
+    if (shot->edit && Qv::isKnownFrameRate(shot->edit->getSourceFrameRate()))
+        return Qv::getFramesPerSecond(shot->edit->getSourceFrameRate());
+    return shot->rate;
+}
+
 void FCP5XMLWriter::writeMarkers(CED2* ced2) {
+    if (ced2) writeMarkers(ced2, ced2->rate);
+}
+
+void FCP5XMLWriter::writeMarkers(CED2* ced2, double rate) {
     if (!ced2) return;
-    double rate = ced2->rate;
     for (const Ced2Cue& cue : ced2->cues) {
         xmlElement marker(xmlFile, "marker");
         leaf(xmlFile, "name", cue.name);
         leaf(xmlFile, "comment", cue.comment);
-        leaf(xmlFile, "in", celTimeToFrames(cue.in, rate));
+        int in = celTimeToFrames(cue.in, rate);
+        int out = celTimeToFrames(cue.out, rate);
+        // The original writer let a marker before the start (or a time that
+        // is no number) through as it came: no reader has a frame before 0.
+        if (!legacy) {
+            in = std::max(0, in);
+            out = std::max(in, out);
+        }
+        leaf(xmlFile, "in", in);
         if (cue.out == kCueOpenEnd)
             leaf(xmlFile, "out", "-1");
         else
-            leaf(xmlFile, "out", celTimeToFrames(cue.out, rate));
+            leaf(xmlFile, "out", out);
         LightweightString<wchar_t> colour;
         if (!pproColour::getStr(cue.colour, &colour)) colour = pproColour::getDefaultStr();
         leaf(xmlFile, "pproColor", colour);

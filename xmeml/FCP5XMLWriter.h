@@ -10,6 +10,7 @@
 #include <deque>
 #include <memory>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "export/XMLWriter.h"
 
@@ -97,7 +98,9 @@ class FCP5XMLWriter : public XMLWriter {
     bool supportsMulticlipGroup() override { return true; }
     bool writeMulticlipGroup(AlternatesList& group) override;
 
-    // `rate` with ntsc FALSE and the timebase cut to a whole number.
+    // `rate` of a clip or file at `rate` frames a second: a 1000/1001 rate
+    // as its whole-number timebase with ntsc TRUE. Under the legacy key ntsc
+    // is always FALSE and the timebase is cut to a whole number.
     void printRateElement(double rate);
     // `rate` of the sequence: its whole-number timebase, ntsc for 1001 rates.
     void printSeqRateElement();
@@ -112,7 +115,10 @@ class FCP5XMLWriter : public XMLWriter {
     // Frames at the rate of the shot that `cookie` plays; 1 for an unknown
     // shot. Drops the file marks of that shot.
     int cookieCelTimeToFrames(double time, Cookie cookie);
+    // One marker per cue, in frames of the record's own rate.
     void writeMarkers(CED2* ced2);
+    // The same counted `framesPerSecond` frames to a cel second.
+    void writeMarkers(CED2* ced2, double framesPerSecond);
 
     // One track of a sequence. False when a file element failed.
     bool printSeqTrack(CChannel* channel, CED2* seq, unsigned int& counter, EditLabel* label,
@@ -124,6 +130,40 @@ class FCP5XMLWriter : public XMLWriter {
     CED2ClipRefMap& refMap() { return map_; }
 
   private:
+    // What a material cel plays, and where its clip item lies once the
+    // material its media lacks is cut off.
+    struct ClipPlan {
+        CED2ClipRefMapRec* rec = nullptr;
+        CED2* shot = nullptr;    // the shot, sub-clip or nested sequence the cel names
+        CED2* master = nullptr;  // the shot whose file it plays; null for a nested sequence
+        LightweightString<wchar_t> cookieText, masterText;
+        double subStart = 0;   // where a sub-clip starts in its master
+        bool defined = false;  // the master's file is written already
+        bool nested = false;   // the cel plays a sequence: the clip item holds it
+        bool still = false, reverse = false;
+        double rate = 0;    // |speed|
+        double length = 0;  // of what the cel plays
+        double playLength = 0;
+        double editIn = 0, editOut = 0, offset = 0;
+        double inValue = 0, outValue = 0;
+        bool cutHead = false, cutTail = false;  // material cut off at either end
+        bool plays = true;                      // something of it is left to play
+    };
+    // The master of a material cel, through sub-clips of sub-clips; false
+    // when the cel plays nothing that can be written.
+    bool resolveClip(CED2Cell* cel, ClipPlan& plan);
+    // Places the clip item of `cel`: its head reaching back into a transition
+    // before it by `headLength`, its tail on by `tailLength`.
+    void placeClip(CED2Cell* cel, ClipPlan& plan, double headLength, double tailLength);
+    // What a transition cel finds after it: a clip that can reach back into
+    // it, black, or a clip that lacks the material.
+    int sideAfter(CED2Cell* transition);
+    // The whole `sequence` element of one edit, tracks and all.
+    bool writeOneSequence(CED2* seq, unsigned int& counter);
+    // The `sequence` element that a clip item of a nested sequence holds: in
+    // full at its first use, by its id after.
+    bool printNestedSequence(CED2* seq, unsigned int& counter);
+
     // The first children of a master clip: name, duration, rate, masterclipid
     // and ismasterclip.
     void printMasterClipHeader(const LightweightString<wchar_t>& name, double length, double rate,
@@ -131,7 +171,7 @@ class FCP5XMLWriter : public XMLWriter {
     void printSampleCharacteristics(const ShotVideoMetadata& metadata);
     void printSubclipInfo(int startOffset, int endOffset);
     void printTransition(CED2Cell* cel, CChannel* channel, bool isVideo, int number,
-                         bool afterBlack);
+                         const char* alignment);
     // The first children of a filter's effect, in their fixed order.
     void printEffectHeader(const char* name, const char* id, const char* category, const char* type,
                            const char* mediaType);
@@ -139,12 +179,25 @@ class FCP5XMLWriter : public XMLWriter {
     void printAudioLevels(CChannel* channel, CED2* seq, double editIn, double editOut,
                           double inValue, double rate);
     LightweightString<char> timecodeAt(const EditLabel* label, double t) const;
+    // A loss on `channel` at cel time `t` of the sequence being written.
+    LossRecord lossHere(const char* kind, CChannel* channel, const LightweightString<char>& tc,
+                        double t, const char* detail) const;
     // The two warning lines of material cut off at the start or end of its
     // shot: what was wrong, on which track at which timecode.
     void warnBadSegment(const char* what, const char* loss, CChannel* channel,
                         const EditLabel* label, double t);
 
+    // The rate of the file of a shot: its timecode's, else its source's.
+    double footageRate(const CED2* shot) const;
+    // The rate a timecode label counts.
+    static Qv::FrameRate timecodeRate(const EditLabel& label);
+
     CED2ClipRefMap map_;
+    // Sequences written in full inside a clip item, and those being written
+    // (against a sequence that holds itself).
+    std::unordered_set<LightweightString<wchar_t>> sequencesWritten_;
+    std::unordered_set<LightweightString<wchar_t>> sequencesOpen_;
+    LightweightString<char> sequenceName_;  // of the sequence being written
 };
 
 }  // namespace XML

@@ -133,13 +133,11 @@ std::vector<FcpxmlSource> fcpxmlSources() {
         {"convert", kExample},
         {"export", std::string(QVXML_SOURCE_DIR) + "/examples/timeline.json"},
     };
-    // Every xmeml document of the corpus that holds something to write: one
-    // holds a sequence without tracks only, and one nests sequences two deep,
-    // which the writers refuse (a sequence may reach one level of reference).
+    // Every xmeml document of the corpus that holds something to write (one
+    // holds a sequence without tracks only), nests two deep included.
     std::string corpus = std::string(QVXML_CORPUS) + "/xmeml";
     for (const std::string& name : qvtest::listDirectory(corpus))
-        if (name.ends_with(".xml") && name != "sample_just_track.xml" &&
-            name != "Multicam_Moser_1.xml")
+        if (name.ends_with(".xml") && name != "sample_just_track.xml")
             sources.push_back({"convert", corpus + "/" + name});
     return sources;
 }

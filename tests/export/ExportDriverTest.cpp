@@ -68,6 +68,7 @@ TEST_F(ExportDriver, EmptyListsAreSuccessWithNoFile) {
 }
 
 TEST_F(ExportDriver, TwoLevelsOfSubclipStopFinalCutFlavoursBeforeAnyFile) {
+    useLegacyInterchange();
     Qv::Ptr<Edit> seq = deepSequence();
     for (XMLFlavour f : {XMLFlavourFCP5, XMLFlavourFCPX}) {
         sink->lines.clear();
@@ -84,6 +85,18 @@ TEST_F(ExportDriver, TwoLevelsOfSubclipStopFinalCutFlavoursBeforeAnyFile) {
     EXPECT_EQ(native.status, 1);
     ASSERT_EQ(native.files.size(), 1u);
     EXPECT_EQ(native.files[0], dir.wpath() + L"/deep.xml");
+    EXPECT_EQ(store.opens(), store.closes());
+}
+
+TEST_F(ExportDriver, DeeperLevelsOfReferenceAreWrittenByDefault) {
+    Qv::Ptr<Edit> seq = deepSequence();
+    for (XMLFlavour f : {XMLFlavourFCP5, XMLFlavourFCPX}) {
+        ExportResult r = run(seq->cookie, f);
+        EXPECT_EQ(r.status, 1) << f;
+        ASSERT_EQ(r.files.size(), 1u);
+        EXPECT_TRUE(qvtest::exists(toUTF8(r.files[0]).str()));
+    }
+    EXPECT_FALSE(sink->contains("more than a single level"));
     EXPECT_EQ(store.opens(), store.closes());
 }
 

@@ -35,6 +35,42 @@ TEST(XmlFile, ElementsNestByScopeAndEscape) {
     EXPECT_NE(text.find("</root>"), std::string::npos);
 }
 
+TEST(XmlFile, CharactersXmlCannotCarryAreReplacedAndToldOncePerText) {
+    Qv::Ptr<CapturingLogSink> sink(new CapturingLogSink);
+    XmlFile f;
+    f.replaceUnwritableCharacters(LoggerHandle(Qv::Ptr<iLogSink>(sink)));
+    {
+        xmlElement root(f, "root", {L"name=\"a\u0007b\""});
+        // ESC, and the two non-characters XML excludes, in wide text.
+        xmlInlineElement(f, "wide", L"x\u001by\uFFFEz");
+        xmlInlineElement(f, "again", L"x\u001by\uFFFEz");
+        // Bytes that are no UTF-8: a lone continuation byte, an overlong
+        // slash, a cut-off sequence at the end. Tab, newline and return stay.
+        xmlInlineElement(f, "bytes",
+                         "a\x80"
+                         "b\xC0\xAF"
+                         "c\td\ne\rf\xE2\x82",
+                         {});
+        xmlInlineElement(f, "fine", "Sn\xC3\xB8 \xF0\x9F\x8E\xAC", {});
+    }
+    std::string text = f.text();
+    const std::string r = "\xEF\xBF\xBD";
+    EXPECT_NE(text.find("<root name=\"a" + r + "b\">"), std::string::npos) << text;
+    EXPECT_NE(text.find("<wide>x" + r + "y" + r + "z</wide>"), std::string::npos) << text;
+    EXPECT_NE(text.find("<bytes>a" + r + "b" + r + r + "c\td\ne\rf" + r + r + "</bytes>"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("<fine>Sn\xC3\xB8 \xF0\x9F\x8E\xAC</fine>"), std::string::npos);
+    ASSERT_EQ(sink->losses.size(), 3u) << "the text written twice is told once";
+    EXPECT_EQ(sink->losses[0].kind.str(), "character-replaced");
+    EXPECT_EQ(sink->losses[1].detail.str(), "x" + r + "y" + r + "z");
+
+    // Without the call, text goes out as it is.
+    XmlFile raw;
+    xmlInlineElement(raw, "wide", L"x\u001by");
+    EXPECT_NE(std::string(raw.text()).find("<wide>x\x1by</wide>"), std::string::npos);
+}
+
 TEST(XmlFile, SavingWithoutAFileDoesNothingAndNeverUnderflows) {
     XmlFile f;
     f.saveAndClose();

@@ -144,9 +144,15 @@ inline bool isRequiredRefusal(std::string complaint) {
 
 // Runs of fcpxml exports through the driver, with the lines of the run's log
 // and of the application's log kept.
+//
+// These tests are of the format as first written: they run with
+// xml_legacy_interchange at 1. FcpxmlFrames tests what is written by default.
 class FcpxmlTest : public qvtest::StoreTest {
   protected:
-    void SetUp() override { setApplicationLog(Qv::Ptr<iLogSink>(appSink)); }
+    void SetUp() override {
+        setApplicationLog(Qv::Ptr<iLogSink>(appSink));
+        useLegacyInterchange();
+    }
     void TearDown() override { setApplicationLog(Qv::Ptr<iLogSink>()); }
 
     // Exports `edit` as fcpxml; the path written, or "" when no file was made.

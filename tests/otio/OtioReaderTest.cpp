@@ -201,6 +201,50 @@ TEST_F(OtioReading, ClipsWithoutRangesAndTheSourceTrackOfFcpXml) {
     EXPECT_EQ(shot->channels.size(), 2u);
 }
 
+TEST_F(OtioReading, WhatIsPassedOverIsALossWithItsPlace) {
+    // V1: A (with an effect), a transition of another type, a generator, an
+    // empty nested stack, an image sequence and a nested stack that holds a
+    // generator; V2 (the timeline's second video track): a clip switched
+    // off. An audio transition is a cross fade whatever its type.
+    std::string generator =
+        R"({"OTIO_SCHEMA": "GeneratorReference.1", "generator_kind": "SolidColor"})";
+    std::string images = R"({"OTIO_SCHEMA": "ImageSequenceReference.1", "name": "frames"})";
+    std::string iris = R"({"OTIO_SCHEMA": "Transition.1", "transition_type": "Iris",
+                           "in_offset": )" +
+                       rt(2) + R"(, "out_offset": )" + rt(2) + "}";
+    auto stack = [&](const std::string& name, const std::string& children) {
+        return R"({"OTIO_SCHEMA": "Stack.1", "name": ")" + name + R"(", "source_range": )" +
+               range(0, 12) + R"(, "children": [)" + children + "]}";
+    };
+    std::string v1 = clip("A", 0, 24, "",
+                          R"(, "effects": [{"OTIO_SCHEMA": "Effect.1", "effect_name": "Blur"}])") +
+                     "," + iris + "," + clip("Title", 0, 24, generator) + "," + stack("Empty", "") +
+                     "," + clip("Seq", 0, 24, images) + "," +
+                     stack("Inner", track("Video", clip("Bars", 0, 12, generator)));
+    std::string doc =
+        R"({"OTIO_SCHEMA": "Timeline.1", "name": "Cut", "global_start_time": )" + rt(86400) +
+        R"(, "tracks": {"OTIO_SCHEMA": "Stack.1", "children": [)" + track("Video", v1) + "," +
+        track("Video", clip("B", 0, 12, "", R"(, "enabled": false)")) + "," +
+        track("Audio", clip("C", 0, 24) + "," + iris + "," + clip("D", 0, 24)) + "]}}";
+    XML::ImportResult r = import(doc);
+    ASSERT_EQ(r.status, 1);
+    std::vector<std::string> got;
+    for (const LossRecord& l : sink->losses)
+        got.push_back(l.kind.str() + " " + l.sequence.str() + " " + l.track.str() + " " +
+                      std::to_string(l.frame) + " " + l.timecode.str() + " " + l.detail.str());
+    // Channels in the editor's order: the top video track first.
+    std::vector<std::string> want = {
+        "disabled Cut V2 0 01:00:00:00 \"B\"",
+        "filter Cut V1 0 01:00:00:00 Blur on \"A\"",
+        "transition-as-dissolve Cut V1 24 01:00:01:00 Iris",
+        "generator Cut V1 24 01:00:01:00 SolidColor \"Title\"",
+        "nested-unplayed Cut V1 48 01:00:02:00 \"Empty\": nothing in it",
+        "image-sequence Cut V1 60 01:00:02:12 \"Seq\"",
+        "generator Cut V1 84 01:00:03:12 SolidColor \"Bars\"",
+    };
+    EXPECT_EQ(got, want);
+}
+
 TEST_F(OtioReading, MetadataOfOtherToolsIsNotKeptInMemory) {
     // A clip whose metadata is large: the model keeps the clip, not the text.
     std::string big(200000, 'x');

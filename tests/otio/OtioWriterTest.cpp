@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <cmath>
+#include <limits>
 
 #include <nlohmann/json.hpp>
 
@@ -28,6 +29,13 @@ long frames(double t, double ticks = 25) {
 class OtioWriter : public qvtest::StoreTest {
   protected:
     json write(const Qv::Ptr<Edit>& edit) { return json::parse(qvotio::otioText(edit->cookie)); }
+    // The document, with the run's warnings and losses kept.
+    std::string writeLogged(const Qv::Ptr<Edit>& edit) {
+        std::string text;
+        EXPECT_EQ(QvOtio::writeOtio(edit->cookie, QvOtio::ExportOptions(), capturingLog(), text),
+                  1);
+        return text;
+    }
 
     // The items of the document's k-th track.
     static const json& items(const json& doc, size_t k) {
@@ -404,3 +412,80 @@ TEST_F(OtioWriter, AFileThatCannotBeWrittenIsSaidSo) {
 }
 
 }  // namespace
+
+// ---- What OpenTimelineIO reads: the default, xml_legacy_interchange at 0 ----
+
+TEST_F(OtioWriter, MediaCountsItsFootagesFramesFromItsTimecode) {
+    // 29.97 footage, its timecode 02:48:45;00 drop frame, cut into a 25
+    // sequence whose own timecode is the footage's.
+    Qv::Ptr<Edit> shot = qvtest::addShot(store, L"JX4A6001.MOV", 30.0, 20, {{kChanVideo, "V1"}});
+    shot->labels.push_back(
+        editLabFrom("02:48:45;00", Qv::Image::eScanProgressive, Qv::eFrameRate29_97, true));
+    Qv::Ptr<Edit> seq = qvtest::addSequence(store, L"cut", Qv::eFrameRate25, {{kChanVideo, "V1"}});
+    seq->labels.push_back(
+        editLabFrom("01:00:00;00", Qv::Image::eScanProgressive, Qv::eFrameRate29_97, true));
+    addCel(seq, 0, playCookie(shot, 0), 0, 2, 4);
+
+    json doc = write(seq);
+    const json& range = items(doc, 0)[0]["media_references"]["DEFAULT_MEDIA"]["available_range"];
+    EXPECT_DOUBLE_EQ(range["start_time"]["rate"].get<double>(), 30000.0 / 1001);
+    // The frame that drop-frame timecode names 02:48:45;00.
+    std::int64_t frame = 0;
+    ASSERT_TRUE(timecodeToFrame("02:48:45;00", 30, true, frame));
+    EXPECT_EQ(range["start_time"]["value"].get<double>(), static_cast<double>(frame));
+    EXPECT_DOUBLE_EQ(range["duration"]["rate"].get<double>(), 30000.0 / 1001);
+    // The sequence's timecode at its own rate, as it reads.
+    EXPECT_DOUBLE_EQ(doc["global_start_time"]["rate"].get<double>(), 30000.0 / 1001);
+    EXPECT_EQ(doc["global_start_time"]["value"], 107892.0);
+
+    // Written again from what it reads, the document is the same.
+    std::string text = qvotio::otioText(seq->cookie);
+    Qv::Ptr<Edit> again = roundTrip(seq);
+    ASSERT_TRUE(again);
+    ScopedCurrentStore scope(back);
+    EXPECT_EQ(qvotio::otioText(again->cookie), text);
+}
+
+TEST_F(OtioWriter, AClipCutWhereItOverlapsTheOneBeforePlaysOnFromThere) {
+    Qv::Ptr<Edit> a = qvtest::addShot(store, L"A", 25, 30, {{kChanVideo, "V1"}});
+    Qv::Ptr<Edit> b = qvtest::addShot(store, L"B", 25, 30, {{kChanVideo, "V1"}});
+    Qv::Ptr<Edit> seq = qvtest::addSequence(store, L"cut", Qv::eFrameRate25, {{kChanVideo, "V1"}});
+    addCel(seq, 0, playCookie(a, 0), 0, 4, 0);
+    // B overlaps A by 13 frames: it starts where A ends, 13 frames further
+    // into its media than its cel's in-point.
+    addCel(seq, 0, playCookie(b, 0), 4 - 13 / 25.0, 8, 10);
+    json doc = json::parse(writeLogged(seq));
+    const json& clip = items(doc, 0)[1];
+    EXPECT_EQ(clip["source_range"]["start_time"]["value"], 250.0 + 13);
+    EXPECT_EQ(clip["source_range"]["duration"]["value"], 100.0);
+    ASSERT_EQ(sink->losses.size(), 1u);
+    EXPECT_EQ(sink->losses[0].kind.str(), "clip-shortened");
+}
+
+TEST_F(OtioWriter, NoNumberThatJsonCannotHoldReachesTheFile) {
+    Qv::Ptr<Edit> a = qvtest::addShot(store, L"A", 25, 30, {{kChanAudio, "A1"}});
+    a->length = std::numeric_limits<double>::infinity();
+    Qv::Ptr<Edit> seq = qvtest::addSequence(store, L"cut", Qv::eFrameRate25, {{kChanAudio, "A1"}});
+    addCel(seq, 0, playCookie(a, 0), 0, 4, 2);
+    // A track name of bytes that are no UTF-8.
+    seq->channels[0].name =
+        "A\xff"
+        "1";
+    seq->channels[0].hasTrackLevels = true;
+    seq->channels[0].levels = {
+        {0.5, 0.5f}, {std::numeric_limits<double>::infinity(), 1.0f}, {std::nan(""), 1.0f}};
+    std::string text = writeLogged(seq);
+    for (const char* word : {"NaN", "Infinity", "inf"})
+        EXPECT_EQ(text.find(word), std::string::npos) << word;
+    json doc = json::parse(text);  // strict JSON: throws on bytes that are no UTF-8
+    const json& range = items(doc, 0)[0]["media_references"]["DEFAULT_MEDIA"]["available_range"];
+    EXPECT_EQ(range["duration"]["value"], 150.0) << "as far as the cut plays it: 2 s + 4 s";
+    EXPECT_EQ(doc["tracks"]["children"][0]["metadata"]["qvxml"]["levels"].size(), 1u);
+    EXPECT_EQ(doc["tracks"]["children"][0]["name"],
+              "A\xEF\xBF\xBD"
+              "1");
+    std::vector<std::string> kinds;
+    for (const LossRecord& r : sink->losses)
+        kinds.push_back(r.kind.str());
+    EXPECT_EQ(kinds, (std::vector<std::string>{"length-unknown", "level-unplaced"}));
+}

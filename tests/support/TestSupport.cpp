@@ -43,6 +43,19 @@ TempDir::~TempDir() {
     if (!path_.empty()) removeTree(path_);
 }
 
+std::string withoutHeadComment(const std::string& document) {
+    std::size_t declaration = document.find("?>");
+    if (declaration == std::string::npos) return document;
+    std::size_t open = document.find("<!--", declaration);
+    std::size_t close = document.find("-->", open == std::string::npos ? 0 : open);
+    if (open == std::string::npos || close == std::string::npos ||
+        document.find_first_not_of(" \n", declaration + 2) != open)
+        return document;
+    std::size_t end = close + 3;
+    if (end < document.size() && document[end] == '\n') ++end;
+    return document.substr(0, open) + document.substr(end);
+}
+
 std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::stringstream s;

@@ -29,6 +29,9 @@ class TempDir {
 };
 
 std::string readFile(const std::string& path);
+// A document without the comment that follows its XML declaration: a golden
+// document's word on what it shows, which the writer does not write.
+std::string withoutHeadComment(const std::string& document);
 void writeFile(const std::string& path, const std::string& content);
 bool exists(const std::string& path);
 std::vector<std::string> listDirectory(const std::string& dir);
@@ -41,6 +44,9 @@ class StoreTest : public ::testing::Test {
 
     // A log that keeps its lines.
     LoggerHandle capturingLog() { return LoggerHandle(Qv::Ptr<iLogSink>(sink)); }
+    // Runs the test with xml_legacy_interchange at 1: the formats as the
+    // interchange first wrote and read them.
+    static void useLegacyInterchange() { set_config_int("xml_legacy_interchange", 1); }
 
     EditStore store;
     Qv::Ptr<CapturingLogSink> sink{new CapturingLogSink};

@@ -131,10 +131,34 @@ TEST_F(XmemlDocument, ASubclipAloneNamesItsMasterAndItsDescription) {
 }
 
 TEST_F(XmemlDocument, TheGoldenSequenceIsWrittenByteForByte) {
+    useLegacyInterchange();
     Qv::Ptr<Edit> seq = goldenSequence();
     ASSERT_TRUE(exportAndParse(seq));
     const std::string golden = QVXML_TEST_DATA "/xmeml/golden_sequence.xml";
     EXPECT_EQ(documentText, qvtest::readFile(golden));
+}
+
+// The golden sequence as Final Cut Pro 7 and Premiere read it, by default.
+// The golden document opens with a comment that says what differs; the rest
+// is the file, byte for byte.
+TEST_F(XmemlDocument, TheGoldenSequenceForEditorsIsWrittenByteForByte) {
+    Qv::Ptr<Edit> seq = goldenSequence();
+    // On V2 besides: 29.97 footage with a drop-frame timecode faded up from
+    // black and down to it, and a nested sequence used twice.
+    Qv::Ptr<Edit> ntsc =
+        addShot(store, L"Night", 30000.0 / 1001, 20, {{kChanVideo, "V1"}}, L"/media/night.mov");
+    ntsc->labels.push_back(EditLabel::fromFrame(107892, Qv::eFrameRate29_97, true,
+                                                kMediumVideoBase + Qv::eFrameRate29_97));
+    Qv::Ptr<Edit> inner = addSequence(store, L"Titles", Qv::eFrameRate25, {{kChanVideo, "V1"}});
+    addCel(inner, 0, playCookie(ntsc, 0), 0, 3, 10);
+    addCel(seq, 1, video_dissolve, 5, 6, 0);
+    addCel(seq, 1, playCookie(ntsc, 0), 6, 8, 2);
+    addCel(seq, 1, video_dissolve, 8, 9, 0);
+    addCel(seq, 1, playCookie(inner, 0), 10, 11, 0);
+    addCel(seq, 1, playCookie(inner, 0), 11, 12, 2);
+    ASSERT_TRUE(exportAndParse(seq));
+    EXPECT_EQ(documentText, qvtest::withoutHeadComment(qvtest::readFile(
+                                QVXML_TEST_DATA "/xmeml/golden_sequence_for_editors.xml")));
 }
 
 // Runs xmllint against the xmeml DTD and answers its complaints, each as

@@ -783,3 +783,35 @@ TEST_F(EditorsXmeml, ClipsMeetTheTransitionsBesideThem) {
 }
 
 }  // namespace
+
+// Final Cut Pro's version 1 writes the end of a clip that runs into a
+// transition as a frame before its start: the transition after it says where
+// it ends. Such a clip with no transition after it has no place, and says so.
+TEST_F(EditorsXmeml, AnEndBeforeTheStartRunsIntoTheTransitionAfterIt) {
+    auto clip = [](const char* id, int start, int end, const char* inside) {
+        return std::string("<clipitem id=\"") + id + "\"><name>" + id + "</name><start>" +
+               std::to_string(start) + "</start><end>" + std::to_string(end) +
+               "</end><in>17</in><out>3</out>" + inside + "</clipitem>";
+    };
+    std::string doc =
+        "<xmeml version=\"1\"><sequence><name>Cut</name><duration>300</duration>"
+        "<rate><timebase>25</timebase></rate><media><video><track>" +
+        clip("a", 20, 5,
+             "<file id=\"f\"><name>f.mov</name><rate><timebase>25</timebase></rate>"
+             "<duration>1000</duration><media><video/></media></file>") +
+        "<transitionitem><start>40</start><end>42</end><alignment>center</alignment>"
+        "<effect><effectcategory>Dissolve</effectcategory><effecttype>transition</effecttype>"
+        "</effect></transitionitem>" +
+        clip("b", -1, 80, "<file id=\"f\"/>") + clip("z", 200, 150, "<file id=\"f\"/>") +
+        "</track></video></media></sequence></xmeml>";
+    importText(doc);
+    Qv::Ptr<Edit> seq = sequence("Cut");
+    EXPECT_TRUE(shotOf(at(seq, 0, 30)));
+    EXPECT_NEAR(at(seq, 0, 30).editOut * 25, 40, 1e-6);
+    EXPECT_EQ(at(seq, 0, 41).cookie, video_dissolve);
+    EXPECT_EQ(at(seq, 0, 190).cookie, video_black);
+    int notPlaced = 0;
+    for (const LossRecord& l : sink->losses)
+        notPlaced += l.kind == "clip-not-placed" && l.frame == 200;
+    EXPECT_EQ(notPlaced, 1);
+}

@@ -51,6 +51,7 @@ class XmemlSequence : public XmemlTest {
 };
 
 TEST_F(XmemlSequence, WorkedExamplePlacesClipsAroundTheDissolve) {
+    useLegacyInterchange();
     Qv::Ptr<Edit> seq = sequence();
     Qv::Ptr<Edit> a = shot(L"A"), b = shot(L"B");
     addCel(seq, 0, playCookie(a, 0), 0, 4, 10);
@@ -81,6 +82,7 @@ TEST_F(XmemlSequence, WorkedExamplePlacesClipsAroundTheDissolve) {
 }
 
 TEST_F(XmemlSequence, TransitionsNextToTransitionsBlackAndTheEnd) {
+    useLegacyInterchange();
     Qv::Ptr<Edit> seq = sequence({{kChanVideo, "V1"}, {kChanVideo, "V2"}, {kChanVideo, "V3"}});
     Qv::Ptr<Edit> a = shot(L"A"), b = shot(L"B");
     // V1: two transitions in a row; the second goes as though black.
@@ -128,6 +130,7 @@ TEST_F(XmemlSequence, TransitionsNextToTransitionsBlackAndTheEnd) {
 }
 
 TEST_F(XmemlSequence, InsufficientHeadOrTailDropsTheTransitionWithTwoLines) {
+    useLegacyInterchange();
     Qv::Ptr<Edit> seq = sequence({{kChanVideo, "V1"}, {kChanVideo, "V2"}});
     Qv::Ptr<Edit> a = shot(L"A"), b = shot(L"B"), shortShot = shot(L"short", 4.5);
     // V1: B starts half a second into its shot; the dissolve needs a second.
@@ -168,6 +171,7 @@ TEST_F(XmemlSequence, InsufficientHeadOrTailDropsTheTransitionWithTwoLines) {
 }
 
 TEST_F(XmemlSequence, MaterialOutsideTheShotIsCutOffWithTwoLines) {
+    useLegacyInterchange();
     Qv::Ptr<Edit> seq = sequence({{kChanVideo, "V1"}, {kChanVideo, "V2"}, {kChanVideo, "V3"}});
     Qv::Ptr<Edit> a = shot(L"A", 20), fiveSeconds = shot(L"five", 5), b = shot(L"B"),
                   slow = shot(L"slow", 1.6);
@@ -442,6 +446,7 @@ TEST_F(XmemlSequence, ABadReelIdentifierFailsTheExport) {
 }
 
 TEST_F(XmemlSequence, SubclipsNameTheirMasterAndRepeatItsFile) {
+    useLegacyInterchange();
     Qv::Ptr<Edit> seq = sequence();
     Qv::Ptr<Edit> a = shot(L"A", 30);
     Qv::Ptr<Edit> sub = qvtest::addSubclip(store, L"sub", a, 4, 10);
@@ -502,3 +507,215 @@ TEST_F(XmemlSequence, ASequenceWithoutChannelsHasNoMedia) {
 }
 
 }  // namespace
+
+// ---- What other editors read: the default, xml_legacy_interchange at 0 ----
+
+// The kinds of the loss records of a run, in order.
+std::vector<std::string> lossKinds(const CapturingLogSink& sink) {
+    std::vector<std::string> kinds;
+    for (const LossRecord& r : sink.losses)
+        kinds.push_back(r.kind.str());
+    return kinds;
+}
+
+TEST_F(XmemlSequence, ClipItemsCountAtTheSequenceRateAndTransitionsAreSpeltAsEditorsSpellThem) {
+    Qv::Ptr<Edit> seq = sequence({{kChanVideo, "V1"}, {kChanVideo, "V2"}});
+    // 29.97 footage with a drop-frame timecode, cut into a 25 sequence.
+    Qv::Ptr<Edit> ntsc = addShot(store, L"ntsc", 30000.0 / 1001, 30);
+    ntsc->labels.push_back(EditLabel::fromFrame(107892, Qv::eFrameRate29_97, true,
+                                                kMediumVideoBase + Qv::eFrameRate29_97));
+    Qv::Ptr<Edit> b = shot(L"B");
+    addCel(seq, 0, playCookie(ntsc, 0), 0, 4, 10);
+    addCel(seq, 0, video_dissolve, 4, 4.4, 0);
+    addCel(seq, 0, playCookie(b, 0), 4.4, 8, 20);
+    // V2: a fade up from black and a fade down to black.
+    addCel(seq, 1, video_black, 0, 1, 0);
+    addCel(seq, 1, video_dissolve, 1, 2, 0);
+    addCel(seq, 1, playCookie(b, 0), 2, 4, 5);
+    addCel(seq, 1, video_dissolve, 4, 5, 0);
+    // A marker before the start is at the start.
+    seq->cues.push_back(Ced2Cue(L"early", L"", 0, -2.0, kChanVideo, 0, -1.0));
+
+    const XMLElement* root = exportAndParse(seq);
+    ASSERT_TRUE(root);
+    const XMLElement* early = root->FirstChildElement("sequence")->FirstChildElement("marker");
+    EXPECT_EQ(text(early, "in"), "0");
+    EXPECT_EQ(text(early, "out"), "0");
+    auto t = tracks(root, "video");
+    ASSERT_EQ(t.size(), 2u);
+    const XMLElement *v2 = t[0], *v1 = t[1];
+
+    // The worked example's places, with the sequence's rate on every clip
+    // item: readers count in and out at the clip item's rate.
+    auto items = children(v1, "clipitem");
+    EXPECT_EQ(placed(items[0]), (Placed{"250", "360", "0", "-1"}));
+    EXPECT_EQ(placed(items[1]), (Placed{"490", "590", "-1", "200"}));
+    for (const XMLElement* item : items) {
+        EXPECT_EQ(at(item, "rate/timebase"), "25");
+        EXPECT_EQ(at(item, "rate/ntsc"), "FALSE");
+    }
+    EXPECT_EQ(text(items[0], "duration"), "750") << "30 s of media in frames of the sequence";
+    EXPECT_EQ(text(v1->FirstChildElement("transitionitem"), "alignment"), "center");
+
+    // The file keeps the footage's own rate, 29.97 as 30 with ntsc, and its
+    // timecode says so beside its drop-frame display.
+    const XMLElement* file = items[0]->FirstChildElement("file");
+    EXPECT_EQ(at(file, "rate/timebase"), "30");
+    EXPECT_EQ(at(file, "rate/ntsc"), "TRUE");
+    EXPECT_EQ(text(file, "duration"), "899");
+    EXPECT_EQ(at(file, "timecode/rate/timebase"), "30");
+    EXPECT_EQ(at(file, "timecode/rate/ntsc"), "TRUE");
+    EXPECT_EQ(at(file, "timecode/displayformat"), "DF");
+    EXPECT_EQ(at(file, "timecode/string"), "01:00:00;00");
+
+    auto fades = children(v2, "transitionitem");
+    ASSERT_EQ(fades.size(), 2u);
+    EXPECT_EQ(text(fades[0], "alignment"), "start-black");
+    EXPECT_EQ(text(fades[0], "cutPointTicks"), "0") << "the cut is at the start";
+    EXPECT_EQ(text(fades[1], "alignment"), "end-black");
+    EXPECT_EQ(text(fades[1], "cutPointTicks"), "254016000000") << "the cut is at the end";
+    EXPECT_EQ(placed(v2->FirstChildElement("clipitem")), (Placed{"100", "200", "-1", "-1"}));
+    EXPECT_TRUE(lines(LogKind::Warning).empty());
+}
+
+TEST_F(XmemlSequence, ATransitionIsWrittenOnlyBesideWhatItsAlignmentNames) {
+    Qv::Ptr<Edit> seq = sequence({{kChanVideo, "V1"}, {kChanVideo, "V2"}, {kChanVideo, "V3"}});
+    Qv::Ptr<Edit> a = shot(L"A"), b = shot(L"B");
+    // V1: the incoming clip lacks the head the dissolve needs. The clip
+    // before must not be left with an open end.
+    addCel(seq, 0, playCookie(a, 0), 0, 4, 10);
+    addCel(seq, 0, video_dissolve, 4, 5, 0);
+    addCel(seq, 0, playCookie(b, 0), 5, 8, 0.5);
+    // V2: a dissolve between black and black joins nothing.
+    addCel(seq, 1, video_black, 0, 4, 0);
+    addCel(seq, 1, video_dissolve, 4, 5, 0);
+    addCel(seq, 1, video_black, 5, 8, 0);
+    // V3: a dissolve into a clip whose in-point lies past the end of its
+    // media (a Premiere slug): the clip is black, the dissolve a fade down.
+    addCel(seq, 2, playCookie(a, 0), 0, 4, 10);
+    addCel(seq, 2, video_dissolve, 4, 5, 0);
+    addCel(seq, 2, playCookie(b, 0), 5, 8, 40);
+
+    const XMLElement* root = exportAndParse(seq);
+    ASSERT_TRUE(root);
+    auto t = tracks(root, "video");
+    ASSERT_EQ(t.size(), 3u);
+    const XMLElement *v3 = t[0], *v2 = t[1], *v1 = t[2];
+
+    EXPECT_EQ(childNames(v1), (std::vector<std::string>{"clipitem", "clipitem"}));
+    auto i1 = children(v1, "clipitem");
+    EXPECT_EQ(placed(i1[0]), (Placed{"250", "350", "0", "100"}));
+    EXPECT_EQ(placed(i1[1]), (Placed{"13", "88", "125", "200"}));
+
+    EXPECT_EQ(childNames(v2), std::vector<std::string>{});
+
+    EXPECT_EQ(childNames(v3), (std::vector<std::string>{"clipitem", "transitionitem"}));
+    EXPECT_EQ(placed(v3->FirstChildElement("clipitem")).end, "-1");
+    EXPECT_EQ(text(v3->FirstChildElement("transitionitem"), "alignment"), "end-black");
+
+    EXPECT_EQ(lossKinds(*sink), (std::vector<std::string>{"clip-as-black", "transition-dropped",
+                                                          "transition-removed"}));
+    for (const LossRecord& r : sink->losses) {
+        EXPECT_EQ(r.sequence.str(), "cut");
+        EXPECT_EQ(r.frame, r.kind == "clip-as-black" ? 125 : 100) << r.kind.str();
+    }
+}
+
+TEST_F(XmemlSequence, MaterialOutsideTheShotIsCutAtTheSpeedItPlays) {
+    Qv::Ptr<Edit> seq = sequence({{kChanVideo, "V1"}, {kChanVideo, "V2"}});
+    Qv::Ptr<Edit> slow = shot(L"slow", 0.6), backwards = shot(L"backwards", 3);
+    // V1: a second before the first frame at half speed is two seconds of
+    // the sequence; the 0.6 s of media then play 1.2 s.
+    addCel(seq, 0, playCookie(slow, 0), 0, 4, -1, 0.5f);
+    // V2: backwards from 2 s of a 3 s shot for 4 s runs past its first frame
+    // after 2 s.
+    addCel(seq, 1, playCookie(backwards, 0), 0, 4, 2, -1.0f);
+
+    const XMLElement* root = exportAndParse(seq);
+    ASSERT_TRUE(root);
+    auto t = tracks(root, "video");
+    ASSERT_EQ(t.size(), 2u);
+    EXPECT_EQ(placed(t[1]->FirstChildElement("clipitem")), (Placed{"0", "60", "50", "80"}));
+    Placed reverse = placed(t[0]->FirstChildElement("clipitem"));
+    EXPECT_EQ(reverse.start, "0");
+    EXPECT_EQ(reverse.end, "50");
+    EXPECT_GE(std::stoi(reverse.in), 0);
+    EXPECT_EQ(lossKinds(*sink),
+              (std::vector<std::string>{"clip-shortened", "clip-shortened", "clip-shortened"}));
+}
+
+TEST_F(XmemlSequence, ANestedSequenceIsHeldByItsFirstClipItemAndNamedAfter) {
+    Qv::Ptr<Edit> a = shot(L"A");
+    Qv::Ptr<Edit> inner = addSequence(store, L"inner", Qv::eFrameRate25, {{kChanVideo, "V1"}});
+    // The nested sequence plays a sub-clip of a sub-clip: a third level.
+    Qv::Ptr<Edit> take = qvtest::addSubclip(store, L"take", a, 2, 10);
+    Qv::Ptr<Edit> bit = qvtest::addSubclip(store, L"bit", take, 3, 4);
+    addCel(inner, 0, playCookie(bit, 0), 0, 4, 0);
+    Qv::Ptr<Edit> seq = sequence();
+    addCel(seq, 0, playCookie(inner, 0), 0, 2, 1);
+    addCel(seq, 0, playCookie(inner, 0), 3, 4, 0);
+
+    const XMLElement* root = exportAndParse(seq);
+    ASSERT_TRUE(root);
+    auto items = children(tracks(root, "video").at(0), "clipitem");
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_EQ(placed(items[0]), (Placed{"25", "75", "0", "50"}));
+    EXPECT_EQ(text(items[0], "file"), "<none>");
+    const XMLElement* nested = items[0]->FirstChildElement("sequence");
+    ASSERT_TRUE(nested);
+    std::string id = "seq_" + inner->cookie.asString().str();
+    EXPECT_EQ(attr(nested, "id"), id);
+    EXPECT_EQ(text(nested, "name"), "inner");
+    const XMLElement* deep = nested->FirstChildElement("media")
+                                 ->FirstChildElement("video")
+                                 ->FirstChildElement("track")
+                                 ->FirstChildElement("clipitem");
+    ASSERT_TRUE(deep);
+    // The sub-clip of a sub-clip plays its shot from 2 + 3 seconds on.
+    EXPECT_EQ(at(deep, "subclipinfo/startoffset"), "125");
+    EXPECT_EQ(text(deep, "subclipmasterid"), a->cookie.asString().str());
+    EXPECT_EQ(text(deep->FirstChildElement("file"), "name"), "A");
+    // After its first use the sequence is named by its id alone.
+    const XMLElement* again = items[1]->FirstChildElement("sequence");
+    ASSERT_TRUE(again);
+    EXPECT_EQ(attr(again, "id"), id);
+    EXPECT_EQ(childNames(again), std::vector<std::string>{});
+    EXPECT_TRUE(sink->losses.empty());
+}
+
+TEST_F(XmemlSequence, ControlCharactersInNamesBecomeReplacementCharacters) {
+    Qv::Ptr<Edit> seq = sequence();
+    Qv::Ptr<Edit> a = shot(L"bell\u0007 and \u001b[31mred");
+    addCel(seq, 0, playCookie(a, 0), 0, 2, 0);
+    addCel(seq, 0, playCookie(a, 0), 2, 4, 5);
+    // exportAndParse fails the test on a document that is not well-formed.
+    const XMLElement* root = exportAndParse(seq);
+    ASSERT_TRUE(root);
+    auto items = children(tracks(root, "video").at(0), "clipitem");
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_EQ(text(items[0], "name"), "bell\uFFFD and \uFFFD[31mred");
+    // One warning for the name, however often it is written.
+    EXPECT_EQ(lossKinds(*sink), std::vector<std::string>{"character-replaced"});
+    EXPECT_EQ(lines(LogKind::Warning).size(), 2u);
+}
+
+TEST_F(XmemlSequence, CelsOfTimesThatAreNoNumberWriteNoTimeThatIsNone) {
+    Qv::Ptr<Edit> seq = sequence({{kChanVideo, "V1"}, {kChanAudio, "A1"}});
+    Qv::Ptr<Edit> a = shot(L"A");
+    const double nan = std::nan("");
+    const double inf = HUGE_VAL;
+    addCel(seq, 0, playCookie(a, 0), 0, 2, nan);
+    addCel(seq, 0, video_dissolve, 2, 3, 0);
+    addCel(seq, 0, playCookie(a, 0), 3, 4, -inf);
+    addCel(seq, 0, playCookie(a, 0), 4, 5, 1e300, -1.0f);
+    addCel(seq, 0, playCookie(a, 0), 5, inf, 1);
+    addCel(seq, 1, playCookie(a, 1), nan, 3, 0);
+    const XMLElement* root = exportAndParse(seq);
+    ASSERT_TRUE(root);
+    for (const XMLElement* item : all(root, "clipitem")) {
+        for (const char* name : {"in", "out", "duration"})
+            EXPECT_GE(std::stoll(text(item, name)), 0) << name;
+        EXPECT_GE(std::stoll(text(item, "start")), -1);
+        EXPECT_GE(std::stoll(text(item, "end")), -1);
+    }
+}
