@@ -116,6 +116,7 @@ class Builder : public nlohmann::json_sax<json> {
         if (size_t bracket = what.find("] "); what.rfind("[json", 0) == 0 && bracket != npos)
             what = what.substr(bracket + 2);
         error = "it is not valid JSON (" + what + ")";
+        syntaxError = true;
         return false;
     }
 
@@ -134,6 +135,7 @@ class Builder : public nlohmann::json_sax<json> {
     }
 
     std::string error;
+    bool syntaxError = false;
 
   private:
     static constexpr std::size_t npos = std::string::npos;
@@ -428,20 +430,22 @@ struct FileCloser {
 
 }  // namespace
 
-ParseResult parseFile(const std::string& path, Document& doc) {
+namespace {
+
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+// Parses a document into `doc`; `syntax` tells whether what failed was the
+// JSON itself.
+template <typename Input>
+ParseResult parseInput(Input& input, Document& doc, bool& syntax) {
     ParseResult result;
-    std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rb"));
-    if (!file) {
-        result.ok = false;
-        result.error = "it cannot be opened";
-        return result;
-    }
-    OtioInput input(file.get());
     Builder builder(doc);
     bool parsed = nlohmann::json::sax_parse(input.begin(), input.end(), &builder);
+    syntax = builder.syntaxError;
     if (input.readError()) {
         result.ok = false;
         result.error = "it cannot be read to its end";
+        syntax = false;
     } else if (!parsed || !builder.finish()) {
         result.ok = false;
         result.error = builder.error.empty() ? "it is not valid JSON" : builder.error;
@@ -449,24 +453,64 @@ ParseResult parseFile(const std::string& path, Document& doc) {
     return result;
 }
 
+}  // namespace
+
+// Most documents are plain JSON and are read as they stand. One whose JSON
+// fails is read again from its start with OpenTimelineIO's words for the
+// numbers that are not finite, which also tells a real fault as before.
+ParseResult parseFile(const std::string& path, Document& doc) {
+    ParseResult result;
+    File file(std::fopen(path.c_str(), "rb"));
+    bool syntax = false;
+    if (file) {
+        BlockInput input(file.get());
+        result = parseInput(input, doc, syntax);
+        if (result.ok || !syntax) return result;
+        doc = Document();
+        file.reset(std::fopen(path.c_str(), "rb"));
+    }
+    if (!file) {
+        result.ok = false;
+        result.error = "it cannot be opened";
+        return result;
+    }
+    OtioInput input(file.get());
+    return parseInput(input, doc, syntax);
+}
+
+namespace {
+
+// Text in memory as the input iterators of the parser take it.
+struct TextInput {
+    std::string_view text;
+    const char* begin() const { return text.data(); }
+    const char* end() const { return text.data() + text.size(); }
+    bool readError() const { return false; }
+};
+
+}  // namespace
+
 ParseResult parseText(std::string_view text, Document& doc) {
     ParseResult result;
+    if (text.empty()) {
+        result.ok = false;
+        result.error = "it is empty";
+        return result;
+    }
+    bool syntax = false;
+    TextInput plain{text};
+    result = parseInput(plain, doc, syntax);
+    if (result.ok || !syntax) return result;
+    doc = Document();
     // The same input path as a file, so that NaN and Inf are read alike.
-    std::unique_ptr<std::FILE, FileCloser> file(
-        ::fmemopen(const_cast<char*>(text.data()), text.size(), "rb"));
-    if (text.empty() || !file) {
+    File file(::fmemopen(const_cast<char*>(text.data()), text.size(), "rb"));
+    if (!file) {
         result.ok = false;
         result.error = "it is empty";
         return result;
     }
     OtioInput input(file.get());
-    Builder builder(doc);
-    bool parsed = nlohmann::json::sax_parse(input.begin(), input.end(), &builder);
-    if (!parsed || !builder.finish()) {
-        result.ok = false;
-        result.error = builder.error.empty() ? "it is not valid JSON" : builder.error;
-    }
-    return result;
+    return parseInput(input, doc, syntax);
 }
 
 namespace {
@@ -507,9 +551,11 @@ class SchemaProbe : public nlohmann::json_sax<json> {
         return true;
     }
     bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
+        syntaxError = true;
         return false;
     }
     bool found = false;
+    bool syntaxError = false;
 
   private:
     int depth_ = 0;
@@ -526,6 +572,14 @@ bool looksLikeOtio(const std::string& path) {
         c = std::fgetc(file.get());
     } while (c == ' ' || c == '\n' || c == '\r' || c == '\t');
     if (c != '{') return false;
+    std::rewind(file.get());
+    {
+        BlockInput input(file.get());
+        SchemaProbe probe;
+        nlohmann::json::sax_parse(input.begin(), input.end(), &probe);
+        if (probe.found || !probe.syntaxError) return probe.found;
+    }
+    // NaN or Infinity before the key, perhaps.
     std::rewind(file.get());
     OtioInput input(file.get());
     SchemaProbe probe;
