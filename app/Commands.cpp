@@ -346,7 +346,9 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
                 made.push_back(m.ptr());
             if (r.status == XML::kStatusOK) {
                 read_.push_back(readingLosses(input, listOtioClips(model), madeHere()));
-                if (madeUntrusted()) untrusted_.push_back(input);
+                // Times the document gives that no timeline can hold were
+                // told by the reader, field by field.
+                if (madeUntrusted() || !model.unusableTimes.empty()) untrusted_.push_back(input);
                 continue;
             }
             if (r.status == XML::kStatusUnreadable)

@@ -19,7 +19,8 @@ namespace {
 
 using nlohmann::json;
 
-// A snapshot is JSON whose "format" says so.
+// A snapshot is JSON whose "format" says so: most say it first, others
+// anywhere among the root's keys.
 bool isSnapshot(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     char head[512] = {};
@@ -27,7 +28,7 @@ bool isSnapshot(const std::string& path) {
     std::string text(head, static_cast<std::size_t>(in.gcount()));
     std::size_t at = text.find_first_not_of(" \t\r\n");
     return at != std::string::npos && text[at] == '{' &&
-           text.find("\"qvxml-snapshot\"") != std::string::npos;
+           (text.find("\"qvxml-snapshot\"") != std::string::npos || Snapshot::isSnapshotFile(path));
 }
 
 std::string pad(const std::string& s, std::size_t width) {
@@ -253,7 +254,8 @@ int Commands::lookAt(const std::string& input, bool lenient, DocumentInfo& d) {
 int Commands::infoDocument(const std::string& input, const Options& o, std::string& text) {
     DocumentInfo d;
     if (int code = lookAt(input, o.lenient, d)) return code;
-    text = o.json ? infoJson(d).dump(2) : infoText(d, o.listClips, o.listMedia, o.listMarkers);
+    text = o.json ? infoJson(d).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+                  : infoText(d, o.listClips, o.listMedia, o.listMarkers);
     return kExitOK;
 }
 

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <utility>
 
 #include "host/Paths.h"
 
@@ -749,6 +750,65 @@ Result loadFile(EditStore& store, const std::string& path) {
     if (!file.startsWith(L"/"))
         file = joinPath(pathFromBytes(std::filesystem::current_path().native()), file);
     return load(store, buffer.str(), pathBytes(getPath(file)));
+}
+
+namespace {
+
+// Stops at the root's "format" key once its value is read.
+class FormatProbe : public json::json_sax_t {
+  public:
+    bool null() override { return value(); }
+    bool boolean(bool) override { return value(); }
+    bool number_integer(number_integer_t) override { return value(); }
+    bool number_unsigned(number_unsigned_t) override { return value(); }
+    bool number_float(number_float_t, const string_t&) override { return value(); }
+    bool string(string_t& v) override {
+        if (atFormat_) found = v == kFormatName;
+        return value();
+    }
+    bool binary(binary_t&) override { return value(); }
+    bool start_object(std::size_t) override {
+        atFormat_ = false;
+        return ++depth_ < kMaxNesting;
+    }
+    bool end_object() override {
+        --depth_;
+        return true;
+    }
+    bool start_array(std::size_t) override {
+        atFormat_ = false;
+        // A root array is no snapshot.
+        return depth_ > 0 && ++depth_ < kMaxNesting;
+    }
+    bool end_array() override {
+        --depth_;
+        return true;
+    }
+    bool key(string_t& k) override {
+        atFormat_ = depth_ == 1 && k == "format";
+        // An OpenTimelineIO document is no snapshot: no need to read it all.
+        return !(depth_ == 1 && k == "OTIO_SCHEMA");
+    }
+    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
+        return false;
+    }
+    bool found = false;
+
+  private:
+    // False once the format's value is read: the parse ends there.
+    bool value() { return !std::exchange(atFormat_, false); }
+    int depth_ = 0;
+    bool atFormat_ = false;
+};
+
+}  // namespace
+
+bool isSnapshotFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return false;
+    FormatProbe probe;
+    json::sax_parse(in, &probe);
+    return probe.found;
 }
 
 Result saveFile(const EditStore& store, const std::string& path) {

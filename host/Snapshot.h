@@ -31,6 +31,10 @@ std::string dump(const EditStore& store);
 Result load(EditStore& store, const std::string& text, const std::string& baseDirectory);
 
 Result loadFile(EditStore& store, const std::string& path);
+// Whether a file is a snapshot: JSON whose root object's "format" is
+// "qvxml-snapshot", wherever among the root's keys it stands. Reads no
+// further than that key.
+bool isSnapshotFile(const std::string& path);
 Result saveFile(const EditStore& store, const std::string& path);
 
 }  // namespace Snapshot

@@ -221,6 +221,76 @@ void JsonWriter::value(const nlohmann::ordered_json& v) {
 
 // ---- input ----
 
+void BlockInput::fill(const char*& at, const char*& limit) {
+    std::size_t n = 0;
+    // A block of nothing but white space leaves nothing: read on.
+    while (n == 0) {
+        n = std::fread(buffer_.data(), 1, buffer_.size(), file_);
+        if (n == 0) {
+            if (std::ferror(file_)) readError_ = true;
+            at = limit = nullptr;
+            return;
+        }
+        n = squeeze(n);
+    }
+    at = buffer_.data();
+    limit = at + n;
+}
+
+namespace {
+
+bool isSpace(char c) {
+    return c == ' ' || c == '\n' || c == '\r' || c == '\t';
+}
+
+// Characters after which no token can go on: white space there separates
+// nothing.
+bool endsToken(char c) {
+    return c == '{' || c == '[' || c == ',' || c == ':' || c == '"' || c == '}' || c == ']';
+}
+
+}  // namespace
+
+std::size_t BlockInput::squeeze(std::size_t n) {
+    char* out = buffer_.data();
+    const char* in = out;
+    const char* end = in + n;
+    while (in < end) {
+        if (inString_) {
+            if (escaped_) {
+                escaped_ = false;
+                *out++ = *in++;
+                continue;
+            }
+            const char* run = in;
+            while (in < end && *in != '"' && *in != '\\')
+                ++in;
+            std::memmove(out, run, static_cast<std::size_t>(in - run));
+            out += in - run;
+            if (in == end) break;
+            if (*in == '\\') {
+                escaped_ = true;
+            } else {
+                inString_ = false;
+                last_ = '"';
+            }
+            *out++ = *in++;
+            continue;
+        }
+        char c = *in;
+        if (isSpace(c)) {
+            while (in < end && isSpace(*in))
+                ++in;
+            if (!endsToken(last_)) *out++ = last_ = ' ';
+            continue;
+        }
+        if (c == '"') inString_ = true;
+        *out++ = last_ = c;
+        ++in;
+    }
+    return static_cast<std::size_t>(out - buffer_.data());
+}
+
 OtioInput::OtioInput(std::FILE* file) : file_(file), buffer_(1 << 16) {
     advance();
 }

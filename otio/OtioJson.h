@@ -2,9 +2,11 @@
 //
 // JsonWriter streams indented JSON into a string, in the layout OpenTimelineIO
 // itself writes (four spaces, empty containers as {} and [], doubles always
-// with a decimal point or exponent). OtioInput reads a file for nlohmann's
-// parser a block at a time, and passes the values OpenTimelineIO allows beyond
-// plain JSON (NaN, Inf, Infinity, -Inf, -Infinity) on as marked strings.
+// with a decimal point or exponent). BlockInput hands a file to nlohmann's
+// parser a block at a time with nothing in between; OtioInput does the same
+// and also passes the values OpenTimelineIO allows beyond plain JSON (NaN,
+// Inf, Infinity, -Inf, -Infinity) on as marked strings, for the documents
+// that hold them.
 #pragma once
 
 #include <cstdint>
@@ -90,6 +92,67 @@ class JsonWriter {
     std::function<void(std::string&)> flush_;
     std::vector<Level> levels_;
     bool afterKey_ = false;
+};
+
+// Reads a file a block at a time, as the input iterator nlohmann's parser
+// takes: the iterator is a pointer into the block, which is refilled when the
+// pointer reaches its end, so the parser pays one comparison a byte. The
+// indentation that makes up most of a written document never reaches the
+// parser: outside strings, a run of white space is dropped after a character
+// that ends a token, and is one space elsewhere, which the parser reads alike.
+// Positions in the parser's messages are then not the file's: a document
+// whose JSON fails (NaN or Infinity outside its strings among the reasons) is
+// read again with OtioInput, which tells them right.
+class BlockInput {
+  public:
+    explicit BlockInput(std::FILE* file) : file_(file), buffer_(kBlock) {}
+
+    class iterator {
+      public:
+        using iterator_category = std::input_iterator_tag;
+        using value_type = char;
+        using difference_type = std::ptrdiff_t;
+        using pointer = const char*;
+        using reference = const char&;
+
+        iterator() = default;
+        const char& operator*() const { return *at_; }
+        iterator& operator++() {
+            if (++at_ == limit_) input_->fill(at_, limit_);
+            return *this;
+        }
+        // The end is the null pointer that an exhausted input leaves.
+        bool operator==(const iterator& o) const { return at_ == o.at_; }
+        bool operator!=(const iterator& o) const { return at_ != o.at_; }
+
+      private:
+        friend class BlockInput;
+        const char* at_ = nullptr;
+        const char* limit_ = nullptr;
+        BlockInput* input_ = nullptr;
+    };
+
+    iterator begin() {
+        iterator it;
+        it.input_ = this;
+        fill(it.at_, it.limit_);
+        return it;
+    }
+    iterator end() { return iterator(); }
+    bool readError() const { return readError_; }
+
+  private:
+    static constexpr std::size_t kBlock = 1 << 18;
+    void fill(const char*& at, const char*& limit);
+    // Drops white space from the block's first `n` bytes; answers how many
+    // are left.
+    std::size_t squeeze(std::size_t n);
+
+    std::FILE* file_;
+    std::vector<char> buffer_;
+    bool readError_ = false;
+    bool inString_ = false, escaped_ = false;
+    char last_ = ' ';  // the last byte passed on outside a string
 };
 
 // The prefix of the strings that stand for NaN and the infinities on input.

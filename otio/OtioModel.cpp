@@ -24,6 +24,10 @@ namespace {
 
 // Deeper nesting than this is taken for a hostile document.
 constexpr std::size_t kMaxDepth = 512;
+// Beyond these a time is no time of any timeline: frames past where doubles
+// count whole frames, and rates past any sampling rate.
+constexpr double kMaxFrames = 9e15;
+constexpr double kMaxRate = 1e7;
 
 const json* member(const json& object, const char* name) {
     if (!object.is_object()) return nullptr;
@@ -71,15 +75,25 @@ class Builder : public nlohmann::json_sax<json> {
 
     bool null() override { return add(json()); }
     bool boolean(bool v) override { return add(json(v)); }
-    bool number_integer(number_integer_t v) override { return add(json(v)); }
-    bool number_unsigned(number_unsigned_t v) override { return add(json(v)); }
-    bool number_float(number_float_t v, const string_t&) override { return add(json(v)); }
+    bool number_integer(number_integer_t v) override {
+        checkTime(static_cast<double>(v));
+        return add(json(v));
+    }
+    bool number_unsigned(number_unsigned_t v) override {
+        checkTime(static_cast<double>(v));
+        return add(json(v));
+    }
+    bool number_float(number_float_t v, const string_t&) override {
+        checkTime(v);
+        return add(json(v));
+    }
     bool string(string_t& v) override {
         if (!v.empty() && v[0] == kSpecialNumberMark) {
             double special = v == "\x01NaN"    ? std::numeric_limits<double>::quiet_NaN()
                              : v == "\x01Inf"  ? std::numeric_limits<double>::infinity()
                              : v == "\x01-Inf" ? -std::numeric_limits<double>::infinity()
                                                : 0.0;
+            checkTime(special);
             return add(json(special));
         }
         return add(json(std::move(v)));
@@ -116,6 +130,7 @@ class Builder : public nlohmann::json_sax<json> {
         if (size_t bracket = what.find("] "); what.rfind("[json", 0) == 0 && bracket != npos)
             what = what.substr(bracket + 2);
         error = "it is not valid JSON (" + what + ")";
+        syntaxError = true;
         return false;
     }
 
@@ -134,6 +149,7 @@ class Builder : public nlohmann::json_sax<json> {
     }
 
     std::string error;
+    bool syntaxError = false;
 
   private:
     static constexpr std::size_t npos = std::string::npos;
@@ -216,6 +232,74 @@ class Builder : public nlohmann::json_sax<json> {
         return true;
     }
 
+    // Where the value that comes next stands: keys and indexes from the root,
+    // "tracks/children/1/children/2".
+    std::string pathHere() const {
+        std::string path;
+        for (const Frame& f : stack_) {
+            if (!path.empty()) path += '/';
+            path += f.value.is_object() ? f.key : std::to_string(f.value.size());
+        }
+        return path;
+    }
+    std::string pathOf(const char* field) const {
+        std::string path = pathHere();
+        return path.empty() ? field : path + "/" + field;
+    }
+
+    // A value or rate of a time (a RationalTime of a range, an offset or a
+    // start) that no timeline can hold.
+    void checkTime(double v) {
+        if (skip_ || skipNext_ || stack_.size() < 2) return;
+        const Frame& time = stack_.back();
+        const Frame& owner = stack_[stack_.size() - 2];
+        if (time.mode != Mode::Normal || !time.value.is_object() || !owner.value.is_object())
+            return;
+        bool rate = time.key == "rate";
+        if (!rate && time.key != "value") return;
+        const std::string& role = owner.key;
+        bool duration = role == "duration";
+        if (!duration && role != "start_time" && role != "in_offset" && role != "out_offset" &&
+            role != "global_start_time")
+            return;
+        const char* why = nullptr;
+        if (std::isnan(v)) {
+            why = "is not a number";
+        } else if (std::isinf(v)) {
+            why = "is infinite";
+        } else if (rate && !(v > 0)) {
+            why = "is not a rate above 0";
+        } else if (rate ? v > kMaxRate : std::fabs(v) > kMaxFrames) {
+            why = "is out of range";
+        } else if (duration && !rate && v < 0) {
+            why = "is a negative duration";
+        }
+        if (!why) return;
+        char text[64];
+        std::snprintf(text, sizeof text, "%.17g", v);
+        doc_.unusableTimes.push_back("\"" + pathHere() + "\" " + why + " (" + text + ")");
+    }
+
+    // A field of an item or reference when it has the type wanted; another
+    // type is told with the path of the field and what is used instead. A
+    // null stands for a missing field where the schema allows it.
+    const json* typed(const json& object, const char* name, bool (json::*is)() const noexcept,
+                      const char* wanted, const char* instead, bool nullable = false) {
+        const json* v = member(object, name);
+        if (!v || (v->*is)()) return v;
+        if (nullable && v->is_null()) return nullptr;
+        doc_.wrongTypes.push_back("\"" + pathOf(name) + "\" is " + typeName(*v) + ", not " +
+                                  wanted + ": " + instead);
+        return nullptr;
+    }
+    static std::string typeName(const json& v) {
+        if (v.is_binary()) return "an object";
+        if (v.is_null()) return "null";
+        if (v.is_number()) return "a number";
+        std::string name = v.type_name();
+        return (name == "array" || name == "object" ? "an " : "a ") + name;
+    }
+
     // The item index of an object that ended, or kNone when it stays JSON.
     std::size_t compact(json& object, bool inChildren);
     std::size_t mediaOf(const json* reference, const std::string& clipName);
@@ -258,11 +342,14 @@ std::size_t Builder::compact(json& object, bool inChildren) {
         return kNone;  // a marker, effect or media reference: its owner reads it
     }
 
-    const json* name = member(object, "name");
-    if (name && name->is_string()) item.name = name->get<std::string>();
-    item.sourceRange = rangeOf(member(object, "source_range"));
-    if (const json* enabled = member(object, "enabled"); enabled && enabled->is_boolean())
+    if (const json* name = typed(object, "name", &json::is_string, "text", "read as no name"))
+        item.name = name->get<std::string>();
+    item.sourceRange = rangeOf(
+        typed(object, "source_range", &json::is_object, "a time range", "read as none", true));
+    if (const json* enabled =
+            typed(object, "enabled", &json::is_boolean, "true or false", "read as true"))
         item.enabled = enabled->get<bool>();
+    typed(object, "metadata", &json::is_object, "an object", "read as none", true);
     item.qvxml = qvxmlOf(object);
     if (const json* colour = member(object, "color"); colour && !colour->is_null())
         ++doc_.notes["colours of items"];
@@ -271,9 +358,13 @@ std::size_t Builder::compact(json& object, bool inChildren) {
         case ItemKind::Clip: {
             readEffects(object, item);
             readMarkers(object, item);
-            const json* refs = member(object, "media_references");
-            if (refs && refs->is_object()) {
-                std::string active = text(object, "active_media_reference_key");
+            const json* refs = typed(object, "media_references", &json::is_object, "an object",
+                                     "read as none", true);
+            if (refs) {
+                std::string active;
+                if (const json* key = typed(object, "active_media_reference_key", &json::is_string,
+                                            "text", "DEFAULT_MEDIA is used", true))
+                    active = key->get<std::string>();
                 if (active.empty()) active = "DEFAULT_MEDIA";
                 for (auto it = refs->begin(); it != refs->end(); ++it) {
                     if (it.key() == active)
@@ -282,7 +373,9 @@ std::size_t Builder::compact(json& object, bool inChildren) {
                         item.otherMedia.emplace_back(it.key(), mediaOf(&it.value(), item.name));
                 }
             } else {
-                item.media = mediaOf(member(object, "media_reference"), item.name);
+                item.media = mediaOf(typed(object, "media_reference", &json::is_object, "an object",
+                                           "read as none", true),
+                                     item.name);
             }
             // fcp_xml's source track, kept by the SAX pass on the way in.
             const json* metadata = member(object, "metadata");
@@ -303,13 +396,17 @@ std::size_t Builder::compact(json& object, bool inChildren) {
         case ItemKind::Transition:
             item.inOffset = rationalOf(member(object, "in_offset"));
             item.outOffset = rationalOf(member(object, "out_offset"));
-            item.transitionType = text(object, "transition_type");
+            if (const json* type = typed(object, "transition_type", &json::is_string, "text",
+                                         "read as a dissolve"))
+                item.transitionType = type->get<std::string>();
             break;
         case ItemKind::Stack:
         case ItemKind::Track:
             readEffects(object, item);
             readMarkers(object, item);
-            item.trackKind = text(object, "kind");
+            if (const json* kind =
+                    typed(object, "kind", &json::is_string, "text", "read as a track of no kind"))
+                item.trackKind = kind->get<std::string>();
             item.children = childrenOf(object, schema);
             break;
         case ItemKind::Collection:
@@ -335,22 +432,26 @@ std::size_t Builder::compact(json& object, bool inChildren) {
 
 std::vector<std::size_t> Builder::childrenOf(const json& object, const std::string& owner) {
     std::vector<std::size_t> out;
-    const json* children = member(object, "children");
-    if (!children || !children->is_array()) return out;
+    const json* children =
+        typed(object, "children", &json::is_array, "an array", "read as empty", true);
+    if (!children) return out;
     out.reserve(children->size());
-    for (const json& child : *children) {
+    for (std::size_t i = 0; i < children->size(); ++i) {
+        const json& child = (*children)[i];
         if (child.is_binary()) {
             out.push_back(static_cast<std::size_t>(child.get_binary().subtype()));
         } else {
             ++doc_.notes["children of a " + owner + " that are no OpenTimelineIO objects"];
+            doc_.passedOver.push_back(pathOf("children") + "/" + std::to_string(i));
         }
     }
     return out;
 }
 
 void Builder::readEffects(const json& object, Item& item) {
-    const json* effects = member(object, "effects");
-    if (!effects || !effects->is_array()) return;
+    const json* effects =
+        typed(object, "effects", &json::is_array, "an array", "read as none", true);
+    if (!effects) return;
     for (const json& effect : *effects) {
         std::string schema = text(effect, "OTIO_SCHEMA");
         std::string_view cls = schemaClass(schema);
@@ -368,8 +469,9 @@ void Builder::readEffects(const json& object, Item& item) {
 }
 
 void Builder::readMarkers(const json& object, Item& item) {
-    const json* markers = member(object, "markers");
-    if (!markers || !markers->is_array()) return;
+    const json* markers =
+        typed(object, "markers", &json::is_array, "an array", "read as none", true);
+    if (!markers) return;
     for (const json& m : *markers) {
         if (schemaClass(text(m, "OTIO_SCHEMA")) != "Marker") continue;
         Marker marker;
@@ -428,20 +530,22 @@ struct FileCloser {
 
 }  // namespace
 
-ParseResult parseFile(const std::string& path, Document& doc) {
+namespace {
+
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+// Parses a document into `doc`; `syntax` tells whether what failed was the
+// JSON itself.
+template <typename Input>
+ParseResult parseInput(Input& input, Document& doc, bool& syntax) {
     ParseResult result;
-    std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rb"));
-    if (!file) {
-        result.ok = false;
-        result.error = "it cannot be opened";
-        return result;
-    }
-    OtioInput input(file.get());
     Builder builder(doc);
     bool parsed = nlohmann::json::sax_parse(input.begin(), input.end(), &builder);
+    syntax = builder.syntaxError;
     if (input.readError()) {
         result.ok = false;
         result.error = "it cannot be read to its end";
+        syntax = false;
     } else if (!parsed || !builder.finish()) {
         result.ok = false;
         result.error = builder.error.empty() ? "it is not valid JSON" : builder.error;
@@ -449,24 +553,64 @@ ParseResult parseFile(const std::string& path, Document& doc) {
     return result;
 }
 
+}  // namespace
+
+// Most documents are plain JSON and are read as they stand. One whose JSON
+// fails is read again from its start with OpenTimelineIO's words for the
+// numbers that are not finite, which also tells a real fault as before.
+ParseResult parseFile(const std::string& path, Document& doc) {
+    ParseResult result;
+    File file(std::fopen(path.c_str(), "rb"));
+    bool syntax = false;
+    if (file) {
+        BlockInput input(file.get());
+        result = parseInput(input, doc, syntax);
+        if (result.ok || !syntax) return result;
+        doc = Document();
+        file.reset(std::fopen(path.c_str(), "rb"));
+    }
+    if (!file) {
+        result.ok = false;
+        result.error = "it cannot be opened";
+        return result;
+    }
+    OtioInput input(file.get());
+    return parseInput(input, doc, syntax);
+}
+
+namespace {
+
+// Text in memory as the input iterators of the parser take it.
+struct TextInput {
+    std::string_view text;
+    const char* begin() const { return text.data(); }
+    const char* end() const { return text.data() + text.size(); }
+    bool readError() const { return false; }
+};
+
+}  // namespace
+
 ParseResult parseText(std::string_view text, Document& doc) {
     ParseResult result;
+    if (text.empty()) {
+        result.ok = false;
+        result.error = "it is empty";
+        return result;
+    }
+    bool syntax = false;
+    TextInput plain{text};
+    result = parseInput(plain, doc, syntax);
+    if (result.ok || !syntax) return result;
+    doc = Document();
     // The same input path as a file, so that NaN and Inf are read alike.
-    std::unique_ptr<std::FILE, FileCloser> file(
-        ::fmemopen(const_cast<char*>(text.data()), text.size(), "rb"));
-    if (text.empty() || !file) {
+    File file(::fmemopen(const_cast<char*>(text.data()), text.size(), "rb"));
+    if (!file) {
         result.ok = false;
         result.error = "it is empty";
         return result;
     }
     OtioInput input(file.get());
-    Builder builder(doc);
-    bool parsed = nlohmann::json::sax_parse(input.begin(), input.end(), &builder);
-    if (!parsed || !builder.finish()) {
-        result.ok = false;
-        result.error = builder.error.empty() ? "it is not valid JSON" : builder.error;
-    }
-    return result;
+    return parseInput(input, doc, syntax);
 }
 
 namespace {
@@ -507,9 +651,11 @@ class SchemaProbe : public nlohmann::json_sax<json> {
         return true;
     }
     bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
+        syntaxError = true;
         return false;
     }
     bool found = false;
+    bool syntaxError = false;
 
   private:
     int depth_ = 0;
@@ -526,6 +672,14 @@ bool looksLikeOtio(const std::string& path) {
         c = std::fgetc(file.get());
     } while (c == ' ' || c == '\n' || c == '\r' || c == '\t');
     if (c != '{') return false;
+    std::rewind(file.get());
+    {
+        BlockInput input(file.get());
+        SchemaProbe probe;
+        nlohmann::json::sax_parse(input.begin(), input.end(), &probe);
+        if (probe.found || !probe.syntaxError) return probe.found;
+    }
+    // NaN or Infinity before the key, perhaps.
     std::rewind(file.get());
     OtioInput input(file.get());
     SchemaProbe probe;

@@ -94,6 +94,15 @@ struct Document {
     std::size_t root = kNone;
     // What the reading did not keep, with how often it was met.
     std::map<std::string, int> notes;
+    // Fields of another JSON type than their schema's, each a sentence that
+    // names the field's path and what was used instead.
+    std::vector<std::string> wrongTypes;
+    // Children of compositions passed over because they are no objects: the
+    // paths of the children.
+    std::vector<std::string> passedOver;
+    // Times no timeline can hold (not finite, out of range, a rate that is
+    // not positive): each a sentence that names the field's path.
+    std::vector<std::string> unusableTimes;
 };
 
 struct ParseResult {

@@ -248,6 +248,20 @@ XML::ImportResult OtioReader::importDocument(const Document& doc,
     }
     bool exact = true;
     seqFrameRate = timelineRate(doc, timelines[0], exact);
+    // Fields of the wrong type were read as the warning says; children that
+    // are no objects are passed over; times no timeline can hold make the
+    // result untrusted, which the caller tells.
+    for (const std::string& w : doc.wrongTypes)
+        logger.WarningOut("%s", w.c_str());
+    for (const std::string& p : doc.passedOver) {
+        logger.WarningOut("\"%s\" is no OpenTimelineIO object: passed over", p.c_str());
+        LossRecord r;
+        r.kind = "unknown-item";
+        r.detail = p;
+        logger.LossOut(r);
+    }
+    for (const std::string& u : doc.unusableTimes)
+        logger.WarningOut("%s", u.c_str());
     int status = build(timelines);
     XML::ImportResult result = completeImport(status, documentPath);
     if (result.status == XML::kStatusOK) fixAlternates();
