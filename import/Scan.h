@@ -190,18 +190,17 @@ inline LightweightString<char> unusableWarning(const LightweightString<char>& wh
 
 // Line numbers of a document's byte offsets, counted only when asked: a
 // document is read without them, and only a value to be reported needs one.
-// Offsets asked in document order are counted once.
+// Each question counts from the last one's offset, either way, so that the
+// passes of a reader (tracks are read last first) cost what they move.
 class LineCounter {
   public:
     explicit LineCounter(std::string_view text = {}) : text_(text) {}
     std::size_t lineOf(std::size_t offset) {
         if (offset > text_.size()) offset = text_.size();
-        if (offset < at_) {
-            at_ = 0;
-            line_ = 1;
-        }
         for (; at_ < offset; ++at_)
             if (text_[at_] == '\n') ++line_;
+        while (at_ > offset)
+            if (text_[--at_] == '\n') --line_;
         return line_;
     }
 
