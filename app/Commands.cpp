@@ -57,6 +57,13 @@ std::string quoted(const std::string& s) {
     return "\"" + s + "\"";
 }
 
+// Whether a reader recorded a time or rate it could not use: the result's
+// times cannot be trusted.
+bool readUnusable(const DocumentLosses& d) {
+    return std::any_of(d.items.begin(), d.items.end(),
+                       [](const Loss& l) { return l.kind == "unusable-value"; });
+}
+
 // Why the plug-in found no reader for a document, in the user's terms.
 std::string whyUnreadable(const std::string& input, const DocumentHead& head) {
     const std::string file = quoted(input);
@@ -365,6 +372,8 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
             // A list's events are not checked one by one: its reader
             // records what it passes over.
             read_.push_back(readingLosses(input, DocumentClips(), madeHere()));
+            if (readUnusable(read_.back()) && (untrusted_.empty() || untrusted_.back() != input))
+                untrusted_.push_back(input);
             continue;
         }
         DocumentHead head = readDocumentHead(input);
@@ -418,8 +427,9 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
                                 "(a Shot or Edit without channels, or an empty channel)");
         }
         read_.push_back(readingLosses(input, lister.take(), madeHere()));
-        // What the check of the document found untrusted, it has told.
-        if (!untrusted) untrusted = madeUntrusted();
+        // What the check of the document found untrusted, it has told; so
+        // has the reader each time it could not use.
+        if (!untrusted) untrusted = readUnusable(read_.back()) || madeUntrusted();
         if (untrusted) untrusted_.push_back(input);
     }
     return kExitOK;
@@ -702,10 +712,13 @@ int Commands::import(const Options& o) {
     std::fflush(stdout);
     // What reading each document lost: a line each that lost anything, and
     // the report. Its timecodes are the document's, good whether the times
-    // read can be trusted or not.
+    // read can be trusted or not. A document whose times cannot be trusted
+    // has one sentence, below, unless it is written all the same.
     if (o.verbosity != Verbosity::Quiet)
         for (const DocumentLosses& d : read_)
-            if (!d.items.empty()) std::fprintf(err_, "qvxml: %s\n", shown(lossSummary(d)).c_str());
+            if (!d.items.empty() && (o.lenient || std::find(untrusted_.begin(), untrusted_.end(),
+                                                            d.input) == untrusted_.end()))
+                std::fprintf(err_, "qvxml: %s\n", shown(lossSummary(d)).c_str());
     if (!o.report.empty())
         if (int failed = writeFile(o.report, lossReportText(read_, "import"), o)) return failed;
 

@@ -246,6 +246,11 @@ int Commands::lookAt(const std::string& input, bool lenient, DocumentInfo& d) {
     std::string format;
     int code = readForLooking(input, sequences, format, lenient);
     if (code != kExitOK) return code;
+    // Times that cannot be trusted are not described as if they could be.
+    if (!untrusted_.empty() && !lenient)
+        return fail(kExitUntrusted, inQuotes(input) +
+                                        " cannot be trusted: times are wrong or lost (see the "
+                                        "warnings above; --lenient reads it all the same)");
     d = describe(sequences, {}, input, format, resolutionsFrom(console_->takeInfoLines()));
     if (format != "snapshot" && !read_.empty()) d.losses = read_.back().counts();
     return kExitOK;

@@ -42,6 +42,8 @@ const KindText kKinds[] = {
     {"nested-unplayed", "nested stacks played as black or silence", true},
     {"unknown-item", "items of unknown kinds read as gaps", true},
     {"unknown-track", "tracks of unknown kinds passed over", true},
+    {"unusable-value", "times and rates that are no usable number, so times cannot be trusted"},
+    {"unreadable-value", "lengths, markers and keyframes whose numbers cannot be used"},
     // What the check of an import finds that no reader said.
     {"unaccounted", "clip items that play black or silence, and nothing says why", true},
     // What the plug-in repairs as it writes.

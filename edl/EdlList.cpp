@@ -383,8 +383,32 @@ bool Parser::event(std::string_view text, int number) {
     e.line = number;
     std::size_t n = t.size();
     Timecode* times[4] = {&e.sourceIn, &e.sourceOut, &e.recordIn, &e.recordOut};
-    for (int i = 0; i < 4; ++i)
-        if (!parseTimecode(t[n - 4 + static_cast<std::size_t>(i)], drop_, *times[i])) return false;
+    int damaged = -1, parsed = 0;
+    for (int i = 0; i < 4; ++i) {
+        std::string_view field = t[n - 4 + static_cast<std::size_t>(i)];
+        if (parseTimecode(field, drop_, *times[i]))
+            ++parsed;
+        else if (damaged < 0 && field.find_first_of(":;") != std::string_view::npos)
+            damaged = i;
+    }
+    if (parsed < 4) {
+        // The times of an event are all there, one of them damaged (a
+        // timecode with a field that is no number or past its range, or
+        // one that is no timecode beside three that are): read as another
+        // time it would move the event, so the list's times cannot be
+        // trusted. Anything else is no event that can be read.
+        if (damaged < 0 && parsed == 3)
+            for (int i = 0; i < 4 && damaged < 0; ++i)
+                if (!times[i]->valid) damaged = i;
+        if (damaged < 0 || parsed < 2) return false;
+        static const char* const kFields[4] = {"source in", "source out", "record in",
+                                               "record out"};
+        problem(number,
+                quoted(t[n - 4 + static_cast<std::size_t>(damaged)]) + ", the " + kFields[damaged] +
+                    " of event " + std::string(t[0]) + ", is no timecode; the event is left out",
+                "unusable-value");
+        return true;
+    }
 
     // The fields between the number and the timecodes, from the right: an
     // optional transition length, the transition, the channels, the reel.

@@ -689,6 +689,11 @@ std::size_t XMLParser::offset() const {
     return tagStart(index_->text, index_->elements[root_].attrBegin);
 }
 
+std::string_view XMLParser::documentText() const {
+    if (!index_ || !index_->text) return {};
+    return {index_->text, index_->size};
+}
+
 std::size_t XMLParser::offsetOf(std::string_view tag, unsigned int index) const {
     u32 number = nth(tag, index);
     if (number == kNone) return std::string::npos;

@@ -65,6 +65,9 @@ class XMLParser {
     // Where the index-th element of that name begins in the text of the first
     // parser, empty or not; npos when there is none.
     std::size_t offsetOf(std::string_view tag, unsigned int index) const;
+    // The text of the first parser, that offsets count in: for a caller that
+    // says on which line of a document an element stands.
+    std::string_view documentText() const;
     XMLParser(const XMLParser&) = delete;
     XMLParser& operator=(const XMLParser&) = delete;
 

@@ -5,6 +5,12 @@
 // and Edit; NativeReaderCore reads both, told the version by its subclass.
 #pragma once
 
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "import/Scan.h"
 #include "import/XMLReader.h"
 
 namespace XML {
@@ -15,6 +21,31 @@ class NativeReaderCore : public XMLReader {
     // zero. False, and `result` untouched, otherwise.
     static bool QvXMLRationalToDouble(XMLParser::Value& value, double& result);
 
+    // Where an element stands: the elements it lies in, each by name and
+    // index within the one before, from the document's top. Each level is
+    // read through a parser over a copy of its text, so a place in the
+    // document is found again through the document's index, and only for a
+    // value that is reported.
+    struct Spot {
+        NativeReaderCore* reader = nullptr;
+        struct Step {
+            const char* tag;
+            unsigned index;
+        };
+        Step steps[6] = {};
+        unsigned depth = 0;
+        Spot in(const char* tag, unsigned index) const {
+            Spot s = *this;
+            if (s.depth < 6) s.steps[s.depth++] = {tag, index};
+            return s;
+        }
+        bool inShot() const { return depth > 0 && std::string_view(steps[0].tag) == "Shot"; }
+        // A time or rate of `element` (or of its `attribute`) here whose text
+        // cannot be used; `places` when it places material on a timeline.
+        void unusable(const char* element, const char* attribute,
+                      const LightweightString<char>& text, Damage why, bool places) const;
+    };
+
   protected:
     NativeReaderCore(LoggerHandle log, bool version2) : XMLReader(log), version2_(version2) {}
 
@@ -22,12 +53,19 @@ class NativeReaderCore : public XMLReader {
     Qv::FrameRate getSeqFrameRate(const XMLParser& parser) override;
 
   private:
-    bool readShot(const XMLParser::Value& shot);
-    bool readEdit(const XMLParser::Value& edit);
+    bool readShot(const XMLParser::Value& shot, const Spot& at);
+    bool readEdit(const XMLParser::Value& edit, const Spot& at);
+    // A rate of the document: told unusable when its num or den is no
+    // usable number, and, where its times are counted in the host's ticks
+    // (`ticked`), when it is no rate the host has.
+    void checkRate(const XMLParser::Value& value, const Spot& at, const char* element, bool ticked);
     void readLabels(const XMLParser& parser, CED2* record);
     void dropRecord(CED2List& list, CED2* record);
 
     bool version2_;
+    const XMLParser* document_ = nullptr;  // while a document is read
+    std::set<std::pair<std::size_t, std::string>> unusableAt_;
+    LineCounter lines_;
     double documentCelRate_ = 0;  // version 1.0: the ticks of EditRes
 };
 

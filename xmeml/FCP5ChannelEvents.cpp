@@ -26,6 +26,7 @@ using fcp5read::inside;
 using fcp5read::intOf;
 using fcp5read::leaf;
 using fcp5read::present;
+using fcp5read::timeOf;
 using fcp5read::toInt;
 
 namespace {
@@ -72,7 +73,7 @@ int FCP5XMLReader::parseEventsForChannel(bool isVideo, CChannel* channel,
                                          const std::vector<XMLParser::Value>& clipItems,
                                          const std::vector<XMLParser::Value>& transItems,
                                          double seqDuration) {
-    Track track(clipItems, transItems);
+    Track track(clipItems, transItems, check());
     return walkTrack(track, isVideo, channel, seqDuration);
 }
 
@@ -80,7 +81,7 @@ int FCP5XMLReader::parseEventsForChannel(bool isVideo, CChannel* channel,
                                          std::vector<std::unique_ptr<XMLParser>> clipItems,
                                          std::vector<std::unique_ptr<XMLParser>> transItems,
                                          double seqDuration) {
-    Track track(std::move(clipItems), std::move(transItems));
+    Track track(std::move(clipItems), std::move(transItems), check());
     return walkTrack(track, isVideo, channel, seqDuration);
 }
 
@@ -123,7 +124,7 @@ void FCP5XMLReader::addTransition(Cursor& cursor, TrackItem& item, bool isVideo,
                                   CChannel* channel) {
     XMLParser& ip = *item.parser;
     int start = item.start, end = item.end;
-    int in = intOf(ip, "in", 0), out = intOf(ip, "out", 0);
+    int in = timeOf(ip, "in", 0, check()), out = timeOf(ip, "out", 0, check());
 
     // A fade to black, at the tail of a clip, leaves nothing for the next
     // clip to start in. Final Cut Pro and Premiere spell it "end-black".
@@ -201,9 +202,9 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
             return 1;
         }
     }
-    int in = intOf(ip, "in", 0), out = intOf(ip, "out", 0);
+    int in = timeOf(ip, "in", 0, check()), out = timeOf(ip, "out", 0, check());
     long long origStart = start;
-    int duration = intOf(ip, "duration", 1);
+    int duration = timeOf(ip, "duration", 1, check());
 
     // Speed and reverse play from the first Time Remap filter.
     double speed = 1.0;
@@ -383,7 +384,8 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
         for (unsigned k = 0, keyframes = filter->count("keyframe"); k < keyframes; ++k) {
             std::unique_ptr<XMLParser> keyframe = inside(*filter, "keyframe", k);
             if (!keyframe) continue;
-            long long when = truncateToInt32(doubleOf(*keyframe, "when", 0.0));
+            long long when =
+                truncateToInt32(fcp5read::fractionalTimeOf(*keyframe, "when", 0.0, check()));
             double value = doubleOf(*keyframe, "value", 1.0);
             when = std::max(when, static_cast<long long>(scaledIn));
             when = std::min(when, sourceEnd);

@@ -79,8 +79,9 @@ int FCP5XMLReader::processClipItem(bool isMasterClip, const XMLParser& clipParse
             ghostList.append(ced2);
         }
         if (std::unique_ptr<XMLParser> info = inside(itemParser, "subclipinfo")) {
-            startOffset = intOf(*info, "startoffset", 0);
-            endOffset = intOf(*info, "endoffset", 0);  // read, but a sub-clip's end is its duration
+            startOffset = fcp5read::timeOf(*info, "startoffset", 0, check());
+            endOffset = fcp5read::timeOf(*info, "endoffset", 0,
+                                         check());  // read, but a sub-clip's end is its duration
             (void)endOffset;
         }
     }
@@ -90,7 +91,7 @@ int FCP5XMLReader::processClipItem(bool isMasterClip, const XMLParser& clipParse
     if (legacy() && !reading.rate) {
         // Without a rate the original reading counts at 1.0: no rate.
         double rateValue = 1.0;
-        readRate(itemParser, rateValue);
+        readRate(itemParser, rateValue, check());
         reading.rate = Qv::getEquivalentQvFrameRate(rateValue);
     }
     Qv::FrameRate rate = reading.rate;
@@ -107,7 +108,7 @@ int FCP5XMLReader::processClipItem(bool isMasterClip, const XMLParser& clipParse
         LightweightString<char> duration = leaf(itemParser, "duration");
         if (duration.empty()) return 1;
         int frames = 0;
-        scanInt(duration, frames);
+        fcp5read::scanTime(itemParser, "duration", frames, check());
         CChannel* channel = ced2->CreateEditChannel(0, kChanVideo);
         CED2Cell* cel = new CED2Cell;
         cel->speed = 1.0f;

@@ -131,6 +131,19 @@ void FCP5XMLReader::flushPassedOver() {
     passedOver_.clear();
 }
 
+void FCP5XMLReader::unusable(const XMLParser& parser, const char* name,
+                             const LightweightString<char>& text, Damage why, bool places) {
+    // Passes read some elements more than once: each is told once.
+    std::size_t offset = parser.offsetOf(name, 0);
+    if (!unusableAt_.insert(offset).second) return;
+    if (unusableAt_.size() == 1)
+        lines_ = LineCounter(document_ ? document_->documentText() : parser.documentText());
+    LightweightString<char> what = unusableText(name, nullptr, text, lines_.lineOf(offset), why);
+    logger.WarningOut("%s", unusableWarning(what, places).c_str());
+    logger.LossOut(
+        lossAt(places ? kUnusableValueKind : kUnreadableValueKind, {}, {}, what.c_str()));
+}
+
 void FCP5XMLReader::completeFiles() {
     for (const auto& [id, facts] : fileFacts_) {
         if (!facts.lengthFromUses && !facts.audioFromUses && !facts.videoFromUses) continue;

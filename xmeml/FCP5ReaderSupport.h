@@ -54,16 +54,66 @@ inline double doubleOf(const XMLParser& parser, const char* name, double fallbac
     return value;
 }
 
+// Where the reader tells of a time or rate whose text it cannot use (see
+// Damage): the element is `name` within `parser`. `places` when the value
+// places material on a timeline (a clip's, a sequence's), not when it only
+// gives a file's own length, a marker or a keyframe.
+class ValueCheck {
+  public:
+    virtual void unusable(const XMLParser& parser, const char* name,
+                          const LightweightString<char>& text, Damage why, bool places) = 0;
+
+  protected:
+    ~ValueCheck() = default;
+};
+
+// A time of the document as scanInt reads it, told to `check` when its text
+// is none the field can use.
+inline Scanned scanTime(const XMLParser& parser, const char* name, int& value, ValueCheck* check,
+                        bool places = true) {
+    LightweightString<char> text = leaf(parser, name);
+    Scanned s = scanInt(text, value);
+    if (!s.usable() && check) check->unusable(parser, name, text, s.damage, places);
+    return s;
+}
+
+// As intOf, for a time.
+inline int timeOf(const XMLParser& parser, const char* name, int fallback, ValueCheck* check,
+                  bool places = true) {
+    int value = fallback;
+    scanTime(parser, name, value, check, places);
+    return value;
+}
+
+// As doubleOf, for the time of a keyframe, in frames that may have a
+// fraction: a 32-bit frame count bounds it.
+inline double fractionalTimeOf(const XMLParser& parser, const char* name, double fallback,
+                               ValueCheck* check) {
+    double value = fallback;
+    LightweightString<char> text = leaf(parser, name);
+    Scanned s = scanDouble(text, value, static_cast<double>(INT_MAX));
+    if (!s.usable() && check) check->unusable(parser, name, text, s.damage, false);
+    return value;
+}
+
+// The timebase of a rate as scanInt reads it, told to `check` when it is no
+// count of frames a second: at least one (sound's rates count samples, 48000).
+inline void scanTimebase(const XMLParser& rate, const LightweightString<char>& timebase, int& value,
+                         ValueCheck* check) {
+    Scanned s = scanInt(timebase, value, 1);
+    if (!s.usable() && check) check->unusable(rate, "timebase", timebase, s.damage, true);
+}
+
 // The frames per second of the first `rate` element: its `timebase`, divided
 // by 1.001 when `ntsc` is "TRUE". False when there is no rate or no timebase,
 // and `value` is left alone.
-inline bool readRate(const XMLParser& parser, double& value) {
+inline bool readRate(const XMLParser& parser, double& value, ValueCheck* check = nullptr) {
     std::unique_ptr<XMLParser> rate = inside(parser, "rate");
     if (!rate) return false;
     LightweightString<char> timebase = leaf(*rate, "timebase");
     if (timebase.empty()) return false;
     int frames = 0;
-    scanInt(timebase, frames);
+    scanTimebase(*rate, timebase, frames, check);
     value = static_cast<double>(frames);
     if (leaf(*rate, "ntsc") == "TRUE") value /= 1.001;
     return true;
@@ -79,14 +129,14 @@ struct DocRate {
 };
 
 // The first `rate` element, read as readRate reads it.
-inline DocRate docRateOf(const XMLParser& parser) {
+inline DocRate docRateOf(const XMLParser& parser, ValueCheck* check = nullptr) {
     DocRate r;
     std::unique_ptr<XMLParser> rate = inside(parser, "rate");
     if (!rate) return r;
     LightweightString<char> timebase = leaf(*rate, "timebase");
     if (timebase.empty()) return r;
     r.present = true;
-    scanInt(timebase, r.timebase);
+    scanTimebase(*rate, timebase, r.timebase, check);
     r.ntsc = leaf(*rate, "ntsc") == "TRUE";
     r.fps = static_cast<double>(r.timebase);
     if (r.ntsc) r.fps /= 1.001;

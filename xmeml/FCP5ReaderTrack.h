@@ -60,40 +60,43 @@ struct FCP5XMLReader::Track {
     std::size_t leaves = 1;
 
     Track(const std::vector<XMLParser::Value>& clipItems,
-          const std::vector<XMLParser::Value>& transItems) {
-        fill(clips, clipItems);
-        fill(transitions, transItems);
+          const std::vector<XMLParser::Value>& transItems, fcp5read::ValueCheck* check = nullptr) {
+        fill(clips, clipItems, check);
+        fill(transitions, transItems, check);
         index();
     }
     Track(std::vector<std::unique_ptr<XMLParser>> clipItems,
-          std::vector<std::unique_ptr<XMLParser>> transItems) {
-        fill(clips, std::move(clipItems));
-        fill(transitions, std::move(transItems));
+          std::vector<std::unique_ptr<XMLParser>> transItems,
+          fcp5read::ValueCheck* check = nullptr) {
+        fill(clips, std::move(clipItems), check);
+        fill(transitions, std::move(transItems), check);
         index();
     }
 
-    static void positions(Item& item) {
+    static void positions(Item& item, fcp5read::ValueCheck* check) {
         item.hasText = item.parser != nullptr;
         if (!item.parser) return;
-        item.start = fcp5read::intOf(*item.parser, "start", 0);
-        item.end = fcp5read::intOf(*item.parser, "end", 0);
+        item.start = fcp5read::timeOf(*item.parser, "start", 0, check);
+        item.end = fcp5read::timeOf(*item.parser, "end", 0, check);
         item.placedStart = item.start;
         item.placedEnd = item.end;
     }
-    static void fill(std::vector<Item>& out, const std::vector<XMLParser::Value>& values) {
+    static void fill(std::vector<Item>& out, const std::vector<XMLParser::Value>& values,
+                     fcp5read::ValueCheck* check) {
         out.resize(values.size());
         for (std::size_t i = 0; i < values.size(); ++i) {
             out[i].value = &values[i];
             if (!values[i].text.empty())
                 out[i].parser = std::make_unique<XMLParser>(values[i].text.c_str(), -1);
-            positions(out[i]);
+            positions(out[i], check);
         }
     }
-    static void fill(std::vector<Item>& out, std::vector<std::unique_ptr<XMLParser>> parsers) {
+    static void fill(std::vector<Item>& out, std::vector<std::unique_ptr<XMLParser>> parsers,
+                     fcp5read::ValueCheck* check) {
         out.resize(parsers.size());
         for (std::size_t i = 0; i < parsers.size(); ++i) {
             out[i].parser = std::move(parsers[i]);
-            positions(out[i]);
+            positions(out[i], check);
         }
     }
 

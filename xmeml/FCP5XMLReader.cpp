@@ -58,26 +58,28 @@ FCP5XMLReader::RateReading FCP5XMLReader::readingOf(const fcp5read::DocRate& r) 
 
 FCP5XMLReader::RateReading FCP5XMLReader::readingOf(const XMLParser& parser,
                                                     const RateReading& fallback) {
-    RateReading reading = readingOf(fcp5read::docRateOf(parser));
+    RateReading reading = readingOf(fcp5read::docRateOf(parser, check()));
     // Without a rate of its own an element counts in the document's.
     if (!legacy() && !(reading.ticks > 0)) return fallback;
     return reading;
 }
 
 Qv::FrameRate FCP5XMLReader::getSeqFrameRate(const XMLParser& parser) {
-    return documentReading(parser).rate;
+    Qv::FrameRate rate = documentReading(parser).rate;
+    // A rate read past a damaged timebase is none the document gives.
+    return unusableAt_.empty() ? rate : Qv::eFrameRateNone;
 }
 
 FCP5XMLReader::RateReading FCP5XMLReader::documentReading(const XMLParser& parser) {
     fcp5read::DocRate rate;
     if (std::unique_ptr<XMLParser> sequence = parser.section("sequence", 0)) {
-        rate = fcp5read::docRateOf(*sequence);
+        rate = fcp5read::docRateOf(*sequence, check());
     } else {
         // A document of clips alone: the first clip of the project stands for it.
         std::unique_ptr<XMLParser> project = parser.section("project", 0);
         std::unique_ptr<XMLParser> children = project ? project->section("children", 0) : nullptr;
         std::unique_ptr<XMLParser> clip = children ? children->section("clip", 0) : nullptr;
-        if (clip) rate = fcp5read::docRateOf(*clip);
+        if (clip) rate = fcp5read::docRateOf(*clip, check());
     }
     RateReading reading = readingOf(rate);
     // A document that states no usable rate is read at 25 rather than at
@@ -182,7 +184,8 @@ void FCP5XMLReader::readFile(const XMLParser& fp) {
     // titles: by default such a file is as long as its uses need.
     LightweightString<char> durationText = leaf(fp, "duration");
     int durationFrames = 0;
-    bool usable = scanInt(durationText, durationFrames) && durationFrames > 0;
+    bool usable =
+        fcp5read::scanTime(fp, "duration", durationFrames, check(), false) && durationFrames > 0;
     FileFacts facts;
     if (durationText.empty()) {
         if (legacy()) {
@@ -204,7 +207,7 @@ void FCP5XMLReader::readFile(const XMLParser& fp) {
     bool byTracks = false;
     auto channelsOf = [&byTracks](const XMLParser& audio, int& count) {
         if (scanInt(leaf(audio, "channelcount"), count)) return true;
-        byTracks = scanInt(leaf(audio, "trackcount"), count);
+        byTracks = static_cast<bool>(scanInt(leaf(audio, "trackcount"), count));
         return byTracks;
     };
     if (legacy()) {
@@ -253,7 +256,7 @@ void FCP5XMLReader::readFile(const XMLParser& fp) {
         if (legacy()) {
             // Without a rate the original reading counts at 1.0: no rate.
             double value = 1.0;
-            readRate(tp, value);
+            readRate(tp, value, check());
             reading.rate = Qv::getEquivalentQvFrameRate(value);
             reading.fps = Qv::getFramesPerSecond(reading.rate);
         }
@@ -381,7 +384,7 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
     long long statedTicks = -1;
     if (LightweightString<char> d = leaf(sp, "duration"); !d.empty()) {
         int frames = 0;
-        scanInt(d, frames);
+        fcp5read::scanTime(sp, "duration", frames, check());
         rec->duration = frames * secondsPerTick;
         seqDuration = rec->duration;
         statedTicks = frames;
@@ -462,7 +465,7 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
             std::vector<std::size_t> transitionOrder;
             for (const std::unique_ptr<XMLParser>& t : transitions)
                 transitionOrder.push_back(t ? t->offset() : 0);
-            auto t = std::make_unique<Track>(std::move(clipItems), std::move(transitions));
+            auto t = std::make_unique<Track>(std::move(clipItems), std::move(transitions), check());
             for (std::size_t i = 0; i < generator.size(); ++i) {
                 t->clips[i].generator = generator[i];
                 t->clips[i].order = order[i];
@@ -482,7 +485,8 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
             for (const std::unique_ptr<XMLParser>& g : t->generators) {
                 const XMLParser& gp = g ? *g : emptyParser();
                 contentTicks = std::max<long long>(
-                    contentTicks, std::max(intOf(gp, "start", 0), intOf(gp, "end", 0)));
+                    contentTicks, std::max(fcp5read::timeOf(gp, "start", 0, check()),
+                                           fcp5read::timeOf(gp, "end", 0, check())));
             }
             tracks.push_back({std::move(t), isVideo, number});
         };
@@ -578,11 +582,11 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
 void FCP5XMLReader::readMarker(const XMLParser& mp, CED2* rec) {
     LightweightString<wchar_t> name = fromUTF8(leaf(mp, "name"));
     LightweightString<wchar_t> comment = fromUTF8(leaf(mp, "comment"));
-    double in = intOf(mp, "in", 0) * secondsPerTick;
+    double in = fcp5read::timeOf(mp, "in", 0, check(), false) * secondsPerTick;
     double out = -1.0;
     if (LightweightString<char> text = leaf(mp, "out"); !text.empty()) {
         int frames = 0;
-        scanInt(text, frames);
+        fcp5read::scanTime(mp, "out", frames, check(), false);
         if (frames != -1) out = frames * secondsPerTick;
     }
     unsigned colour = static_cast<unsigned>(intOf(mp, "red", 0) & 0xFF) << 16 |
@@ -597,14 +601,14 @@ int FCP5XMLReader::processTimecode(CED2* rec, const XMLParser& parser, double du
     if (std::unique_ptr<XMLParser> reel = inside(parser, "reel"))
         if (LightweightString<char> name = leaf(*reel, "name"); !name.empty()) rec->reelId = name;
     bool dropFrame = leaf(parser, "displayformat") == "DF";
-    fcp5read::DocRate docRate = fcp5read::docRateOf(parser);
+    fcp5read::DocRate docRate = fcp5read::docRateOf(parser, check());
     if (!docRate.present) return 1;
     Qv::FrameRate rate = readingOf(docRate).rate;
 
     // A frame number wins over the timecode text.
     if (LightweightString<char> frame = leaf(parser, "frame"); !frame.empty()) {
         int number = 0;
-        scanInt(frame, number);
+        fcp5read::scanTime(parser, "frame", number, check());
         rec->primaryLabel = editLabFrom(number, Qv::Image::eScanProgressive, rate, dropFrame);
         rec->primaryLabelSet = true;
     } else if (LightweightString<char> text = leaf(parser, "string"); !text.empty()) {
@@ -625,14 +629,14 @@ int FCP5XMLReader::processSequenceTimecode(CED2* rec, const XMLParser& parser,
     if (std::unique_ptr<XMLParser> reel = inside(parser, "reel"))
         if (LightweightString<char> name = leaf(*reel, "name"); !name.empty()) rec->reelId = name;
     bool dropFrame = leaf(parser, "displayformat") == "DF";
-    fcp5read::DocRate docRate = fcp5read::docRateOf(parser);
+    fcp5read::DocRate docRate = fcp5read::docRateOf(parser, check());
     if (!docRate.present) return 1;
     Qv::FrameRate rate = readingOf(docRate).rate;
 
     EditLabel label;
     if (LightweightString<char> frame = leaf(parser, "frame"); !frame.empty()) {
         int number = 0;
-        scanInt(frame, number);
+        fcp5read::scanTime(parser, "frame", number, check());
         label = editLabFrom(number, Qv::Image::eScanProgressive, rate, dropFrame);
     } else if (LightweightString<char> text = leaf(parser, "string"); !text.empty()) {
         label = editLabFrom(text.c_str(), Qv::Image::eScanProgressive, rate, dropFrame);

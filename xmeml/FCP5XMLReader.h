@@ -26,7 +26,7 @@
 
 namespace XML {
 
-class FCP5XMLReader : public XMLReader {
+class FCP5XMLReader : public XMLReader, private fcp5read::ValueCheck {
   public:
     explicit FCP5XMLReader(LoggerHandle log) : XMLReader(log) {}
 
@@ -171,6 +171,11 @@ class FCP5XMLReader : public XMLReader {
     void reportItem(const XMLParser& item, long long frame, const LightweightString<char>& name,
                     const LightweightString<char>& id);
     void flushPassedOver();
+    // A time or rate whose text cannot be used: a warning with the element
+    // and its line, and a loss record, once for each element.
+    void unusable(const XMLParser& parser, const char* name, const LightweightString<char>& text,
+                  Damage why, bool places) override;
+    fcp5read::ValueCheck* check() { return this; }
     void completeFiles();
     void checkNesting();
     void checkReferences();
@@ -200,6 +205,8 @@ class FCP5XMLReader : public XMLReader {
     std::vector<PendingBare> pendingBare_;
     std::vector<NestedUse> nestedUses_;
     std::map<std::string, int> passedOver_;
+    std::set<std::size_t> unusableAt_;  // offsets of the values told unusable
+    LineCounter lines_;
 };
 
 }  // namespace XML

@@ -156,13 +156,49 @@ TEST(EdlList, WhatCannotBeReadIsSaidAndLeftOut) {
     ASSERT_EQ(list.events.size(), 2u);
     EXPECT_EQ(list.events[0].number, "004");
     EXPECT_FALSE(list.events[0].split);
-    EXPECT_TRUE(hasProblem(list, 2, "unreadable-event"));  // 61 seconds
+    EXPECT_TRUE(hasProblem(list, 2, "unusable-value"));    // 61 seconds
     EXPECT_TRUE(hasProblem(list, 3, "unreadable-event"));  // no channel Q
     EXPECT_TRUE(hasProblem(list, 4, "unreadable-event"));  // two timecodes
     EXPECT_TRUE(hasProblem(list, 5));                      // a speed with no event
     EXPECT_TRUE(hasProblem(list, 7, "unreadable-speed"));
     EXPECT_TRUE(hasProblem(list, 8, "split-edit"));
     EXPECT_TRUE(list.events[1].split);
+}
+
+// A timecode of an event that is damaged would place the event elsewhere:
+// it is told as a time that cannot be used, on its line, and the event is
+// left out. A line that has no four times is no event at all.
+TEST(EdlList, DamagedTimecodesAreTimesThatCannotBeUsed) {
+    const std::string good = "01:00:00:00 01:00:08:00 01:00:00:00 01:00:08:00";
+    struct Case {
+        const char* label;
+        std::string times;
+        const char* kind;
+    };
+    for (const Case& c :
+         {Case{"NaN frames", "01:00:00:00 01:00:08:00 01:00:00:NaN 01:00:08:00", "unusable-value"},
+          {"hexadecimal", "01:00:00:00 0x:00:08:00 01:00:00:00 01:00:08:00", "unusable-value"},
+          {"exponent", "1e300:00:00:00 01:00:08:00 01:00:00:00 01:00:08:00", "unusable-value"},
+          {"four digits", "01:00:00:00 01:00:08:00 01:00:00:00 0100:08:00", "unusable-value"},
+          {"a word for a time", "01:00:00:00 01:00:08:00 Infinity 01:00:08:00", "unusable-value"},
+          {"two times", "01:00:00:00 01:00:08:00", "unreadable-event"},
+          {"no times", "abc def ghi jkl", "unreadable-event"}}) {
+        List list = parseList(
+            "TITLE: damaged\nFCM: NON-DROP FRAME\n"
+            "001  A  V  C  " +
+            good +
+            "\n"
+            "002  B  V  C  " +
+            c.times + "\n");
+        ASSERT_EQ(list.events.size(), 1u) << c.label;
+        EXPECT_EQ(list.events[0].number, "001") << c.label;
+        ASSERT_EQ(list.problems.size(), 1u) << c.label;
+        EXPECT_EQ(list.problems[0].line, 4) << c.label;
+        EXPECT_EQ(list.problems[0].kind, c.kind) << c.label;
+        if (std::string(c.kind) == "unusable-value")
+            EXPECT_NE(list.problems[0].what.find("of event 002, is no timecode"), std::string::npos)
+                << list.problems[0].what;
+    }
 }
 
 TEST(EdlList, LatinOneIsReadWhenTheTextIsNotUtf8) {

@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <string>
+#include <vector>
+
 #include "native/QVXMLReader.h"
 #include "tests/support/TestSupport.h"
 
@@ -200,6 +204,132 @@ TEST_F(NativeReaderTest, Version2RatesPerRecord) {
                      edit(chan("Video", event(0, 1, 0)), "<Rate num=\"25\" den=\"1\"/>")),
               1);
     EXPECT_EQ(rate_, Qv::eFrameRate25);
+}
+
+// A time or rate that is no usable number is a record and a warning that
+// name the element (or attribute) and its line. An Edit's times and rate
+// place its material, so its result cannot be trusted; a shot's do not.
+TEST_F(NativeReaderTest, DamagedTimesAndRatesAreToldWithTheirLine) {
+    const std::string rate = "<Rate num=\"250000\" den=\"10000\"/>";
+    // A shot, an empty Edit and an Edit whose second channel's second event
+    // is the one looked at: each on lines of its own.
+    const std::string body =
+        "\n" + shot(chan("Video", "\n" + event(0, 25, 0)), rate) + "\n<Edit></Edit>\n" +
+        edit(chan("Video", "\n" + event(0, 10, 0), "v") + "\n" +
+                 chan("Audio", "\n" + event(0, 10, 0) + "\n" + event(10, 20, 5) + "\n", "a"),
+             "\n<Duration>20</Duration>\n" + rate) +
+        "\n";
+    struct Found {
+        std::vector<LossRecord> placing, aside;
+    };
+    auto records = [&] {
+        Found f;
+        for (const LossRecord& l : sink->losses) {
+            if (l.kind == "unusable-value") f.placing.push_back(l);
+            if (l.kind == "unreadable-value") f.aside.push_back(l);
+        }
+        return f;
+    };
+    // The document with the text of the last `element` before `before`
+    // (or the last of all) replaced; `line` where it stands.
+    auto damaged = [&](std::string doc, const std::string& from, const std::string& to,
+                       std::size_t& line, bool last = true) {
+        std::size_t at = last ? doc.rfind(from) : doc.find(from);
+        line = 1 + static_cast<std::size_t>(std::count(doc.begin(), doc.begin() + at, '\n'));
+        return doc.replace(at, from.size(), to);
+    };
+    for (const char* value : {"NaN", "Infinity", "1e300", "abc", "0x10"}) {
+        for (const char* element : {"EditIn", "EditOut", "Offset"}) {
+            sink->losses.clear();
+            std::size_t line = 0;
+            std::string open = std::string("<") + element + ">";
+            std::string from = open +
+                               (std::string(element) == "Offset"   ? "5"
+                                : std::string(element) == "EditIn" ? "10"
+                                                                   : "20") +
+                               "<";
+            ASSERT_EQ(parse2(damaged(body, from, open + value + "<", line)), 1);
+            Found f = records();
+            ASSERT_EQ(f.placing.size(), 1u) << element << " " << value;
+            EXPECT_EQ(f.placing[0].detail.str().rfind(
+                          open + " \"" + value + "\" on line " + std::to_string(line) + " is ", 0),
+                      0u)
+                << f.placing[0].detail.str();
+            EXPECT_TRUE(f.aside.empty());
+        }
+        // A shot's time, and an Edit's Duration, which only places its
+        // level keyframes.
+        for (const char* from : {"<EditOut>25<", "<Duration>20<"}) {
+            sink->losses.clear();
+            std::size_t line = 0;
+            std::string open = std::string(from).substr(0, std::string(from).find('>') + 1);
+            ASSERT_EQ(parse2(damaged(body, from, open + value + "<", line, false)), 1);
+            Found f = records();
+            EXPECT_TRUE(f.placing.empty()) << from << value;
+            ASSERT_EQ(f.aside.size(), 1u) << from << value;
+            EXPECT_NE(f.aside[0].detail.str().find("on line " + std::to_string(line) + " "),
+                      std::string::npos)
+                << f.aside[0].detail.str();
+        }
+    }
+
+    // Rates: an Edit's of no known rate (its times would count in another
+    // rate's ticks), one of 0, one that is no number.
+    struct RateCase {
+        const char* to;
+        const char* said;
+    };
+    for (const RateCase& c :
+         {RateCase{"<Rate num=\"123456\" den=\"10000\"/>",
+                   "<Rate> \"123456/10000\" on line 7 is no frame rate Quvera knows"},
+          {"<Rate num=\"0\" den=\"1\"/>", "num of <Rate> \"0\" on line 7 is out of range"},
+          {"<Rate num=\"25\" den=\"0x1\"/>", "den of <Rate> \"0x1\" on line 7 is a hexadecimal"},
+          {"<Rate num=\"NaN\" den=\"1\"/>", "num of <Rate> \"NaN\" on line 7 is not a finite"}}) {
+        sink->losses.clear();
+        std::size_t line = 0;
+        ASSERT_EQ(parse2(damaged(body, rate, c.to, line)), 1);
+        EXPECT_EQ(line, 7u);
+        Found f = records();
+        ASSERT_EQ(f.placing.size(), 1u) << c.to;
+        EXPECT_EQ(f.placing[0].detail.str().rfind(c.said, 0), 0u) << f.placing[0].detail.str();
+        EXPECT_EQ(rate_, Qv::eFrameRateNone) << "a damaged rate is none";
+    }
+    // A shot's rate divides its frame counts itself: an unknown one is no
+    // harm, one that is no number is told.
+    sink->losses.clear();
+    std::size_t line = 0;
+    ASSERT_EQ(parse2(damaged(body, rate, "<Rate num=\"123456\" den=\"10000\"/>", line, false)), 1);
+    EXPECT_TRUE(records().placing.empty());
+    EXPECT_TRUE(records().aside.empty());
+    ASSERT_EQ(parse2(damaged(body, rate, "<Rate num=\"abc\" den=\"1\"/>", line, false)), 1);
+    EXPECT_TRUE(records().placing.empty());
+    EXPECT_EQ(records().aside.size(), 1u);
+
+    // Version 1.0: EditRes of no known rate, and its frame counts.
+    sink->losses.clear();
+    ASSERT_EQ(
+        parse<QVXMLReader>("<QVXML Version=\"1.0\">\n<EditRes num=\"123456\" den=\"10000\"/>\n" +
+                           edit(chan("Video", event(0, 10, 0))) + "</QVXML>"),
+        1);
+    ASSERT_EQ(records().placing.size(), 1u);
+    EXPECT_EQ(records().placing[0].detail.str(),
+              "<EditRes> \"123456/10000\" on line 2 is no frame rate Quvera knows");
+    sink->losses.clear();
+    ASSERT_EQ(parse1("\n" + edit(chan("Video",
+                                      "\n<CelEvent><EditIn>0x10</EditIn><EditOut>1</EditOut>"
+                                      "<Offset>0</Offset></CelEvent>"))),
+              1);
+    ASSERT_EQ(records().placing.size(), 1u);
+    EXPECT_EQ(
+        records().placing[0].detail.str().rfind("<EditIn> \"0x10\" on line 3 is a hexadecimal", 0),
+        0u)
+        << records().placing[0].detail.str();
+
+    // What documents write reads without a word.
+    sink->losses.clear();
+    ASSERT_EQ(parse2(body), 1);
+    ASSERT_EQ(parse1(edit(chan("Video", event(0, 25, 0)))), 1);
+    EXPECT_TRUE(sink->losses.empty());
 }
 
 TEST_F(NativeReaderTest, LabelsAreBoundedAtTen) {

@@ -4,6 +4,7 @@
 // where.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -156,6 +157,71 @@ TEST_F(ReaderLosses, TheOriginalReadingReportsWhatItDoesNotRead) {
     EXPECT_EQ(bare[0].track.str(), "V2");
     EXPECT_EQ(bare[0].detail.str(), "clip item clipitem-1");
     expectOne("cut-off", "A1", 200, "01:00:08:00", "\"past\" (clipitem-2)");
+}
+
+// A time or rate that is no usable number is a record and a warning that
+// name its element and the line it stands on; a time that places material
+// makes the result untrusted, a file's own length or a marker does not.
+TEST_F(ReaderLosses, TimesThatAreNoNumbersAreToldWithTheirElementAndLine) {
+    // Each item on a line of its own, so that a wrong line shows.
+    const std::string withDuration = "<duration>1000</duration><file id=\"two\"/>";
+    std::string doc = cut("\n" + item("clipitem-1", "one", 0, 50, std::string(kTwo)) + "\n" +
+                              item("clipitem-2", "two", 50, 100, withDuration) + "\n",
+                          "", "");
+    doc.insert(doc.find("</sequence>"),
+               "\n<marker><name>m</name><in>10</in><out>-1</out></marker>\n");
+    // The text of the first `element` after `after`, replaced.
+    auto damaged = [&](const std::string& element, const std::string& after,
+                       const std::string& value, std::size_t& line) {
+        std::string open = "<" + element + ">";
+        std::size_t at = doc.find(open, doc.find(after));
+        std::size_t close = doc.find("</" + element + ">", at);
+        line = 1 + static_cast<std::size_t>(std::count(doc.begin(), doc.begin() + at, '\n'));
+        return doc.substr(0, at + open.size()) + value + doc.substr(close);
+    };
+    struct Case {
+        const char* element;
+        const char* after;
+        const char* kind;
+    };
+    for (const Case& c : {Case{"start", "clipitem-2", "unusable-value"},
+                          {"end", "clipitem-2", "unusable-value"},
+                          {"in", "clipitem-2", "unusable-value"},
+                          {"out", "clipitem-2", "unusable-value"},
+                          {"duration", "clipitem-2", "unusable-value"},
+                          {"timebase", "<timecode>", "unusable-value"},
+                          {"duration", "two.mov", "unreadable-value"},
+                          {"in", "<marker>", "unreadable-value"}})
+        for (const char* value : {"NaN", "Infinity", "1e300", "abc", "0x10"}) {
+            sink->losses.clear();
+            sink->lines.clear();
+            std::size_t line = 0;
+            import(damaged(c.element, c.after, value, line));
+            const std::string label = std::string(c.element) + " after " + c.after + ": " + value;
+            std::vector<LossRecord> found = of(c.kind);
+            ASSERT_EQ(found.size(), 1u) << label;
+            const std::string said = "<" + std::string(c.element) + "> \"" + value + "\" on line " +
+                                     std::to_string(line) + " is ";
+            EXPECT_EQ(found[0].detail.str().rfind(said, 0), 0u) << label << found[0].detail.str();
+            EXPECT_TRUE(sink->contains(said.c_str())) << label << ": no warning";
+            EXPECT_TRUE(
+                of(std::string(c.kind) == "unusable-value" ? "unreadable-value" : "unusable-value")
+                    .empty())
+                << label;
+        }
+
+    // The forms real documents write read, and are told nothing of.
+    sink->losses.clear();
+    std::size_t line = 0;
+    import(damaged("in", "clipitem-2", "0.0", line));
+    import(damaged("duration", "two.mov", " 1000 ", line));
+    EXPECT_TRUE(of("unusable-value").empty());
+    EXPECT_TRUE(of("unreadable-value").empty());
+
+    // The original reading tells them too.
+    set_config_int(XML::kLegacyInterchangeKey, 1);
+    import(damaged("start", "clipitem-2", "NaN", line));
+    EXPECT_EQ(of("unusable-value").size(), 1u);
 }
 
 }  // namespace
