@@ -80,7 +80,7 @@ const KindText kKinds[] = {
     {"split-edit", "split edits read as straight cuts"},
     {"event-overlap", "events laid over the one before, which ends where they begin"},
     {"record-timed-by-source", "events that end before they begin, timed by their source"},
-    {"transition-shortened", "transitions longer than their event, shortened"},
+    {"transition-trimmed", "transitions longer than their event, shortened"},
     {"marker-unread", "locators that cannot be placed, passed over"},
     {"reel-invented", "reels invented for shots without one"},
     {"reel-shortened", "reels shortened or renamed"},

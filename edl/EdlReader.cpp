@@ -390,7 +390,7 @@ void EdlReader::Builder::addTransition(const EditLine* from, const EditLine& to,
         warn("line " + std::to_string(to.line) + ": the transition of event " + ev.number +
              " lasts " + std::to_string(length) +
              " frames, longer than the event; it is shortened");
-        loss("transition-shortened", -1, in, "event " + ev.number);
+        loss("transition-trimmed", -1, in, "event " + ev.number);
         length = out - in;
     }
     if (length <= 0) {
