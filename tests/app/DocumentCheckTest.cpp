@@ -3,7 +3,7 @@
 #include <cmath>
 #include <string>
 
-#include "app/DocumentCheck.h"
+#include "app/checks/DocumentCheck.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
