@@ -1,7 +1,9 @@
 // What the command tells a user about a document's content that the readers
 // pass over without a word: the readers keep their ways (a reference to
 // nothing plays black, a negative frame count is read unsigned), and the
-// command says where that happens and whether the result can be trusted.
+// command says where that happens and whether the result can be trusted
+// (checks/NativeAudit.cpp). And what of a project no export can write
+// (checks/UnusableValues.cpp).
 #pragma once
 
 #include <string>
@@ -21,14 +23,6 @@ struct Finding {
     bool untrusted = false;
 };
 
-// The text of an element from its raw inner text, as the host's reader gives
-// it: references decoded and CDATA unwrapped for a leaf, raw for an element
-// that holds elements.
-std::string leafText(std::string_view inner);
-// The value of an attribute, decoded, from the text of a start tag after its
-// name; empty when the tag has none of that name.
-std::string attributeValue(std::string_view attributes, std::string_view name);
-
 // The limits of the scan for a QVXML document.
 XmlLimits qvxmlLimits();
 
@@ -37,6 +31,9 @@ XmlLimits qvxmlLimits();
 // where the reader stops). No findings when a limit refuses the document.
 XmlCheck checkNative(std::string_view text, bool version2, std::vector<Finding>& findings);
 std::vector<Finding> auditNative(std::string_view text, bool version2);
+
+// A number as findings show it: six significant digits ("29.97", "1e+09").
+std::string numberText(double value);
 
 // Values of the edits that no export can write as they are: numbers that
 // are not finite, and times too large for a frame count (at 240 frames a

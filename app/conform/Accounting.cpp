@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "app/checks/DocumentCheck.h"
+#include "app/checks/XmlText.h"
 #include "app/pipeline/Text.h"
 #include "host/Label.h"
 #include "otio/OtioModel.h"

@@ -1,3 +1,11 @@
+// Reads a QVXML document as its readers do, in the scan that checks it, and
+// tells what they pass over without a word.
+//
+// Longer than the command's other files: it is one observer that follows
+// native/QVXMLReader.cpp element by element (Shot and Edit records, their
+// channels, cel events, labels, rates and times), and each of its rules is
+// kept beside the state it reads; cut in pieces, a rule and the reader rule
+// it follows would be harder to hold side by side.
 #include "app/checks/DocumentCheck.h"
 
 #include <algorithm>
@@ -12,27 +20,21 @@
 #include <unordered_set>
 
 #include "app/checks/XmlScanner.h"
+#include "app/checks/XmlText.h"
 #include "host/FrameRate.h"
 #include "host/Label.h"
+#include "import/Scan.h"
 
 namespace qvapp {
 
 namespace {
 
-// A number as the readers scan it with "%d": blanks, a sign, digits; text
-// that does not begin so is no number.
+// A number as the readers scan it (XML::scanInt, "%d"), so that what is told
+// of a number is what the reader makes of it.
 bool scanInt(std::string_view text, long long& value) {
-    std::size_t i = 0;
-    while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i])))
-        ++i;
-    bool negative = false;
-    if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
-    if (i >= text.size() || !std::isdigit(static_cast<unsigned char>(text[i]))) return false;
-    long long v = 0;
-    for (; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])); ++i)
-        if (v <= static_cast<long long>(INT_MAX) + 1) v = v * 10 + (text[i] - '0');
-    v = negative ? -v : v;
-    value = v > INT_MAX ? INT_MAX : v < INT_MIN ? INT_MIN : v;
+    int v = 0;
+    if (!XML::scanInt(LightweightString<char>(text.data(), text.size()), v)) return false;
+    value = v;
     return true;
 }
 
@@ -59,114 +61,6 @@ std::string notWhole(std::string_view text, long long& read) {
     return "";
 }
 
-// Text with its entity and character references decoded and CDATA
-// unwrapped, as the host's reader gives the text of a leaf element.
-std::string decoded(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text.substr(i, 9) == "<![CDATA[") {
-            std::size_t close = text.find("]]>", i + 9);
-            std::size_t stop = close == std::string_view::npos ? text.size() : close;
-            out.append(text.substr(i + 9, stop - i - 9));
-            i = close == std::string_view::npos ? text.size() : close + 2;
-            continue;
-        }
-        if (text[i] != '&') {
-            out += text[i];
-            continue;
-        }
-        std::size_t semi = text.find(';', i);
-        std::string_view ref =
-            semi == std::string_view::npos ? std::string_view() : text.substr(i + 1, semi - i - 1);
-        static const std::pair<std::string_view, char> named[] = {
-            {"lt", '<'}, {"gt", '>'}, {"amp", '&'}, {"quot", '"'}, {"apos", '\''}};
-        bool done = false;
-        for (const auto& [n, c] : named)
-            if (ref == n) {
-                out += c;
-                done = true;
-            }
-        if (!done && ref.size() > 1 && ref[0] == '#') {
-            bool hex = ref[1] == 'x' || ref[1] == 'X';
-            std::uint32_t v = 0;
-            bool ok = ref.size() > (hex ? 2u : 1u);
-            for (std::size_t k = hex ? 2 : 1; ok && k < ref.size(); ++k) {
-                int d = std::isdigit(static_cast<unsigned char>(ref[k])) ? ref[k] - '0'
-                        : hex && std::isxdigit(static_cast<unsigned char>(ref[k]))
-                            ? (std::tolower(static_cast<unsigned char>(ref[k])) - 'a' + 10)
-                            : -1;
-                ok = d >= 0;
-                if (ok && v <= 0x10FFFF) v = v * (hex ? 16 : 10) + static_cast<std::uint32_t>(d);
-            }
-            if (ok) {
-                appendUTF8(out,
-                           v == 0 || v > 0x10FFFF || (v >= 0xD800 && v <= 0xDFFF) ? 0xFFFD : v);
-                done = true;
-            }
-        }
-        if (done) {
-            i = semi;
-        } else {
-            out += '&';
-        }
-    }
-    return out;
-}
-
-// The text of an element as the readers see it: raw when it holds elements,
-// decoded otherwise.
-std::string leafTextOf(std::string_view inner) {
-    bool plain = inner.find_first_of("<&") == std::string_view::npos;
-    if (plain) return std::string(inner);
-    for (std::size_t at = inner.find('<'); at != std::string_view::npos;
-         at = inner.find('<', at + 1))
-        if (at + 1 < inner.size() && inner[at + 1] != '!' && inner[at + 1] != '?')
-            return std::string(inner);
-    return decoded(inner);
-}
-
-struct Attribute {
-    std::string_view name;
-    std::string value;
-};
-
-// The attributes of a start tag's text after its name, as many as wanted.
-std::vector<Attribute> attributesOf(std::string_view text, std::size_t wanted) {
-    std::vector<Attribute> out;
-    std::size_t i = 0;
-    auto space = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
-    while (out.size() < wanted && i < text.size()) {
-        while (i < text.size() && (space(text[i]) || text[i] == '/'))
-            ++i;
-        std::size_t name = i;
-        while (i < text.size() && !space(text[i]) && text[i] != '=' && text[i] != '/')
-            ++i;
-        if (i == name) break;
-        Attribute a{text.substr(name, i - name), {}};
-        while (i < text.size() && space(text[i]))
-            ++i;
-        if (i < text.size() && text[i] == '=') {
-            ++i;
-            while (i < text.size() && space(text[i]))
-                ++i;
-            if (i < text.size() && (text[i] == '"' || text[i] == '\'')) {
-                std::size_t close = text.find(text[i], i + 1);
-                std::size_t stop = close == std::string_view::npos ? text.size() : close;
-                a.value = decoded(text.substr(i + 1, stop - i - 1));
-                i = stop + 1;
-            } else {
-                std::size_t start = i;
-                while (i < text.size() && !space(text[i]))
-                    ++i;
-                a.value = decoded(text.substr(start, i - start));
-            }
-        }
-        out.push_back(std::move(a));
-    }
-    return out;
-}
-
 // A rational as the readers take it: of the first two attributes, num and
 // den, both above 0.
 bool rational(std::string_view attributes, double& out) {
@@ -185,15 +79,6 @@ bool rational(std::string_view attributes, double& out) {
     out = static_cast<double>(n) / static_cast<double>(d);
     return true;
 }
-
-std::string numberText(double value) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.6g", value);
-    return text;
-}
-
-// The longest time a 32-bit frame count holds at the highest rate, 240.
-constexpr double kLongestTime = 2147483647.0 / 240.0;
 
 double ticksOf(double rate) {
     return Qv::getTicksPerSecond(Qv::getCelQVFrameRateFromFrameRateDouble(rate));
@@ -227,7 +112,7 @@ struct First {
             ended = true;
             text_ = inner;
             if (inner.find_first_of("<&") != std::string_view::npos)
-                text_ = kept.emplace_back(leafTextOf(inner));
+                text_ = kept.emplace_back(leafText(inner));
         }
     }
     std::string_view text() const { return text_; }
@@ -867,16 +752,6 @@ class NativeAudit final : public XmlObserver {
 
 }  // namespace
 
-std::string leafText(std::string_view inner) {
-    return leafTextOf(inner);
-}
-
-std::string attributeValue(std::string_view attributes, std::string_view name) {
-    for (Attribute& a : attributesOf(attributes, 64))
-        if (a.name == name) return std::move(a.value);
-    return {};
-}
-
 XmlLimits qvxmlLimits() {
     XmlLimits limits;
     // The elements that QVXML never nests in one another: its readers look
@@ -899,87 +774,6 @@ std::vector<Finding> auditNative(std::string_view text, bool version2) {
     std::vector<Finding> findings;
     checkNative(text, version2, findings);
     return findings;
-}
-
-std::vector<Qv::Ptr<Edit>> editAndSources(const Qv::Ptr<Edit>& edit) {
-    EditStore& store = EditStore::current();
-    std::vector<Qv::Ptr<Edit>> out;
-    std::set<std::tuple<uint32_t, uint32_t, uint32_t, uint32_t>> seen;
-    std::vector<Qv::Ptr<Edit>> pending{edit};
-    while (!pending.empty()) {
-        Qv::Ptr<Edit> e = pending.back();
-        pending.pop_back();
-        const Qv::UUID& id = e->cookie.uuid;
-        if (!seen.insert({id.words[0], id.words[1], id.words[2], id.words[3]}).second) continue;
-        out.push_back(e);
-        for (const StoredChannel& ch : e->channels)
-            for (const CelData& c : ch.cels) {
-                if (!c.cookie.isValid() || c.cookie.isMagic()) continue;
-                if (Qv::Ptr<Edit> source = store.find(c.cookie)) pending.push_back(source);
-            }
-    }
-    return out;
-}
-
-Unusable unusableValues(const std::vector<Qv::Ptr<Edit>>& edits, std::size_t limit) {
-    Unusable out;
-    auto add = [&](std::string what, bool untrusted) {
-        out.untrusted = out.untrusted || untrusted;
-        if (out.named.size() < limit)
-            out.named.push_back({XmlPlace{}, std::move(what), untrusted});
-        else
-            ++out.more;
-    };
-    // Times and rates place the material: one that is no number cannot be
-    // trusted. Levels, speeds, level keyframes and markers are lost alone.
-    for (const Qv::Ptr<Edit>& e : edits) {
-        const std::string name =
-            (e->isShot() ? "shot \"" : "edit \"") + toUTF8(e->name).str() + "\"";
-        // A shot's own times give its length; the timeline's place its
-        // material.
-        bool timeline = !e->isShot();
-        auto time = [&](double value, const std::string& what) {
-            if (!std::isfinite(value))
-                add(what + " is " + (std::isnan(value) ? "no number" : "infinite"), timeline);
-            else if (std::fabs(value) > kLongestTime)
-                add(what + " is " + numberText(value) +
-                        " seconds, more than a frame count can hold",
-                    timeline);
-        };
-        time(e->length, "the length of " + name);
-        time(e->rate, "the rate of " + name);
-        for (std::size_t k = 0; k < e->channels.size(); ++k) {
-            const StoredChannel& ch = e->channels[k];
-            const std::string chan = "channel " + std::to_string(k + 1) + " of " + name;
-            std::size_t lost = 0;
-            for (std::size_t i = 0; i < ch.cels.size(); ++i) {
-                const CelData& c = ch.cels[i];
-                const std::string cel = "cel " + std::to_string(i + 1) + " of " + chan;
-                time(c.editIn, "the start of " + cel);
-                time(c.editOut, "the end of " + cel);
-                time(c.sourceIn, "the source in point of " + cel);
-                time(c.sourceOut, "the source out point of " + cel);
-                if (!std::isfinite(c.speed) || !std::isfinite(c.level) ||
-                    !std::isfinite(c.levelEnd))
-                    add("the speed or level of " + cel + " is not a finite number", false);
-            }
-            for (const LevelData& l : ch.levels)
-                lost += !std::isfinite(l.position) || !std::isfinite(l.value);
-            if (lost)
-                add(std::to_string(lost) + " of the " + std::to_string(ch.levels.size()) +
-                        " level keyframes of " + chan +
-                        " have a position or value that is not a finite number, and are lost",
-                    false);
-        }
-        std::size_t cues = 0;
-        for (const Ced2Cue& c : e->cues)
-            cues += !std::isfinite(c.in) || !std::isfinite(c.out);
-        if (cues)
-            add(std::to_string(cues) + " markers of " + name +
-                    " have a time that is not a finite number, and are lost",
-                false);
-    }
-    return out;
 }
 
 }  // namespace qvapp
