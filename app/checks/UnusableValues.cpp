@@ -2,7 +2,6 @@
 #include <cmath>
 #include <cstdio>
 #include <set>
-#include <tuple>
 
 #include "app/checks/DocumentCheck.h"
 
@@ -24,13 +23,12 @@ std::string numberText(double value) {
 std::vector<Qv::Ptr<Edit>> editAndSources(const Qv::Ptr<Edit>& edit) {
     EditStore& store = EditStore::current();
     std::vector<Qv::Ptr<Edit>> out;
-    std::set<std::tuple<uint32_t, uint32_t, uint32_t, uint32_t>> seen;
+    std::set<Qv::UUID> seen;
     std::vector<Qv::Ptr<Edit>> pending{edit};
     while (!pending.empty()) {
         Qv::Ptr<Edit> e = pending.back();
         pending.pop_back();
-        const Qv::UUID& id = e->cookie.uuid;
-        if (!seen.insert({id.words[0], id.words[1], id.words[2], id.words[3]}).second) continue;
+        if (!seen.insert(e->cookie.uuid).second) continue;
         out.push_back(e);
         for (const StoredChannel& ch : e->channels)
             for (const CelData& c : ch.cels) {

@@ -1,9 +1,9 @@
 // import: documents read into one project, what was made told, and the
 // project written as a snapshot.
 #include <set>
-#include <tuple>
 
 #include "app/commands/Commands.h"
+#include "app/conform/DocumentInfo.h"
 #include "app/conform/LossReport.h"
 #include "app/pipeline/Text.h"
 #include "host/Edit.h"
@@ -14,12 +14,7 @@ namespace qvapp {
 int Commands::import(const Options& o) {
     if (o.inputs.empty()) return fail(kExitUsage, "say which documents to import");
     EditStore& project = EditStore::current();
-    std::set<std::tuple<uint32_t, uint32_t, uint32_t, uint32_t>> before;
-    auto key = [](const Cookie& c) {
-        return std::make_tuple(c.uuid.words[0], c.uuid.words[1], c.uuid.words[2], c.uuid.words[3]);
-    };
-    for (const Qv::Ptr<Edit>& e : project.edits())
-        before.insert(key(e->cookie));
+    IdentitySet before = identitiesOf(project);
 
     // Where the snapshot and the report go is settled before any work is done.
     startRun(o.inputs, o.overwrite);
@@ -33,19 +28,19 @@ int Commands::import(const Options& o) {
 
     int imported = 0, offline = 0, subclips = 0;
     for (const Qv::Ptr<Edit>& e : project.edits()) {
-        if (before.count(key(e->cookie))) continue;
+        if (before.count(e->cookie.uuid)) continue;
         if (e->isShot()) (e->isOffline() ? offline : imported)++;
         if (e->logType == kLogTypeSubclip) ++subclips;
     }
     // Shots that were in the project already and that the new edits play.
-    std::set<std::tuple<uint32_t, uint32_t, uint32_t, uint32_t>> linked;
+    IdentitySet linked;
     for (const Qv::Ptr<Edit>& e : project.edits()) {
-        if (before.count(key(e->cookie))) continue;
+        if (before.count(e->cookie.uuid)) continue;
         for (const StoredChannel& ch : e->channels)
             for (const CelData& c : ch.cels)
                 if (Qv::Ptr<Edit> s = project.find(c.cookie);
-                    s && s->isShot() && before.count(key(s->cookie)))
-                    linked.insert(key(s->cookie));
+                    s && s->isShot() && before.count(s->cookie.uuid))
+                    linked.insert(s->cookie.uuid);
     }
     std::printf("%zu sequence%s, %d shot%s imported, %zu linked, %d offline", made.size(),
                 made.size() == 1 ? "" : "s", imported, imported == 1 ? "" : "s", linked.size(),

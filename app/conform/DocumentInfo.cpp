@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <map>
 #include <memory>
-#include <tuple>
 
 #include "app/pipeline/Text.h"
 #include "host/Config.h"
@@ -14,12 +13,6 @@
 namespace qvapp {
 
 namespace {
-
-using Key = std::tuple<std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t>;
-
-Key keyOf(const Cookie& c) {
-    return {c.uuid.words[0], c.uuid.words[1], c.uuid.words[2], c.uuid.words[3]};
-}
 
 // The place on this machine that a locator names, after --map-path.
 LightweightString<wchar_t> placeOf(const LightweightString<wchar_t>& locator) {
@@ -73,7 +66,7 @@ class Describer {
         // A document of clips alone: its media is what it holds.
         if (sequences.empty())
             for (const Qv::Ptr<Edit>& e : store_.edits())
-                if (e->isShot() && !before_.count(keyOf(e->cookie))) mediaIndex(*e);
+                if (e->isShot() && !before_.count(e->cookie.uuid)) mediaIndex(*e);
         return std::move(doc_);
     }
 
@@ -221,7 +214,7 @@ class Describer {
 
     int mediaIndex(const Edit& shot) {
         auto [it, fresh] =
-            index_.try_emplace(keyOf(shot.cookie), static_cast<int>(doc_.media.size()));
+            index_.try_emplace(shot.cookie.uuid, static_cast<int>(doc_.media.size()));
         if (fresh) doc_.media.push_back(media(shot));
         return it->second;
     }
@@ -251,14 +244,14 @@ class Describer {
                 m.status = told->second.how;
                 m.locator = told->second.locator;
                 m.mapped = heldByMap(told->second.locator);
-            } else if (snapshot || before_.count(keyOf(shot.cookie))) {
+            } else if (snapshot || before_.count(shot.cookie.uuid)) {
                 m.status = "linked";
             } else if (canonicalPath(place) == canonicalPath(shot.mediaPath)) {
                 m.status = "imported";
             } else {
                 m.status = "found";
             }
-            if (before_.count(keyOf(shot.cookie))) m.status = "linked";
+            if (before_.count(shot.cookie.uuid)) m.status = "linked";
             return m;
         }
         m.status = "offline";
@@ -294,7 +287,7 @@ class Describer {
     const Resolutions& resolutions_;
     EditStore& store_;
     DocumentInfo doc_;
-    std::map<Key, int> index_;
+    std::map<Qv::UUID, int> index_;
 };
 
 }  // namespace
@@ -323,7 +316,7 @@ int SequenceInfo::audioTracks() const {
 IdentitySet identitiesOf(const EditStore& store) {
     IdentitySet ids;
     for (const Qv::Ptr<Edit>& e : store.edits())
-        ids.insert(keyOf(e->cookie));
+        ids.insert(e->cookie.uuid);
     return ids;
 }
 

@@ -111,8 +111,7 @@ struct DocumentInfo {
 
 // What was there before an import, so that media can be told linked from
 // imported.
-using IdentitySet =
-    std::set<std::tuple<std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t>>;
+using IdentitySet = std::set<Qv::UUID>;
 IdentitySet identitiesOf(const EditStore& store);
 
 // How an import resolved the media of its shots, read from its log: for each

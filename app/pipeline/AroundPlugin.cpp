@@ -1,7 +1,6 @@
 #include "app/pipeline/AroundPlugin.h"
 
 #include <set>
-#include <tuple>
 
 #include "app/pipeline/Pipeline.h"
 #include "host/Media.h"
@@ -29,7 +28,7 @@ MendedVersion::~MendedVersion() {
 
 LeaveOutShotsWithoutFiles::LeaveOutShotsWithoutFiles(const Qv::Ptr<Edit>& edit, LoggerHandle log) {
     EditStore& store = EditStore::current();
-    std::set<std::tuple<uint32_t, uint32_t, uint32_t, uint32_t>> seen;
+    std::set<Qv::UUID> seen;
     std::vector<Qv::Ptr<Edit>> pending{edit};
     while (!pending.empty()) {
         Qv::Ptr<Edit> e = pending.back();
@@ -71,9 +70,7 @@ void mapImportedLocators(const IdentitySet& before) {
     if (!map || map->empty()) return;
     EditStore& store = EditStore::current();
     for (const Qv::Ptr<Edit>& e : store.edits()) {
-        if (!e->isShot() || before.count({e->cookie.uuid.words[0], e->cookie.uuid.words[1],
-                                          e->cookie.uuid.words[2], e->cookie.uuid.words[3]}))
-            continue;
+        if (!e->isShot() || before.count(e->cookie.uuid)) continue;
         e->historicLocator = map->apply(e->historicLocator);
     }
     store.noteMediaChanged();

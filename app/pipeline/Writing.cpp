@@ -96,9 +96,11 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
         p.i_open(edit->cookie);
         int why = factory->canExport(p);
         p.i_close();
-        if (why == 4) return fail(kExitFailed, label + " is of a kind that cannot be exported");
-        if (why == 5) return fail(kExitFailed, label + " has no video or audio channels to export");
-        if (why != 0) return fail(kExitFailed, label + " cannot be exported");
+        if (why == XML::kCannotExportKind)
+            return fail(kExitFailed, label + " is of a kind that cannot be exported");
+        if (why == XML::kCannotExportNoChannels)
+            return fail(kExitFailed, label + " has no video or audio channels to export");
+        if (why != XML::kCanExport) return fail(kExitFailed, label + " cannot be exported");
     }
 
     // The plug-in writes into a folder of its own inside the output folder;

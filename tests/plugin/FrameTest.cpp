@@ -6,6 +6,7 @@
 
 #include "host/Config.h"
 #include "host/OS.h"
+#include "plugin/Status.h"
 #include "plugin/XMLQvd.h"
 #include "tests/support/TestSupport.h"
 
@@ -75,7 +76,7 @@ TEST_F(Frame, CanExportCascade) {
     q.postLoadInitialization();
     auto* factory = dynamic_cast<XMLExporterFactory*>(q.components[1]);
     EditPtr none;
-    EXPECT_EQ(factory->canExport(none), 6);
+    EXPECT_EQ(factory->canExport(none), kCannotExportNothing);
     Qv::Ptr<Edit> effect = qvtest::addSequence(store, L"fx", Qv::eFrameRate25);
     effect->logType = kLogTypeEffect;
     Qv::Ptr<Edit> empty = qvtest::addSequence(store, L"empty", Qv::eFrameRate25, {});
@@ -85,9 +86,9 @@ TEST_F(Frame, CanExportCascade) {
         p.i_open(e->cookie);
         return factory->canExport(p);
     };
-    EXPECT_EQ(code(effect), 4);
-    EXPECT_EQ(code(empty), 5);
-    EXPECT_EQ(code(seq), 0);
+    EXPECT_EQ(code(effect), kCannotExportKind);
+    EXPECT_EQ(code(empty), kCannotExportNoChannels);
+    EXPECT_EQ(code(seq), kCanExport);
 }
 
 TEST_F(Frame, CreateExporterTakesOnlyXmlOptions) {
