@@ -5,19 +5,11 @@
 #include <unordered_map>
 
 #include "host/Edit.h"
+#include "host/UUIDHash.h"
 
 namespace XML {
 
 namespace {
-
-struct UuidHash {
-    std::size_t operator()(const Qv::UUID& id) const noexcept {
-        std::uint64_t h = 1469598103934665603ull;
-        for (std::uint32_t w : id.words)
-            h = (h ^ w) * 1099511628211ull;
-        return static_cast<std::size_t>(h);
-    }
-};
 
 bool unknownLength(double length) {
     return !std::isfinite(length) || length < 0;
@@ -32,7 +24,7 @@ void giveUnknownLengths(CED2List& shots, const std::vector<CED2List*>& users, Lo
     if (!any) return;
 
     // How far into each piece of material the cels play.
-    std::unordered_map<Qv::UUID, double, UuidHash> used;
+    std::unordered_map<Qv::UUID, double, Qv::UUIDHash> used;
     for (CED2List* list : users)
         for (CED2* record : each<CED2>(*list))
             for (CChannel* ch : each<CChannel>(record->channels))

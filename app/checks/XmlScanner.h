@@ -1,6 +1,6 @@
 // The scan behind checkXml, as a template on what watches it, so that a
 // watcher of a known type (the QVXML audit) is called without an indirect
-// call per element. Only app/WellFormed.cpp and app/DocumentCheck.cpp use it.
+// call per element. Only app/checks/WellFormed.cpp and app/checks/NativeAudit.cpp use it.
 #pragma once
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // The loss report: what did not cross when a document was read, converted or
 // an edit exported. Four sources feed it: the loss records the readers emit
 // as they pass over material, the check of each import that every clip item
-// of the document plays or is named by such a record (app/Accounting.h), the
+// of the document plays or is named by such a record (app/conform/Accounting.h), the
 // records the plug-in's writers emit as they repair material, and a
 // comparison of the project's edits with what the target format can hold.
 #pragma once
