@@ -130,9 +130,8 @@ bool magic(std::string_view text) {
     return cookie.isValid() && cookie.isMagic();
 }
 
-// Findings are phrased before their owner is known: kChan stands for the
-// channel, kOwner for the Shot or Edit, both filled in when they end.
-constexpr char kChan = '\x01';
+// Findings are phrased before their owner is known: kOwner stands for the
+// Shot or Edit, filled in when it ends.
 constexpr char kOwner = '\x02';
 
 struct Raw {
