@@ -1,3 +1,9 @@
+// The accounting of every clip item (see Accounting.h).
+//
+// Longer than the command's other files: it holds the three parts of one
+// check, the xmeml lister, the OpenTimelineIO lister and the comparison with
+// what the import made, which must agree on what a clip item is and where it
+// lies; they stand together so that a change to one is made beside the others.
 #include "app/conform/Accounting.h"
 
 #include <algorithm>
