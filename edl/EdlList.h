@@ -84,7 +84,7 @@ struct Event {
 };
 
 // A line passed over or read in a way to be told. `kind` names the loss it
-// is, when it is one (see app/LossReport.cpp); empty for a warning alone.
+// is, when it is one (see app/conform/LossReport.cpp); empty for a warning alone.
 struct Problem {
     int line = 0;
     std::string what;

@@ -10,19 +10,11 @@
 #include "edl/EdlList.h"
 #include "host/Edit.h"
 #include "host/Paths.h"
+#include "host/UUIDHash.h"
 
 namespace QvEdl {
 
 namespace {
-
-struct IdentityHash {
-    std::size_t operator()(const Qv::UUID& id) const noexcept {
-        std::uint64_t h = 1469598103934665603ull;
-        for (std::uint32_t w : id.words)
-            h = (h ^ w) * 1099511628211ull;
-        return static_cast<std::size_t>(h);
-    }
-};
 
 bool isShotRecord(const CED2* r) {
     return r->isShot && !r->isGhost;
@@ -154,7 +146,7 @@ class Writer {
     LoggerHandle log_;
     ExportOptions options_;
     CED2List seqList_, ghostList_, deepGhostList_, shotList_;
-    std::unordered_map<Qv::UUID, CED2*, IdentityHash> records_;
+    std::unordered_map<Qv::UUID, CED2*, Qv::UUIDHash> records_;
     CED2* top_ = nullptr;
     Qv::FrameRate rate_ = Qv::eFrameRate25;
     unsigned ticks_ = 25;

@@ -4,6 +4,7 @@
 
 #include <vector>
 
+#include "export/UnknownLengths.h"
 #include "export/XMLWriter.h"
 #include "host/Cookie.h"
 #include "plugin/Results.h"
@@ -18,12 +19,5 @@ ExportResult XMLExportFiles(const Cookie& source, XMLExportOptions& options, Log
 // format. Always 1.
 int getAnXMLWriter(Qv::Ptr<XMLWriter>& writer, XMLExportOptions& options, Qv::FrameRate rate,
                    LoggerHandle log);
-
-// Gives every shot of `shots` whose length nobody knows (not a finite number,
-// or below zero) the length that its uses in the edits of `users` need: as
-// far into the shot as any cel plays, a transition after a cel included. A
-// shot that nothing plays gets no length. Each repair is a warning and a loss
-// record. No reader of a written file can use a length that is no number.
-void giveUnknownLengths(CED2List& shots, const std::vector<CED2List*>& users, LoggerHandle log);
 
 }  // namespace XML

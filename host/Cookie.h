@@ -19,6 +19,8 @@ namespace Qv {
 struct UUID {
     std::uint32_t words[4] = {0, 0, 0, 0};
     bool operator==(const UUID&) const = default;
+    // Word by word, so that identities can key sets and maps.
+    auto operator<=>(const UUID&) const = default;
 };
 }  // namespace Qv
 

@@ -5,7 +5,6 @@
 #include <deque>
 #include <map>
 #include <set>
-#include <tuple>
 
 #include "host/Edit.h"
 
@@ -168,10 +167,8 @@ int CED2List::PrepareED2ListsForExport(const CookieVec& cookies, CED2List& seqLi
     EditStore& store = EditStore::current();
     // Each edit gets one record, in the list of the shallowest level at which
     // the walk reaches it; the walk goes breadth first so that this holds.
-    std::set<std::tuple<uint32_t, uint32_t, uint32_t, uint32_t>> seen;
-    auto key = [](const Cookie& c) {
-        return std::make_tuple(c.uuid.words[0], c.uuid.words[1], c.uuid.words[2], c.uuid.words[3]);
-    };
+    std::set<Qv::UUID> seen;
+    auto key = [](const Cookie& c) { return c.uuid; };
     struct Pending {
         Qv::Ptr<Edit> edit;
         int depth;  // 0: chosen for export; 1: one reference down; 2+: deeper
@@ -210,7 +207,7 @@ int CED2List::PrepareED2ListsForExport(const CookieVec& cookies, CED2List& seqLi
 
     // How far into each shot the walked edits play, for shots whose length
     // is not known.
-    std::map<std::tuple<uint32_t, uint32_t, uint32_t, uint32_t>, double> used;
+    std::map<Qv::UUID, double> used;
     auto note = [&](const std::vector<CelData>& cels) {
         for (std::size_t i = 0; i < cels.size(); ++i) {
             const CelData& cel = cels[i];

@@ -1,4 +1,5 @@
-// The status codes that the plug-in's pipelines hand back to the host.
+// The status codes that the plug-in hands back to the host: both sides of
+// the boundary name them from here.
 #pragma once
 
 namespace XML {
@@ -10,4 +11,10 @@ inline constexpr int kStatusUnreadable = 2000;    // a document is missing, empt
 inline constexpr int kStatusCannotCreate = 2001;  // the output file could not be created
 inline constexpr int kStatusNoDirectory = 2002;   // the destination directory does not exist
 inline constexpr int kStatusUnknown = 2005;       // no known flavour, or no resource to run it
+
+// What the exporter factory's canExport says of an edit.
+inline constexpr int kCanExport = 0;               // the edit can be exported
+inline constexpr int kCannotExportKind = 4;        // not a kind of edit the format exports
+inline constexpr int kCannotExportNoChannels = 5;  // no video or audio channels
+inline constexpr int kCannotExportNothing = 6;     // no edit at all
 }  // namespace XML

@@ -131,10 +131,10 @@ Qv::Ptr<QvExport::Exporter> QvExport::ConditionalExporterFactory<XML::XMLExporte
 
 template <>
 int QvExport::ConditionalExporterFactory<XML::XMLExporter>::canExport(const EditPtr& edit) const {
-    if (!edit) return 6;
-    if (!(edit->getLogType() & logTypeMask)) return 4;
-    if (edit->getNumChans(channelMask) == 0) return 5;
-    return 0;
+    if (!edit) return XML::kCannotExportNothing;
+    if (!(edit->getLogType() & logTypeMask)) return XML::kCannotExportKind;
+    if (edit->getNumChans(channelMask) == 0) return XML::kCannotExportNoChannels;
+    return XML::kCanExport;
 }
 
 extern "C" {

@@ -19,8 +19,8 @@
 #include <string>
 #include <vector>
 
-#include "app/DocumentCheck.h"
-#include "app/WellFormed.h"
+#include "app/checks/DocumentCheck.h"
+#include "app/checks/WellFormed.h"
 #include "bench/xmeml/XmemlGenerator.h"
 #include "host/Config.h"
 #include "host/Edit.h"

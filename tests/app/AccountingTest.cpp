@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "app/Accounting.h"
+#include "app/conform/Accounting.h"
 #include "otio/OtioImport.h"
 #include "otio/OtioModel.h"
 #include "tests/app/CommandRunner.h"

@@ -3,8 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "app/Commands.h"
-#include "app/SafeOutput.h"
+#include "app/commands/Commands.h"
+#include "app/output/SafeOutput.h"
 #include "export/ExportDriver.h"
 #include "host/Paths.h"
 #include "tests/support/TestSupport.h"

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "app/WellFormed.h"
+#include "app/checks/WellFormed.h"
 #include "tests/support/TestSupport.h"
 
 namespace {

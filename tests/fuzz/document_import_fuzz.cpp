@@ -10,8 +10,8 @@
 #include <string>
 #include <string_view>
 
-#include "app/DocumentCheck.h"
-#include "app/WellFormed.h"
+#include "app/checks/DocumentCheck.h"
+#include "app/checks/WellFormed.h"
 #include "host/Config.h"
 #include "host/Edit.h"
 #include "host/OS.h"

@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "app/DocumentCheck.h"
+#include "app/checks/DocumentCheck.h"
 #include "export/ExportDriver.h"
 #include "host/Edit.h"
 #include "host/Paths.h"

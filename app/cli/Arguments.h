@@ -1,0 +1,30 @@
+// The command line: a command, its inputs and options, read into Options.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/cli/Options.h"
+#include "host/FrameRate.h"
+#include "host/PathMap.h"
+
+namespace qvapp {
+
+struct Arguments {
+    std::string command;  // convert, import, export, rate, info, draw or relink
+    Options options;
+    PathMap paths;                                // --map-path
+    Qv::FrameRate listRate = Qv::eFrameRateNone;  // --rate
+};
+
+// Reads a command's arguments, `args[0]` being the command. --set is applied
+// as it is read. Gives an exit status when the run ends here (a command's
+// help was printed, or the command line is wrong and was told), nothing when
+// the command is to run.
+std::optional<int> parseArguments(const std::vector<std::string>& args, Arguments& parsed);
+
+// Tells a wrong command line on standard error.
+int usageError(const std::string& sentence);
+
+}  // namespace qvapp

@@ -1,0 +1,245 @@
+// convert: each document a job of its own, side by side with -j, each with
+// its loss report; and the loss report of export.
+#include <algorithm>
+
+#include "app/commands/Commands.h"
+#include "app/conform/LossReport.h"
+#include "app/output/Batch.h"
+#include "app/pipeline/AroundPlugin.h"
+#include "app/pipeline/Text.h"
+#include "host/Edit.h"
+#include "otio/OtioImport.h"
+
+namespace qvapp {
+
+namespace {
+
+// A job's turn to name its files, passed on however the job ends.
+class TurnGuard {
+  public:
+    TurnGuard(Turns* turns, std::size_t job) : turns_(turns), job_(job) {}
+    ~TurnGuard() { pass(); }
+    TurnGuard(const TurnGuard&) = delete;
+    TurnGuard& operator=(const TurnGuard&) = delete;
+    void wait() {
+        if (turns_) turns_->wait(job_);
+    }
+    void pass() {
+        if (turns_ && !passed_) turns_->pass(job_);
+        passed_ = true;
+    }
+
+  private:
+    Turns* turns_;
+    std::size_t job_;
+    bool passed_ = false;
+};
+
+// While it lives, LogBoth's lines of this thread (and of the exports it
+// starts) go to the job's application log.
+class ThreadAppLog {
+  public:
+    explicit ThreadAppLog(Qv::Ptr<ApplicationLog> log) : previous_(threadApplicationLog()) {
+        setThreadApplicationLog(Qv::Ptr<iLogSink>(log));
+    }
+    ~ThreadAppLog() { setThreadApplicationLog(previous_); }
+    ThreadAppLog(const ThreadAppLog&) = delete;
+    ThreadAppLog& operator=(const ThreadAppLog&) = delete;
+
+  private:
+    Qv::Ptr<iLogSink> previous_;
+};
+
+}  // namespace
+
+int Commands::convert(const Options& o) {
+    Flavour flavour;
+    int code = kExitOK;
+    if (!flavourOf(o.to, flavour, code)) return code;
+    if (o.inputs.empty()) return fail(kExitUsage, "say which documents to convert");
+    if (WriteResult w = checkFolder(o.outputDir, "the output folder"); !w)
+        return fail(w.code, w.sentence);
+    usedDir_ = absolute(o.outputDir);
+    std::string extension = extensionOf(flavour);
+    startRun(o.inputs, o.overwrite);
+    if (!o.report.empty())
+        if (WriteResult w = run_->output->check(o.report); !w) return fail(w.code, w.sentence);
+    // A file written never takes the place of a document read: its name goes
+    // to the next number.
+    for (const std::string& input : o.inputs)
+        run_->paths.push_back(absolute(input));
+    return convertAll(o, flavour, extension);
+}
+
+int Commands::convertDocument(std::size_t job, const std::string& input, const Options& o,
+                              const Flavour& flavour, const std::string& extension, Turns* turns,
+                              DocumentLosses& losses) {
+    // Each document goes into a fresh project of its own.
+    EditStore project;
+    ScopedCurrentStore scope(project);
+    Qv::Ptr<ApplicationLog> appLog(new ApplicationLog(console_, o.verbosity == Verbosity::Verbose));
+    ThreadAppLog appScope(appLog);
+    TurnGuard turn(turns, job);
+    losses.input = input;
+    losses.target = flavour.name;
+
+    std::vector<Qv::Ptr<Edit>> made;
+    int imported = importDocuments({input}, made, o.lenient);
+    if (imported != kExitOK) return imported;
+    const bool untrusted = !untrusted_.empty();
+    if (untrusted && !o.lenient)
+        return fail(kExitUntrusted, inQuotes(input) +
+                                        " cannot be trusted: its times are wrong or lost (see "
+                                        "the warnings above), so nothing is written for it "
+                                        "(--lenient writes it)");
+    mapImportedLocators({});
+    losses.read = true;
+    std::string format = documentFormat(input);
+    // What reading lost: the import's own account of it.
+    if (!read_.empty()) losses.items = std::move(read_.back().items);
+
+    std::vector<Qv::Ptr<Edit>> toWrite = made;
+    if (toWrite.empty())
+        for (const Qv::Ptr<Edit>& e : project.edits())
+            if (e->isShot()) toWrite.push_back(e);
+    if (toWrite.empty()) {
+        std::fprintf(err_, "qvxml: %s holds no sequences and no shots; nothing to write\n",
+                     inQuotes(input).c_str());
+        return kExitOK;
+    }
+    // Names are chosen in the order of the inputs, so that a run names its
+    // files the same way whatever the number of jobs.
+    turn.wait();
+    std::vector<std::string> stems;
+    for (const Qv::Ptr<Edit>& e : toWrite)
+        stems.push_back(!e->isShot() && e->getNumChans(3) == 0 ? std::string()
+                                                               : uniqueStem(e->name, extension));
+    turn.pass();
+
+    int result = kExitOK;
+    for (std::size_t i = 0; i < toWrite.size(); ++i) {
+        const Qv::Ptr<Edit>& e = toWrite[i];
+        // A sequence without tracks (in xmeml, a use of a nested sequence
+        // that is defined elsewhere) has nothing to write.
+        if (stems[i].empty()) {
+            log().WarningOut(
+                "%s has no tracks; no file is written for it",
+                inQuotes(e->name.empty() ? std::string("the nameless sequence") : narrow(e->name))
+                    .c_str());
+            continue;
+        }
+        console_->takeLosses();
+        int exported = exportEdit(e, flavour, o, stems[i] + extension);
+        std::vector<LossRecord> records = console_->takeLosses();
+        if (exported != kExitOK) {
+            if (result == kExitOK) result = exported;
+            continue;
+        }
+        if (flavour.edl)
+            for (std::string& name : takeListNames())
+                losses.outputs.push_back(std::move(name));
+        else
+            losses.outputs.push_back(stems[i] + extension);
+        if (e->isShot()) continue;
+        DocumentInfo info = describe({e}, {}, input, format);
+        if (info.sequences.empty()) continue;
+        const SequenceInfo& s = info.sequences.front();
+        for (Loss& l : targetLosses(s, flavour.name, o.silent, o.skipOffline))
+            losses.items.push_back(std::move(l));
+        for (Loss& l : writerLosses(s, records))
+            losses.items.push_back(std::move(l));
+    }
+    // The summary speaks for files written; a failure has said its own.
+    if (o.verbosity != Verbosity::Quiet && result == kExitOK)
+        std::fprintf(err_, "qvxml: %s\n", lossSummary(losses).c_str());
+    if (untrusted) {
+        int code = fail(kExitUntrusted, inQuotes(input) +
+                                            " was written as --lenient asks, but its times cannot "
+                                            "be trusted (see the warnings above)");
+        if (result == kExitOK) result = code;
+    }
+    return result;
+}
+
+Commands Commands::jobOf(const Options& o, std::FILE* out, std::FILE* err) {
+    Commands job(plugin_, Qv::Ptr<ConsoleLog>(new ConsoleLog(o.verbosity, err)));
+    job.setStreams(out, err);
+    job.run_ = run_;
+    job.usedDir_ = usedDir_;
+    job.listRate_ = listRate_;
+    return job;
+}
+
+int Commands::convertAll(const Options& o, const Flavour& flavour, const std::string& extension) {
+    std::vector<DocumentLosses> losses(o.inputs.size());
+    int result = kExitOK;
+    if (o.inputs.size() == 1) {
+        result = convertDocument(0, o.inputs[0], o, flavour, extension, nullptr, losses[0]);
+    } else {
+        Turns turns;
+        Batch batch(Batch::jobsFor(o.jobs, o.inputs.size()), "converting",
+                    o.verbosity != Verbosity::Quiet);
+        std::vector<JobResult> results = batch.run(
+            o.inputs,
+            [&](std::size_t i, std::FILE* out, std::FILE* err) {
+                Commands job = jobOf(o, out, err);
+                return job.convertDocument(i, o.inputs[i], o, flavour, extension, &turns,
+                                           losses[i]);
+            },
+            true);
+        std::vector<std::string> failed;
+        for (std::size_t i = 0; i < results.size(); ++i)
+            if (results[i].status != kExitOK) {
+                failed.push_back(o.inputs[i]);
+                if (result == kExitOK) result = results[i].status;
+            }
+        if (o.verbosity != Verbosity::Quiet || !failed.empty()) {
+            std::string summary = "converted " + std::to_string(o.inputs.size() - failed.size()) +
+                                  " of " + counted(static_cast<long>(o.inputs.size()), "document");
+            if (!failed.empty()) {
+                summary += "; " + std::to_string(failed.size()) + " failed:";
+                for (const std::string& f : failed)
+                    summary += " " + inQuotes(f);
+            }
+            std::fprintf(err_, "qvxml: %s\n", summary.c_str());
+        }
+    }
+    if (!o.report.empty())
+        if (int failed = writeFile(o.report, lossReportText(losses, "convert"), o);
+            failed && result == kExitOK)
+            result = failed;
+    return result;
+}
+
+int Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
+                               const std::string& fileName, const std::string& input) {
+    Qv::Ptr<ApplicationLog> appLog(new ApplicationLog(console_, o.verbosity == Verbosity::Verbose));
+    ThreadAppLog appScope(appLog);
+    console_->takeLosses();
+    int code = exportEdit(edit, flavour, o, fileName);
+    if (code != kExitOK) return code;
+    DocumentLosses losses;
+    losses.read = true;
+    losses.input = input;
+    losses.target = flavour.name;
+    if (flavour.edl)
+        losses.outputs = takeListNames();
+    else
+        losses.outputs.push_back(fileName);
+    std::vector<LossRecord> records = console_->takeLosses();
+    if (!edit->isShot()) {
+        DocumentInfo info = describe({edit}, identitiesOf(EditStore::current()), input, "snapshot");
+        if (!info.sequences.empty()) {
+            const SequenceInfo& s = info.sequences.front();
+            losses.items = targetLosses(s, flavour.name, o.silent, o.skipOffline);
+            for (Loss& l : writerLosses(s, records))
+                losses.items.push_back(std::move(l));
+        }
+    }
+    if (o.verbosity != Verbosity::Quiet)
+        std::fprintf(err_, "qvxml: %s\n", lossSummary(losses).c_str());
+    if (!o.report.empty()) return writeFile(o.report, lossReportText({losses}, "export"), o);
+    return kExitOK;
+}
+
+}  // namespace qvapp

@@ -1,0 +1,86 @@
+// import: documents read into one project, what was made told, and the
+// project written as a snapshot.
+#include <algorithm>
+#include <set>
+
+#include "app/commands/Commands.h"
+#include "app/conform/DocumentInfo.h"
+#include "app/conform/LossReport.h"
+#include "app/pipeline/Text.h"
+#include "host/Edit.h"
+#include "host/Snapshot.h"
+
+namespace qvapp {
+
+int Commands::import(const Options& o) {
+    if (o.inputs.empty()) return fail(kExitUsage, "say which documents to import");
+    EditStore& project = EditStore::current();
+    IdentitySet before = identitiesOf(project);
+
+    // Where the snapshot and the report go is settled before any work is done.
+    startRun(o.inputs, o.overwrite);
+    for (const std::string* out : {&o.snapshot, &o.report})
+        if (!out->empty())
+            if (WriteResult w = run_->output->check(*out); !w) return fail(w.code, w.sentence);
+
+    std::vector<Qv::Ptr<Edit>> made;
+    int code = importDocuments(o.inputs, made, o.lenient);
+    if (code != kExitOK) return code;
+
+    int imported = 0, offline = 0, subclips = 0;
+    for (const Qv::Ptr<Edit>& e : project.edits()) {
+        if (before.count(e->cookie.uuid)) continue;
+        if (e->isShot()) (e->isOffline() ? offline : imported)++;
+        if (e->logType == kLogTypeSubclip) ++subclips;
+    }
+    // Shots that were in the project already and that the new edits play.
+    IdentitySet linked;
+    for (const Qv::Ptr<Edit>& e : project.edits()) {
+        if (before.count(e->cookie.uuid)) continue;
+        for (const StoredChannel& ch : e->channels)
+            for (const CelData& c : ch.cels)
+                if (Qv::Ptr<Edit> s = project.find(c.cookie);
+                    s && s->isShot() && before.count(s->cookie.uuid))
+                    linked.insert(s->cookie.uuid);
+    }
+    std::printf("%zu sequence%s, %d shot%s imported, %zu linked, %d offline", made.size(),
+                made.size() == 1 ? "" : "s", imported, imported == 1 ? "" : "s", linked.size(),
+                offline);
+    if (subclips) std::printf(", %d sub-clip%s", subclips, subclips == 1 ? "" : "s");
+    std::printf(", %d warning%s\n", console_->warnings(), console_->warnings() == 1 ? "" : "s");
+    for (const Qv::Ptr<Edit>& e : made)
+        std::printf("  sequence %s\n", shown(inQuotes(narrow(e->name))).c_str());
+    std::fflush(stdout);
+    // What reading each document lost: a line each that lost anything, and
+    // the report. Its timecodes are the document's, good whether the times
+    // read can be trusted or not. A document whose times cannot be trusted
+    // has one sentence, below, unless it is written all the same.
+    if (o.verbosity != Verbosity::Quiet)
+        for (const DocumentLosses& d : read_)
+            if (!d.items.empty() && (o.lenient || std::find(untrusted_.begin(), untrusted_.end(),
+                                                            d.input) == untrusted_.end()))
+                std::fprintf(err_, "qvxml: %s\n", shown(lossSummary(d)).c_str());
+    if (!o.report.empty())
+        if (int failed = writeFile(o.report, lossReportText(read_, "import"), o)) return failed;
+
+    std::string untrusted;
+    for (const std::string& input : untrusted_)
+        untrusted += (untrusted.empty() ? "" : ", ") + inQuotes(input);
+    if (!untrusted.empty() && !o.lenient)
+        return fail(kExitUntrusted, untrusted + " cannot be trusted: times are wrong or lost " +
+                                        "(see the warnings above)" +
+                                        (o.snapshot.empty() ? std::string()
+                                                            : ", so no snapshot is written "
+                                                              "(--lenient writes it)"));
+    if (!o.snapshot.empty()) {
+        if (int failed = writeFile(o.snapshot, Snapshot::dump(project), o)) return failed;
+        std::printf("snapshot written to %s\n", shown(o.snapshot).c_str());
+        std::fflush(stdout);
+    }
+    if (!untrusted.empty())
+        return fail(kExitUntrusted, untrusted + " cannot be trusted: times are wrong or lost " +
+                                        "(see the warnings above)");
+    return kExitOK;
+}
+
+}  // namespace qvapp

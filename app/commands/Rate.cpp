@@ -1,0 +1,61 @@
+// rate: the frame rate of a document's first sequence.
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "app/commands/Commands.h"
+#include "app/pipeline/AroundPlugin.h"
+#include "app/pipeline/Pipeline.h"
+#include "app/pipeline/Text.h"
+#include "otio/OtioImport.h"
+
+namespace qvapp {
+
+int Commands::rate(const Options& o) {
+    if (o.inputs.size() != 1) return fail(kExitUsage, "say which one document to look at");
+    const std::string& input = o.inputs[0];
+    struct stat st;
+    if (::stat(input.c_str(), &st) != 0)
+        return fail(kExitUnreadable, "cannot read " + inQuotes(input) + ": there is no such file");
+    iXMLResource* resource = plugin_.resource();
+    if (!resource) return fail(kExitPlugin, "the XML plug-in offers no XML resource");
+    const LightweightString<wchar_t> path = widePath(absolute(input));
+    if (QvOtio::isOtioDocument(path)) {
+        Qv::FrameRate rate = QvOtio::otioFrameRate(path);
+        if (rate == Qv::eFrameRateNone)
+            return fail(kExitUnknownDocument, "the frame rate of " + inQuotes(input) +
+                                                  " cannot be told: it holds no OpenTimelineIO "
+                                                  "timeline qvxml can read");
+        std::printf("%s\n", narrow(Qv::getPlainString(rate)).c_str());
+        return kExitOK;
+    }
+    if (isListInput(input)) return rateOfList(input);
+    DocumentHead head = readDocumentHead(input);
+    {
+        std::string bytes;
+        if (!readWhole(input, bytes))
+            return fail(kExitUnreadable, "cannot read " + inQuotes(input) + ": " + reasonOf(errno));
+        bool untrusted = false;
+        if (int refused = checkDocument(input, bytes, head, o.lenient, untrusted)) return refused;
+    }
+    Qv::FrameRate r;
+    {
+        MendedVersion mended(input, head, path, log());
+        r = resource->getFrameRate(path);
+    }
+    if (r == Qv::eFrameRateNone) {
+        bool known = (head.kind == DocumentHead::Kind::Xmeml && head.firstAttribute == "version" &&
+                      head.firstValue.size() == 1 && head.firstValue[0] >= '1' &&
+                      head.firstValue[0] <= '5') ||
+                     (head.kind == DocumentHead::Kind::Native && head.firstAttribute == "Version" &&
+                      (head.firstValue == "1.0" || head.firstValue == "2.0"));
+        if (!known) return fail(kExitUnknownDocument, whyUnreadable(input, head));
+        return fail(kExitUnknownDocument, "the frame rate of " + inQuotes(input) +
+                                              " cannot be told: its first sequence names no rate "
+                                              "qvxml knows");
+    }
+    std::printf("%s\n", narrow(Qv::getPlainString(r)).c_str());
+    return kExitOK;
+}
+
+}  // namespace qvapp
