@@ -10,6 +10,7 @@
 #include <set>
 
 #include "app/checks/DocumentCheck.h"
+#include "app/checks/Encoding.h"
 #include "app/checks/WellFormed.h"
 #include "app/commands/Commands.h"
 #include "app/conform/Accounting.h"
@@ -188,17 +189,31 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
         // checks it, for the check of what its import made.
         XmemlClipLister lister;
         const bool xmeml = head.kind == DocumentHead::Kind::Xmeml;
+        // A document in another encoding is read as UTF-8: the check and the
+        // plug-in see the converted text.
+        std::string converted;
         {
             std::string bytes;
             if (!readWhole(input, bytes))
                 return fail(kExitUnreadable,
                             "cannot read " + inQuotes(input) + ": " + reasonOf(errno));
+            DeclaredEncoding encoding = toUtf8(bytes);
+            if (!encoding.readable) {
+                std::string why =
+                    inQuotes(input) + " is written in " + inQuotes(encoding.name) +
+                    " (line 1), which qvxml cannot read; it reads UTF-8, ISO-8859-1 " +
+                    "and Windows-1252";
+                if (!lenient) return fail(kExitRefused, why + " (--lenient reads it as UTF-8)");
+                log().WarningOut("%s; it is read as UTF-8, as --lenient asks", why.c_str());
+            }
+            if (encoding.converted) head = readDocumentHead(std::string_view(bytes));
             if (int refused = checkDocument(input, bytes, head, lenient, untrusted,
                                             xmeml ? &lister : nullptr))
                 return refused;
+            if (encoding.converted) converted = std::move(bytes);
         }
         const LightweightString<wchar_t> path = widePath(absolute(input));
-        MendedVersion mended(input, head, path, log());
+        MendedVersion mended(input, head, path, log(), std::move(converted));
 
         ImportFileList files;
         files.push_back(Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({path})));
