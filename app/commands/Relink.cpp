@@ -186,6 +186,9 @@ int Commands::relink(const Options& o) {
     // The snapshot read is never written over: the relinked one goes beside
     // it, as NAME.relinked.json, unless -o says where.
     std::string output = o.outputGiven ? o.outputDir : relinkedName(input);
+    // A snapshot on standard output has it to itself: what is linked is told
+    // on standard error then.
+    if (!o.dryRun && isStandardOutput(output)) out_ = err_;
     startRun({input}, o.overwrite);
     if (!o.dryRun)
         if (WriteResult w = run_->output->check(output); !w) return fail(w.code, w.sentence);

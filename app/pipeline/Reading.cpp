@@ -110,6 +110,28 @@ int Commands::checkDocument(const std::string& input, std::string_view bytes,
     return kExitOK;
 }
 
+int Commands::readAndCheck(const std::string& input, DocumentHead& head, bool lenient,
+                           bool& untrusted, XmlObserver* observer, std::string& converted) {
+    std::string bytes;
+    if (!readWhole(input, bytes))
+        return fail(kExitUnreadable, "cannot read " + inQuotes(input) + ": " + reasonOf(errno));
+    // A document in another encoding is read as UTF-8: the check and the
+    // plug-in see the converted text.
+    DeclaredEncoding encoding = toUtf8(bytes);
+    if (!encoding.readable) {
+        std::string why = inQuotes(input) + " is written in " + inQuotes(encoding.name) +
+                          " (line 1), which qvxml cannot read; it reads UTF-8, ISO-8859-1 and " +
+                          "Windows-1252";
+        if (!lenient) return fail(kExitRefused, why + " (--lenient reads it as UTF-8)");
+        log().WarningOut("%s; it is read as UTF-8, as --lenient asks", why.c_str());
+    }
+    if (encoding.converted) head = readDocumentHead(std::string_view(bytes));
+    if (int refused = checkDocument(input, bytes, head, lenient, untrusted, observer))
+        return refused;
+    if (encoding.converted) converted = std::move(bytes);
+    return kExitOK;
+}
+
 bool Commands::warnUnusable(const std::vector<Qv::Ptr<Edit>>& edits) {
     Unusable found = unusableValues(edits, 10);
     for (const Finding& f : found.named)
@@ -189,29 +211,10 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
         // checks it, for the check of what its import made.
         XmemlClipLister lister;
         const bool xmeml = head.kind == DocumentHead::Kind::Xmeml;
-        // A document in another encoding is read as UTF-8: the check and the
-        // plug-in see the converted text.
         std::string converted;
-        {
-            std::string bytes;
-            if (!readWhole(input, bytes))
-                return fail(kExitUnreadable,
-                            "cannot read " + inQuotes(input) + ": " + reasonOf(errno));
-            DeclaredEncoding encoding = toUtf8(bytes);
-            if (!encoding.readable) {
-                std::string why =
-                    inQuotes(input) + " is written in " + inQuotes(encoding.name) +
-                    " (line 1), which qvxml cannot read; it reads UTF-8, ISO-8859-1 " +
-                    "and Windows-1252";
-                if (!lenient) return fail(kExitRefused, why + " (--lenient reads it as UTF-8)");
-                log().WarningOut("%s; it is read as UTF-8, as --lenient asks", why.c_str());
-            }
-            if (encoding.converted) head = readDocumentHead(std::string_view(bytes));
-            if (int refused = checkDocument(input, bytes, head, lenient, untrusted,
-                                            xmeml ? &lister : nullptr))
-                return refused;
-            if (encoding.converted) converted = std::move(bytes);
-        }
+        if (int refused =
+                readAndCheck(input, head, lenient, untrusted, xmeml ? &lister : nullptr, converted))
+            return refused;
         const LightweightString<wchar_t> path = widePath(absolute(input));
         MendedVersion mended(input, head, path, log(), std::move(converted));
 
