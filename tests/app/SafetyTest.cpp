@@ -463,7 +463,7 @@ TEST_F(Safety, ASnapshotGoesToStandardOutput) {
     Outcome piped = qvxml("import " + quote(kExample) + " --snapshot -");
     ASSERT_EQ(piped.status, 0) << piped.err;
     EXPECT_EQ(piped.out.rfind("{", 0), 0u) << piped.out;
-    EXPECT_NO_THROW(nlohmann::json::parse(piped.out));
+    EXPECT_TRUE(nlohmann::json::accept(piped.out));
     EXPECT_NE(piped.err.find("1 sequence, 2 shots imported"), std::string::npos) << piped.err;
 
     const std::string file = dir.file("stdout.json");
