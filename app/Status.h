@@ -9,6 +9,7 @@ namespace qvapp {
 enum ExitCode {
     kExitOK = 0,
     kExitUsage = 1,            // the command line is wrong
+    kExitInternal = 1,         // a fault of qvxml's own, that no input may cause
     kExitUnreadable = 2,       // an input is missing, empty or unreadable
     kExitUnknownDocument = 3,  // an input is no document of a known kind
     kExitNoFolder = 4,         // the output folder does not exist

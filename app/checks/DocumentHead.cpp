@@ -31,16 +31,21 @@ std::size_t skipDeclaration(std::string_view text, std::size_t at) {
 
 }  // namespace
 
+// The prolog of a real document is short; a megabyte leaves room for a long
+// document type.
+constexpr std::size_t kHeadBytes = 1 << 20;
+
 DocumentHead readDocumentHead(const std::string& path) {
-    DocumentHead head;
     std::ifstream in(path, std::ios::binary);
-    // The prolog of a real document is short; a megabyte leaves room for a
-    // long document type.
-    std::string buffer(1 << 20, '\0');
+    std::string buffer(kHeadBytes, '\0');
     in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
     buffer.resize(static_cast<std::size_t>(in.gcount()));
-    std::string_view text(buffer);
+    return readDocumentHead(std::string_view(buffer));
+}
 
+DocumentHead readDocumentHead(std::string_view text) {
+    DocumentHead head;
+    text = text.substr(0, kHeadBytes);
     std::size_t at = text.starts_with("\xEF\xBB\xBF") ? 3 : 0;
     for (;;) {
         while (at < text.size() && isSpace(text[at]))

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace qvapp {
 
@@ -23,6 +24,8 @@ struct DocumentHead {
 // processing instructions and a document type (with an internal subset) may
 // stand before the root element.
 DocumentHead readDocumentHead(const std::string& path);
+// The same of a document's text, as it is handed to the readers.
+DocumentHead readDocumentHead(std::string_view text);
 
 // The kind of document a file is, as the conform tools name it: "otio",
 // "xmeml", "native", "fcpxml", "edl", or "" for none of these.

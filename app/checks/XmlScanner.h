@@ -16,6 +16,17 @@
 
 namespace qvapp::scan {
 
+// The offset of the first byte of `text` that is not UTF-8, or that begins a
+// character XML does not allow in a document (C0 controls other than tab,
+// line feed and carriage return; U+FFFE, U+FFFF); npos when there is none.
+// `what` then says what stands there.
+std::size_t firstForbidden(std::string_view text, std::string& what);
+// Whether a character may stand in a document (as itself or as a reference).
+bool isXmlChar(std::uint32_t c);
+// Why a name that holds bytes past ASCII is no XML name: empty when it is
+// one, or when it is not UTF-8 (firstForbidden says that).
+std::string damagedName(std::string_view name);
+
 // Character classes.
 constexpr unsigned char kSpace = 1;      // XML white space
 constexpr unsigned char kNameStart = 2;  // may begin a name
@@ -110,8 +121,19 @@ class Scanner {
         const char* p = base;
         if (text_.size() >= 3 && std::memcmp(p, "\xEF\xBB\xBF", 3) == 0) p += 3;
         ampNext_ = nextAmp(p);
+        // Bytes that are not UTF-8 and characters XML forbids: one pass of
+        // its own, quick over plain text; the first fault in the text wins.
+        std::string forbidden;
+        const std::size_t badAt =
+            firstForbidden(std::string_view(p, static_cast<std::size_t>(end - p)), forbidden);
+        const std::size_t textStart = at(p);
         while (p && p < end && !check_.limit)
             p = malformed() ? loose(p) : strict(p);
+        if (badAt != std::string_view::npos && !check_.limit) {
+            const std::size_t offset = textStart + badAt;
+            if (!malformed() || offset < check_.malformed.at.offset)
+                check_.malformed = {true, placeOf(text_, offset), std::move(forbidden)};
+        }
         if (!check_.limit && !malformed()) {
             if (end < base + text_.size())
                 fault(at(end), "a NUL byte stands in the text, where reading stops");
@@ -185,19 +207,47 @@ class Scanner {
                 fault(at(a),
                       "a '&' begins no entity or character reference (text writes it as "
                       "&amp;)");
-            } else if (value == 0 || (value >= 0xD800 && value <= 0xDFFF) || value > 0x10FFFF) {
-                // Control characters pass, as they do when written as they
-                // are; what names no character at all does not.
-                fault(at(a), std::string(a, q + 1) + " names no character");
+            } else if (!isXmlChar(value)) {
+                // A character a document may not hold is not held through
+                // a reference either.
+                fault(at(a), std::string(a, q + 1) + " names no character XML allows");
             }
             return;
         }
         if (q < to && is(*q, kNameStart)) {
+            const char* name = q;
             while (q < to && is(*q, kName))
                 ++q;
-            if (q < to && *q == ';') return;
+            if (q < to && *q == ';') {
+                std::string_view entity(name, static_cast<std::size_t>(q - name));
+                if (!knownEntity(entity))
+                    fault(at(a), "&" + std::string(entity) +
+                                     "; is no entity of XML's own (&amp; &lt; &gt; &quot; "
+                                     "&apos;) and the document declares none of that name");
+                return;
+            }
         }
         fault(at(a), "a '&' begins no entity or character reference (text writes it as &amp;)");
+    }
+
+    bool knownEntity(std::string_view name) const {
+        if (name == "amp" || name == "lt" || name == "gt" || name == "quot" || name == "apos")
+            return true;
+        return std::find(declared_.begin(), declared_.end(), name) != declared_.end();
+    }
+    // The general entities a document type declares in its internal subset.
+    void declareEntities(const char* from, const char* to) {
+        for (const char* d = findText(from, to, "<!ENTITY"); d;
+             d = findText(d + 8, to, "<!ENTITY")) {
+            const char* q = d + 8;
+            while (q < to && is(*q, kSpace))
+                ++q;
+            if (q >= to || *q == '%') continue;  // a parameter entity
+            const char* name = q;
+            while (q < to && is(*q, kName))
+                ++q;
+            if (q > name) declared_.emplace_back(name, static_cast<std::size_t>(q - name));
+        }
     }
 
     // ---- elements ----
@@ -255,6 +305,12 @@ class Scanner {
                            static_cast<int>(open_.size()));
         }
         open_.pop_back();
+    }
+    // Names past ASCII are rare: only they are looked at closely.
+    static std::string nameFault(std::string_view name) {
+        for (char c : name)
+            if (static_cast<unsigned char>(c) >= 0x80) return damagedName(name);
+        return {};
     }
     // Names are short: a plain loop beats a call.
     bool sameName(const Open& o, const char* name, std::size_t length) const {
@@ -339,6 +395,7 @@ class Scanner {
     const char* declaration(const char* lt) {
         if (const char* after = endOfDeclaration(lt, end_)) {
             amps(lt, after, false);
+            declareEntities(lt, after);
             return after;
         }
         fault(at(lt), "the document ends inside its document type; it is cut short");
@@ -399,6 +456,10 @@ class Scanner {
             return lt;
         };
         if (q >= end) return cutShort();
+        if (std::string why = nameFault(tagName); !why.empty()) {
+            fault(at(lt), "the name of the tag " + tag() + " is damaged: " + why);
+            return lt;
+        }
         if (open_.empty() && rootSeen_) {
             fault(at(lt), "a second root element " + tag() + "> follows the first");
             return lt;
@@ -441,6 +502,11 @@ class Scanner {
             while (q < end && is(*q, kName))
                 ++q;
             const std::string_view attribute(attr, static_cast<std::size_t>(q - attr));
+            if (std::string why = nameFault(attribute); !why.empty()) {
+                fault(at(lt), "the name of the attribute " + std::string(attribute) + " of " +
+                                  tag() + "> is damaged: " + why);
+                return lt;
+            }
             while (q < end && is(*q, kSpace))
                 ++q;
             if (q >= end) return cutShort();
@@ -549,6 +615,7 @@ class Scanner {
     const char* end_ = nullptr;
     const char* ampNext_ = nullptr;
     std::vector<Open> open_;
+    std::vector<std::string> declared_;  // entities the document type declares
     std::vector<unsigned> groupOpen_;
     // The unnested names, flat, for a quick look at each start tag.
     struct Unnested {

@@ -72,7 +72,7 @@ bool addPathRule(const std::string& text, PathMap& map, std::string& error) {
 }  // namespace
 
 int usageError(const std::string& sentence) {
-    std::fprintf(stderr, "qvxml: %s\nRun 'qvxml --help' for usage.\n", sentence.c_str());
+    std::fprintf(stderr, "qvxml: %s\nRun 'qvxml --help' for usage.\n", shown(sentence).c_str());
     return kExitUsage;
 }
 

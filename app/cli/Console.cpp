@@ -116,9 +116,9 @@ void ConsoleLog::progress(double fraction) {
 
 void ConsoleLog::status(const std::string& what) {
     std::lock_guard<std::mutex> lock(mutex_);
-    task_ = what;
+    task_ = shown(what);
     if (!terminal_ || verbosity_ == Verbosity::Quiet) return;
-    std::fprintf(out_, "\r\033[K%s", what.c_str());
+    std::fprintf(out_, "\r\033[K%s", task_.c_str());
     std::fflush(out_);
     progressShown_ = true;
 }

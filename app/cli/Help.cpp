@@ -69,7 +69,7 @@ const char* helpFor(const std::string& command) {
                "docs/snapshot.md). Every clip item of a document either plays in the project\n"
                "or is a loss of reading; a summary of the losses goes to standard error.\n"
                "\n"
-               "  --snapshot FILE   write the project as JSON\n"
+               "  --snapshot FILE   write the project as JSON (- : to standard output)\n"
                "  --report FILE     write what reading lost as JSON, each loss with its\n"
                "                    sequence, track and timecode (see the user guide)\n"
                "  --map-path FROM=TO  look for media under TO where the document says FROM\n"

@@ -1,7 +1,14 @@
 #include "app/cli/RunCommand.h"
 
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -9,15 +16,29 @@
 #include "app/cli/Arguments.h"
 #include "app/cli/Help.h"
 #include "app/commands/Commands.h"
+#include "app/output/Batch.h"
 #include "app/pipeline/AroundPlugin.h"
 #include "plugin/Version.h"
 
 namespace qvapp {
 
-int runCommand(int argc, char** argv) {
-    // A file size limit makes a write fail, to be reported like a full disk,
-    // rather than end the process.
-    std::signal(SIGXFSZ, SIG_IGN);
+namespace {
+
+// Why writes to standard output failed, when stdio no longer knows: a file
+// at the size limit, or a full file system; 0 when neither.
+int standardOutputFailure() {
+    struct stat st;
+    if (::fstat(STDOUT_FILENO, &st) != 0 || !S_ISREG(st.st_mode)) return 0;
+    struct rlimit limit;
+    if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
+        static_cast<rlim_t>(st.st_size) >= limit.rlim_cur)
+        return EFBIG;
+    struct statvfs fs;
+    if (::fstatvfs(STDOUT_FILENO, &fs) == 0 && fs.f_bavail == 0) return ENOSPC;
+    return 0;
+}
+
+int runGuarded(int argc, char** argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
     if (args.empty()) {
         std::fputs(kUsage, stderr);
@@ -44,28 +65,53 @@ int runCommand(int argc, char** argv) {
 
     PluginLoader plugin;
     if (!plugin.load(PluginLoader::defaultPath())) {
-        std::fprintf(stderr, "qvxml: %s\n", plugin.error().c_str());
+        std::fprintf(stderr, "qvxml: %s\n", shown(plugin.error()).c_str());
         return kExitPlugin;
     }
     Commands commands(plugin, console);
     commands.setListRate(parsed.listRate);
-    int code;
-    if (command == "convert")
-        code = commands.convert(o);
-    else if (command == "import")
-        code = commands.import(o);
-    else if (command == "export")
-        code = commands.exportSnapshot(o);
-    else if (command == "info")
-        code = commands.info(o);
-    else if (command == "draw")
-        code = commands.draw(o);
-    else if (command == "relink")
-        code = commands.relink(o);
-    else
-        code = commands.rate(o);
+    // The work on the documents: whatever it throws ends it as a failure of
+    // those documents, in one sentence (convert and info guard each document
+    // of a batch on its own, and go on past it).
+    int code = guardedJob(o.inputs.empty() ? command : o.inputs.front(), stderr, [&] {
+        if (command == "convert") return commands.convert(o);
+        if (command == "import") return commands.import(o);
+        if (command == "export") return commands.exportSnapshot(o);
+        if (command == "info") return commands.info(o);
+        if (command == "draw") return commands.draw(o);
+        if (command == "relink") return commands.relink(o);
+        return commands.rate(o);
+    });
     setApplicationLog(nullptr);
+    // What went to standard output is written, or the run says it was not
+    // (a full disk, a file size limit).
+    errno = 0;
+    int error = std::fflush(stdout) != 0 ? errno : 0;
+    if (error || std::ferror(stdout)) {
+        if (!error) error = standardOutputFailure();
+        std::fprintf(stderr, "qvxml: cannot write to standard output: %s\n",
+                     error ? reasonOf(error).c_str() : "a write to it failed");
+        if (code == kExitOK) code = kExitNotWritable;
+    }
     return code;
+}
+
+}  // namespace
+
+int runCommand(int argc, char** argv) {
+    // A file size limit makes a write fail, to be reported like a full disk,
+    // rather than end the process.
+    std::signal(SIGXFSZ, SIG_IGN);
+    // The last guard: a fault of qvxml's own, outside the work on any
+    // document, is one sentence and status 1, never an abort.
+    try {
+        return runGuarded(argc, argv);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "qvxml: stopped at a fault of its own: %s\n", shown(e.what()).c_str());
+    } catch (...) {
+        std::fprintf(stderr, "qvxml: stopped at a fault of its own\n");
+    }
+    return kExitInternal;
 }
 
 }  // namespace qvapp

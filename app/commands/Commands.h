@@ -76,6 +76,12 @@ class Commands {
     // `observer`, if any, sees the document's elements in the same scan.
     int checkDocument(const std::string& input, std::string_view bytes, const DocumentHead& head,
                       bool lenient, bool& untrusted, XmlObserver* observer = nullptr);
+    // Reads a document's bytes and checks them (checkDocument). A document
+    // declared in ISO-8859-1 or Windows-1252 is checked as UTF-8: its
+    // converted text is left in `converted` (empty otherwise), to be handed
+    // to the plug-in (MendedVersion), and `head` is read again from it.
+    int readAndCheck(const std::string& input, DocumentHead& head, bool lenient, bool& untrusted,
+                     XmlObserver* observer, std::string& converted);
     // The losses of reading a document: what the reader recorded, and the
     // clip items of `clips` that the check cannot account for, which it
     // also tells in warnings.

@@ -104,7 +104,7 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
             if (e->isShot()) toWrite.push_back(e);
     if (toWrite.empty()) {
         std::fprintf(err_, "qvxml: %s holds no sequences and no shots; nothing to write\n",
-                     inQuotes(input).c_str());
+                     shown(inQuotes(input)).c_str());
         return kExitOK;
     }
     // Names are chosen in the order of the inputs, so that a run names its
@@ -149,9 +149,10 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
         for (Loss& l : writerLosses(s, records))
             losses.items.push_back(std::move(l));
     }
+    losses.warnings = console_->warnings();
     // The summary speaks for files written; a failure has said its own.
     if (o.verbosity != Verbosity::Quiet && result == kExitOK)
-        std::fprintf(err_, "qvxml: %s\n", lossSummary(losses).c_str());
+        std::fprintf(err_, "qvxml: %s\n", shown(lossSummary(losses)).c_str());
     if (untrusted) {
         int code = fail(kExitUntrusted, inQuotes(input) +
                                             " was written as --lenient asks, but its times cannot "
@@ -174,7 +175,9 @@ int Commands::convertAll(const Options& o, const Flavour& flavour, const std::st
     std::vector<DocumentLosses> losses(o.inputs.size());
     int result = kExitOK;
     if (o.inputs.size() == 1) {
-        result = convertDocument(0, o.inputs[0], o, flavour, extension, nullptr, losses[0]);
+        result = guardedJob(o.inputs[0], err_, [&] {
+            return convertDocument(0, o.inputs[0], o, flavour, extension, nullptr, losses[0]);
+        });
     } else {
         Turns turns;
         Batch batch(Batch::jobsFor(o.jobs, o.inputs.size()), "converting",
@@ -201,7 +204,7 @@ int Commands::convertAll(const Options& o, const Flavour& flavour, const std::st
                 for (const std::string& f : failed)
                     summary += " " + inQuotes(f);
             }
-            std::fprintf(err_, "qvxml: %s\n", summary.c_str());
+            std::fprintf(err_, "qvxml: %s\n", shown(summary).c_str());
         }
     }
     if (!o.report.empty())
@@ -227,6 +230,7 @@ int Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour
     else
         losses.outputs.push_back(fileName);
     std::vector<LossRecord> records = console_->takeLosses();
+    losses.warnings = console_->warnings();
     if (!edit->isShot()) {
         DocumentInfo info = describe({edit}, identitiesOf(EditStore::current()), input, "snapshot");
         if (!info.sequences.empty()) {
@@ -237,7 +241,7 @@ int Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour
         }
     }
     if (o.verbosity != Verbosity::Quiet)
-        std::fprintf(err_, "qvxml: %s\n", lossSummary(losses).c_str());
+        std::fprintf(err_, "qvxml: %s\n", shown(lossSummary(losses)).c_str());
     if (!o.report.empty()) return writeFile(o.report, lossReportText({losses}, "export"), o);
     return kExitOK;
 }

@@ -308,7 +308,7 @@ int Commands::draw(const Options& o) {
             num(y) + "\">\n" + body + "</svg>\n";
     }
     if (int failed = writeFile(output, content, o)) return failed;
-    std::fprintf(out_, "%s\n", absolute(output).c_str());
+    std::fprintf(out_, "%s\n", shown(absolute(output)).c_str());
     return kExitOK;
 }
 

@@ -43,14 +43,18 @@ int Commands::import(const Options& o) {
                     s && s->isShot() && before.count(s->cookie.uuid))
                     linked.insert(s->cookie.uuid);
     }
-    std::printf("%zu sequence%s, %d shot%s imported, %zu linked, %d offline", made.size(),
-                made.size() == 1 ? "" : "s", imported, imported == 1 ? "" : "s", linked.size(),
-                offline);
-    if (subclips) std::printf(", %d sub-clip%s", subclips, subclips == 1 ? "" : "s");
-    std::printf(", %d warning%s\n", console_->warnings(), console_->warnings() == 1 ? "" : "s");
+    // A snapshot on standard output has it to itself: what was made is told
+    // on standard error then.
+    std::FILE* told = isStandardOutput(o.snapshot) ? err_ : stdout;
+    std::fprintf(told, "%zu sequence%s, %d shot%s imported, %zu linked, %d offline", made.size(),
+                 made.size() == 1 ? "" : "s", imported, imported == 1 ? "" : "s", linked.size(),
+                 offline);
+    if (subclips) std::fprintf(told, ", %d sub-clip%s", subclips, subclips == 1 ? "" : "s");
+    std::fprintf(told, ", %d warning%s\n", console_->warnings(),
+                 console_->warnings() == 1 ? "" : "s");
     for (const Qv::Ptr<Edit>& e : made)
-        std::printf("  sequence %s\n", shown(inQuotes(narrow(e->name))).c_str());
-    std::fflush(stdout);
+        std::fprintf(told, "  sequence %s\n", shown(inQuotes(narrow(e->name))).c_str());
+    std::fflush(told);
     // What reading each document lost: a line each that lost anything, and
     // the report. Its timecodes are the document's, good whether the times
     // read can be trusted or not. A document whose times cannot be trusted
@@ -74,8 +78,10 @@ int Commands::import(const Options& o) {
                                                               "(--lenient writes it)"));
     if (!o.snapshot.empty()) {
         if (int failed = writeFile(o.snapshot, Snapshot::dump(project), o)) return failed;
-        std::printf("snapshot written to %s\n", shown(o.snapshot).c_str());
-        std::fflush(stdout);
+        if (!isStandardOutput(o.snapshot)) {
+            std::printf("snapshot written to %s\n", shown(o.snapshot).c_str());
+            std::fflush(stdout);
+        }
     }
     if (!untrusted.empty())
         return fail(kExitUntrusted, untrusted + " cannot be trusted: times are wrong or lost " +

@@ -147,11 +147,13 @@ json infoJson(const DocumentInfo& d) {
 }
 
 std::string infoText(const DocumentInfo& d, bool clips, bool mediaList, bool markers) {
-    std::string t = d.path + " (" + d.format + ")\n";
+    // Names, paths and locators come from documents: each is shown, never
+    // obeyed by a terminal.
+    std::string t = shown(d.path) + " (" + d.format + ")\n";
     if (d.sequences.empty()) t += "  no sequences\n";
     for (const SequenceInfo& s : d.sequences) {
-        t += "  sequence " + inQuotes(s.name) + "  " + s.rate + " fps  starts " + s.timecode(0) +
-             "  lasts " + s.length(s.duration) + "\n";
+        t += "  sequence " + shown(inQuotes(s.name)) + "  " + s.rate + " fps  starts " +
+             s.timecode(0) + "  lasts " + s.length(s.duration) + "\n";
         int offline = 0;
         for (int m : s.media)
             offline += d.media[static_cast<std::size_t>(m)].status == "offline";
@@ -167,10 +169,10 @@ std::string infoText(const DocumentInfo& d, bool clips, bool mediaList, bool mar
         if (clips && !s.clips.empty()) {
             t += "    clips:\n";
             for (const ClipInfo& c : s.clips) {
-                t += "      " + pad(s.tracks[static_cast<std::size_t>(c.track)].name, 4) +
+                t += "      " + pad(shown(s.tracks[static_cast<std::size_t>(c.track)].name), 4) +
                      s.timecode(c.recordIn) + " " + s.timecode(c.recordOut) + "  " +
                      pad(c.sourceIn.empty() ? "" : c.sourceIn + " " + c.sourceOut, 24) +
-                     inQuotes(c.name);
+                     shown(inQuotes(c.name));
                 if (c.speed != 1) t += "  speed " + speedText(c.speed);
                 if (c.kind != "shot") t += "  (" + c.kind + ")";
                 if (c.multiAngle) t += "  (multi-angle)";
@@ -181,8 +183,8 @@ std::string infoText(const DocumentInfo& d, bool clips, bool mediaList, bool mar
         if (markers && !s.markers.empty()) {
             t += "    markers:\n";
             for (const MarkerInfo& m : s.markers) {
-                t += "      " + s.timecode(m.in) + "  " + inQuotes(m.name);
-                if (!m.comment.empty()) t += "  " + m.comment;
+                t += "      " + s.timecode(m.in) + "  " + shown(inQuotes(m.name));
+                if (!m.comment.empty()) t += "  " + shown(m.comment);
                 if (m.colour) t += "  " + colourText(m.colour);
                 t += "\n";
             }
@@ -201,16 +203,16 @@ std::string infoText(const DocumentInfo& d, bool clips, bool mediaList, bool mar
          std::to_string(counts[2]) + " linked, " + std::to_string(counts[3]) + " offline\n";
     if (mediaList) {
         for (const MediaInfo& m : d.media) {
-            t += "    " + pad(m.status, 9) + inQuotes(m.name);
-            if (!m.path.empty()) t += "  " + m.path;
+            t += "    " + pad(m.status, 9) + shown(inQuotes(m.name));
+            if (!m.path.empty()) t += "  " + shown(m.path);
             if (m.mapped) t += "  (mapped)";
             t += "\n";
             if (m.status == "offline") {
-                t += "             " + m.why;
-                if (!m.locator.empty()) t += "; named " + m.locator;
+                t += "             " + shown(m.why);
+                if (!m.locator.empty()) t += "; named " + shown(m.locator);
                 t += "\n";
                 for (const std::string& place : m.lookedIn)
-                    t += "             looked in " + place + "\n";
+                    t += "             looked in " + shown(place) + "\n";
             }
         }
     }
@@ -269,7 +271,8 @@ int Commands::info(const Options& o) {
     std::vector<std::string> texts(o.inputs.size());
     std::vector<int> status(o.inputs.size(), kExitOK);
     if (o.inputs.size() == 1) {
-        status[0] = infoDocument(o.inputs[0], o, texts[0]);
+        status[0] =
+            guardedJob(o.inputs[0], err_, [&] { return infoDocument(o.inputs[0], o, texts[0]); });
     } else {
         Batch batch(Batch::jobsFor(o.jobs, o.inputs.size()), "reading",
                     o.verbosity != Verbosity::Quiet);

@@ -31,16 +31,13 @@ int Commands::rate(const Options& o) {
     }
     if (isListInput(input)) return rateOfList(input);
     DocumentHead head = readDocumentHead(input);
-    {
-        std::string bytes;
-        if (!readWhole(input, bytes))
-            return fail(kExitUnreadable, "cannot read " + inQuotes(input) + ": " + reasonOf(errno));
-        bool untrusted = false;
-        if (int refused = checkDocument(input, bytes, head, o.lenient, untrusted)) return refused;
-    }
+    std::string converted;
+    bool untrusted = false;
+    if (int refused = readAndCheck(input, head, o.lenient, untrusted, nullptr, converted))
+        return refused;
     Qv::FrameRate r;
     {
-        MendedVersion mended(input, head, path, log());
+        MendedVersion mended(input, head, path, log(), std::move(converted));
         r = resource->getFrameRate(path);
     }
     if (r == Qv::eFrameRateNone) {

@@ -165,6 +165,11 @@ std::string whatMatched(const Expected& e, const MediaProbe& p) {
     return facts;
 }
 
+// A line for the user, its names and paths shown, never obeyed.
+void say(std::FILE* to, const std::string& line) {
+    std::fputs((shown(line) + "\n").c_str(), to);
+}
+
 }  // namespace
 
 int Commands::relink(const Options& o) {
@@ -181,6 +186,9 @@ int Commands::relink(const Options& o) {
     // The snapshot read is never written over: the relinked one goes beside
     // it, as NAME.relinked.json, unless -o says where.
     std::string output = o.outputGiven ? o.outputDir : relinkedName(input);
+    // A snapshot on standard output has it to itself: what is linked is told
+    // on standard error then.
+    if (!o.dryRun && isStandardOutput(output)) out_ = err_;
     startRun({input}, o.overwrite);
     if (!o.dryRun)
         if (WriteResult w = run_->output->check(output); !w) return fail(w.code, w.sentence);
@@ -202,16 +210,16 @@ int Commands::relink(const Options& o) {
             !shot->mediaPath.empty() ? shot->mediaPath : shot->historicLocator;
         std::string name = narrow(stripPath(locatorToPlatformForm(named)));
         if (name.empty()) {
-            std::fprintf(out_, "still offline %s: no file is named for it\n", label.c_str());
+            say(out_, "still offline " + label + ": no file is named for it");
             continue;
         }
         std::vector<std::string> candidates = files.find(name);
         if (candidates.empty()) {
             if (std::string what = files.notAFile(name); !what.empty())
-                std::fprintf(out_, "still offline %s: %s\n", label.c_str(), what.c_str());
+                say(out_, "still offline " + label + ": " + what);
             else
-                std::fprintf(out_, "still offline %s: no file named %s in the search folders\n",
-                             label.c_str(), inQuotes(name).c_str());
+                say(out_, "still offline " + label + ": no file named " + inQuotes(name) +
+                              " in the search folders");
             continue;
         }
         // Every candidate is probed: one of the same name may still be
@@ -229,7 +237,7 @@ int Commands::relink(const Options& o) {
                 whyNot = inQuotes(c) + ": " + why;
         }
         if (LightweightString<char> why = takeMediaProbingUnavailable(); !why.empty())
-            std::fprintf(err_, "qvxml: %s\n", why.c_str());
+            say(err_, "qvxml: " + std::string(why.c_str()));
         // The one file of that name is the shot's media, if it is media at
         // all; that it disagrees with the shot is said.
         std::string caveat;
@@ -242,15 +250,14 @@ int Commands::relink(const Options& o) {
         }
         if (agreeing.size() != 1) {
             if (agreeing.empty())
-                std::fprintf(
-                    out_, "still offline %s: %s of that name, and none agrees with it (%s)\n",
-                    label.c_str(), counted(static_cast<long>(candidates.size()), "file").c_str(),
-                    whyNot.c_str());
+                say(out_, "still offline " + label + ": " +
+                              counted(static_cast<long>(candidates.size()), "file") +
+                              " of that name, and none agrees with it (" + whyNot + ")");
             else
-                std::fprintf(out_,
-                             "still offline %s: %zu files named %s agree with it; move the "
-                             "wrong ones out of the search folders or name one with --search\n",
-                             label.c_str(), agreeing.size(), inQuotes(name).c_str());
+                say(out_, "still offline " + label + ": " + std::to_string(agreeing.size()) +
+                              " files named " + inQuotes(name) +
+                              " agree with it; move the wrong ones out of the search folders or "
+                              "name one with --search");
             continue;
         }
         const auto& [path, probe] = agreeing.front();
@@ -259,9 +266,8 @@ int Commands::relink(const Options& o) {
                               : "by name, then picture size, length and sound among " +
                                     std::to_string(candidates.size()) + " files";
         std::string facts = caveat.empty() ? whatMatched(expected, probe) : "";
-        std::fprintf(out_, "%s %s to %s (%s%s)\n", o.dryRun ? "would link" : "linked",
-                     label.c_str(), path.c_str(), how.c_str(),
-                     (facts.empty() ? caveat : ": " + facts + caveat).c_str());
+        say(out_, std::string(o.dryRun ? "would link " : "linked ") + label + " to " + path + " (" +
+                      how + (facts.empty() ? caveat : ": " + facts + caveat) + ")");
         ++linked;
         if (!o.dryRun) shot->mediaPath = wide(path);
     }
@@ -271,7 +277,7 @@ int Commands::relink(const Options& o) {
     std::fflush(out_);
     if (o.dryRun) return kExitOK;
     if (int failed = writeFile(output, Snapshot::dump(project), o)) return failed;
-    std::fprintf(out_, "snapshot written to %s\n", output.c_str());
+    if (!isStandardOutput(output)) say(out_, "snapshot written to " + output);
     return kExitOK;
 }
 

@@ -318,7 +318,11 @@ std::vector<Loss> recordedLosses(const std::vector<LossRecord>& records, const c
 std::string lossSummary(const DocumentLosses& d) {
     std::map<std::string, int> counts = d.counts();
     std::string head = d.input + (d.target.empty() ? "" : " to " + d.target) + ": ";
-    if (counts.empty()) return head + "nothing was lost";
+    if (counts.empty())
+        return head + (d.warnings == 0
+                           ? std::string("nothing was lost")
+                           : "no loss was recorded, but " + counted(d.warnings, "warning") +
+                                 " above may tell of one");
     std::vector<std::pair<std::string, int>> kinds(counts.begin(), counts.end());
     std::sort(kinds.begin(), kinds.end(), [](const auto& a, const auto& b) {
         return a.second != b.second ? a.second > b.second : kindOrder(a.first) < kindOrder(b.first);

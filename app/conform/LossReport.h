@@ -31,6 +31,9 @@ struct DocumentLosses {
     std::vector<std::string> outputs;
     std::vector<Loss> items;
     bool read = false;  // the document was read (a failed one has no report)
+    // The warnings the run gave while the document was read and written: a
+    // summary without losses does not say that nothing was lost beside them.
+    int warnings = 0;
 
     std::map<std::string, int> counts() const;
 };
@@ -62,7 +65,8 @@ std::vector<Loss> writerLosses(const SequenceInfo& sequence,
 // they stand, with the origin given.
 std::vector<Loss> recordedLosses(const std::vector<LossRecord>& records, const char* origin);
 
-// One line for standard error: how many losses of which kinds.
+// One line for standard error: how many losses of which kinds. Without
+// losses, "nothing was lost" only when no warning was given either.
 std::string lossSummary(const DocumentLosses& losses);
 
 nlohmann::json lossJson(const DocumentLosses& losses);

@@ -4,7 +4,13 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <exception>
+#include <new>
 #include <thread>
+
+#include "app/Status.h"
+#include "app/cli/Console.h"
+#include "app/pipeline/Text.h"
 
 namespace qvapp {
 
@@ -36,6 +42,25 @@ class MemoryStream {
 };
 
 }  // namespace
+
+int guardedJob(const std::string& input, std::FILE* err, const std::function<int()>& job) {
+    std::string why;
+    try {
+        return job();
+    } catch (const std::bad_alloc&) {
+        std::fprintf(err, "qvxml: there is not enough memory for %s\n",
+                     shown(inQuotes(input)).c_str());
+        return kExitUnreadable;
+    } catch (const std::exception& e) {
+        why = e.what();
+    } catch (...) {
+        why = "an exception of no known kind";
+    }
+    std::fprintf(
+        err, "qvxml: %s\n",
+        shown(inQuotes(input) + " failed at a fault qvxml did not foresee: " + why).c_str());
+    return kExitFailed;
+}
 
 Batch::Batch(int jobs, std::string verb, bool showBar)
     : jobs_(jobs < 1 ? 1 : jobs),
@@ -74,7 +99,7 @@ std::vector<JobResult> Batch::run(
             size_t slash = name.rfind('/');
             if (slash != std::string::npos) name = name.substr(slash + 1);
             if (name.size() > 40) name = name.substr(0, 37) + "...";
-            line += "  " + verb_ + " " + name;
+            line += "  " + verb_ + " " + qvapp::shown(name);
         }
         std::fputs(line.c_str(), stderr);
         std::fflush(stderr);
@@ -111,7 +136,8 @@ std::vector<JobResult> Batch::run(
                 drawBar();
             }
             MemoryStream out, err;
-            int status = work(i, out.file(), err.file());
+            int status =
+                guardedJob(labels[i], err.file(), [&] { return work(i, out.file(), err.file()); });
             std::lock_guard<std::mutex> lock(mutex);
             results[i].status = status;
             results[i].out = out.take();

@@ -19,6 +19,12 @@ struct JobResult {
     std::string out, err;  // what the job wrote
 };
 
+// Runs one document's job so that nothing it throws escapes it: a fault
+// becomes one sentence on `err` naming the document, and the status of an
+// import or export that failed on its way (of an unreadable document when
+// memory ran out). Every job of a batch runs so.
+int guardedJob(const std::string& input, std::FILE* err, const std::function<int()>& job);
+
 class Batch {
   public:
     // `verb` names the work on the bar ("converting"). `showBar` asks for

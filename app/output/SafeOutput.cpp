@@ -8,11 +8,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "app/commands/Commands.h"
+#include "app/pipeline/Pipeline.h"
 #include "app/pipeline/Text.h"
 #include "host/OS.h"
 #include "host/Paths.h"
@@ -71,7 +73,48 @@ int renameNoReplace(const char* from, const char* to) {
 #endif
 }
 
+// What a file that is not a regular one is, for a sentence.
+std::string kindOf(mode_t mode) {
+    if (S_ISFIFO(mode)) return "a pipe (FIFO)";
+    if (S_ISCHR(mode)) return "a character device";
+    if (S_ISBLK(mode)) return "a block device";
+    if (S_ISSOCK(mode)) return "a socket";
+    return "no regular file";
+}
+
+// Whether `path` names, itself or through links, one of a process's own
+// streams (/dev/stdout, /dev/fd/N, /proc/self/fd/N): a name whose file
+// depends on who opens it, never to be replaced by a file of its own.
+bool namesAStream(const std::string& path) {
+    std::string p = path;
+    for (int hop = 0; hop < 40; ++hop) {
+        std::string folder = folderOf(p);
+        std::size_t slash = p.find_last_of('/');
+        std::string name = slash == std::string::npos ? p : p.substr(slash + 1);
+        char real[PATH_MAX];
+        if (::realpath(folder.c_str(), real)) {
+            std::string_view r(real);
+            if (r == "/proc" || r.starts_with("/proc/")) return true;
+            if (r == "/dev" &&
+                (name == "stdin" || name == "stdout" || name == "stderr" || name == "fd"))
+                return true;
+        }
+        struct stat st;
+        if (::lstat(p.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return false;
+        char target[PATH_MAX];
+        ssize_t n = ::readlink(p.c_str(), target, sizeof target - 1);
+        if (n <= 0) return false;
+        std::string t(target, static_cast<std::size_t>(n));
+        p = t[0] == '/' ? t : folder + "/" + t;
+    }
+    return false;
+}
+
 }  // namespace
+
+bool isStandardOutput(const std::string& path) {
+    return path == "-" || path == "/dev/stdout";
+}
 
 void InputFiles::add(const std::string& path) {
     struct stat st;
@@ -131,9 +174,27 @@ SafeOutput::~SafeOutput() {
 }
 
 WriteResult SafeOutput::check(const std::string& path) const {
+    struct stat st;
+    if (isStandardOutput(path)) {
+        if (::fstat(STDOUT_FILENO, &st) != 0)
+            return failed(kExitNotWritable,
+                          "cannot write " + inQuotes(path) + ": standard output is closed");
+        if (S_ISREG(st.st_mode) && inputs_.contains(st))
+            return failed(kExitNotWritable, "will not write " + inQuotes(path) +
+                                                ": standard output is an input of this run, and "
+                                                "qvxml never writes over its inputs");
+        return {};
+    }
+    // Anything but a regular file is refused before any work: a pipe would
+    // hold the run until someone reads it, a device takes the bytes and
+    // keeps nothing, and a name of the process's own streams would be
+    // replaced by a file.
+    if (namesAStream(path))
+        return failed(kExitNotWritable, "will not write " + inQuotes(path) +
+                                            ": it is a stream of the process, not a regular file "
+                                            "(- names standard output)");
     std::string folder = folderOf(path);
     if (WriteResult r = checkFolder(folder, "the folder"); !r) return r;
-    struct stat st;
     if (::stat(path.c_str(), &st) != 0) return {};
     if (S_ISDIR(st.st_mode))
         return failed(kExitNotWritable,
@@ -142,31 +203,29 @@ WriteResult SafeOutput::check(const std::string& path) const {
         return failed(kExitNotWritable, "will not write " + inQuotes(path) +
                                             ": it is an input of this run, and qvxml never "
                                             "writes over its inputs");
-    if (S_ISREG(st.st_mode) && !overwrite_)
+    if (!S_ISREG(st.st_mode))
+        return failed(kExitNotWritable, "will not write " + inQuotes(path) + ": it is " +
+                                            kindOf(st.st_mode) + ", not a regular file");
+    if (!overwrite_)
         return failed(kExitNotWritable,
                       inQuotes(path) + " exists already and is kept (--overwrite replaces it)");
     return {};
 }
 
-WriteResult SafeOutput::writeInPlace(const std::string& path, std::string_view bytes) {
-    // A device or a pipe (/dev/stdout, say) is written as it stands: there is
-    // nothing to rename.
-    int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0) return cannotWrite(path, errno);
+WriteResult SafeOutput::writeToStandardOutput(const std::string& path, std::string_view bytes) {
+    // Standard output is written as it stands, wherever it goes: there is
+    // nothing to rename. What the command printed before goes first.
+    std::fflush(stdout);
     int error = 0;
-    bool ok = writeAll(fd, bytes, error) && flush(fd, error);
-    if (::close(fd) != 0 && ok) {
-        ok = false;
-        error = errno;
-    }
+    bool ok = writeAll(STDOUT_FILENO, bytes, error) && flush(STDOUT_FILENO, error);
     return ok ? WriteResult{} : cannotWrite(path, error);
 }
 
 WriteResult SafeOutput::write(const std::string& path, std::string_view bytes) {
     if (WriteResult r = check(path); !r) return r;
+    if (isStandardOutput(path)) return writeToStandardOutput(path, bytes);
     struct stat st;
     bool existed = ::stat(path.c_str(), &st) == 0;
-    if (existed && !S_ISREG(st.st_mode)) return writeInPlace(path, bytes);
 
     std::string folder = folderOf(path);
     std::string temporary = folder + "/.qvxml-XXXXXX";
@@ -210,18 +269,13 @@ WriteResult SafeOutput::commit(const std::string& finished, const std::string& p
     ::close(fd);
     if (!ok) return cannotWrite(path, error);
 
+    if (isStandardOutput(path)) {
+        std::string bytes;
+        if (!readWhole(finished, bytes)) return cannotWrite(path, errno);
+        return writeToStandardOutput(path, bytes);
+    }
     struct stat existing;
     bool existed = ::stat(path.c_str(), &existing) == 0;
-    if (existed && !S_ISREG(existing.st_mode)) {
-        std::string bytes;
-        FILE* in = std::fopen(finished.c_str(), "rb");
-        if (!in) return cannotWrite(path, errno);
-        char buffer[65536];
-        for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, in)) > 0;)
-            bytes.append(buffer, n);
-        std::fclose(in);
-        return writeInPlace(path, bytes);
-    }
     return publish(finished, path, existed);
 }
 

@@ -48,6 +48,12 @@ class InputFiles {
 // Why an errno failed, as the end of a sentence: "no space left on device".
 std::string reasonOf(int error);
 
+// Whether a destination is the command's standard output: "-", or
+// "/dev/stdout" by name. It is written as it stands, whatever it is (a pipe,
+// a file, a terminal); every other destination must be a regular file or
+// none yet.
+bool isStandardOutput(const std::string& path);
+
 // A folder that files are to go into: it must exist and be a folder. `role`
 // names it in the sentence ("the output folder").
 WriteResult checkFolder(const std::string& folder, const std::string& role);
@@ -71,7 +77,7 @@ class SafeOutput {
 
   private:
     WriteResult publish(const std::string& temporary, const std::string& path, bool existed);
-    WriteResult writeInPlace(const std::string& path, std::string_view bytes);
+    WriteResult writeToStandardOutput(const std::string& path, std::string_view bytes);
 
     const InputFiles& inputs_;
     bool overwrite_;

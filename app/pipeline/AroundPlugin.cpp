@@ -9,18 +9,24 @@
 namespace qvapp {
 
 MendedVersion::MendedVersion(const std::string& input, const DocumentHead& head,
-                             const LightweightString<wchar_t>& path, LoggerHandle log)
+                             const LightweightString<wchar_t>& path, LoggerHandle log,
+                             std::string converted)
     : path_(path) {
     VersionMend mend = mendVersion(head);
-    std::string bytes;
-    if (mend.attribute.empty() || !readWhole(input, bytes) ||
-        mend.offset + mend.length > bytes.size())
-        return;
-    bytes.replace(mend.offset, mend.length, mend.attribute);
+    std::string bytes = std::move(converted);
+    const bool handedOver = !bytes.empty();
+    bool mended = false;
+    if (!mend.attribute.empty() && (handedOver || readWhole(input, bytes)) &&
+        mend.offset + mend.length <= bytes.size()) {
+        bytes.replace(mend.offset, mend.length, mend.attribute);
+        mended = true;
+    }
+    if (!mended && !handedOver) return;
     setFileOverlay(path_, std::move(bytes));
     active_ = true;
-    log.WarningOut("%s: %s version \"%s\" is read as version %s", input.c_str(), head.root.c_str(),
-                   mend.was.c_str(), mend.becomes.c_str());
+    if (mended)
+        log.WarningOut("%s: %s version \"%s\" is read as version %s", input.c_str(),
+                       head.root.c_str(), mend.was.c_str(), mend.becomes.c_str());
 }
 MendedVersion::~MendedVersion() {
     if (active_) clearFileOverlay(path_);

@@ -5,7 +5,8 @@
 // writers can learn all of it in one place:
 //
 // - MendedVersion: a document whose version attribute is only misspelt is
-//   handed to the plug-in mended, through the host's file overlay.
+//   handed to the plug-in mended, and one in ISO-8859-1 or Windows-1252 as
+//   UTF-8, through the host's file overlay.
 // - LeaveOutShotsWithoutFiles: before an fcpxml export, shots without a media
 //   file are switched off, so that one such shot does not end the export.
 // - --map-path: the rules are set in the host's file layer, where every
@@ -31,11 +32,14 @@ namespace qvapp {
 // an xmeml version as a decimal ("5.0") where the readers want "5", and the
 // native writer spells the attribute version="2" where its readers want
 // Version="2.0"; refusing such a document would lose a timeline over a
-// spelling (see mendVersion).
+// spelling (see mendVersion). `converted`, when not empty, is the document
+// turned into UTF-8 (see toUtf8), handed over in its place whether or not
+// its version needs mending; `head` is then the head of those bytes.
 class MendedVersion {
   public:
     MendedVersion(const std::string& input, const DocumentHead& head,
-                  const LightweightString<wchar_t>& path, LoggerHandle log);
+                  const LightweightString<wchar_t>& path, LoggerHandle log,
+                  std::string converted = {});
     ~MendedVersion();
     MendedVersion(const MendedVersion&) = delete;
     MendedVersion& operator=(const MendedVersion&) = delete;

@@ -11,6 +11,7 @@
 #include <set>
 
 #include "app/checks/DocumentCheck.h"
+#include "app/checks/Encoding.h"
 #include "app/checks/WellFormed.h"
 #include "app/commands/Commands.h"
 #include "app/conform/Accounting.h"
@@ -117,6 +118,28 @@ int Commands::checkDocument(const std::string& input, std::string_view bytes,
     return kExitOK;
 }
 
+int Commands::readAndCheck(const std::string& input, DocumentHead& head, bool lenient,
+                           bool& untrusted, XmlObserver* observer, std::string& converted) {
+    std::string bytes;
+    if (!readWhole(input, bytes))
+        return fail(kExitUnreadable, "cannot read " + inQuotes(input) + ": " + reasonOf(errno));
+    // A document in another encoding is read as UTF-8: the check and the
+    // plug-in see the converted text.
+    DeclaredEncoding encoding = toUtf8(bytes);
+    if (!encoding.readable) {
+        std::string why = inQuotes(input) + " is written in " + inQuotes(encoding.name) +
+                          " (line 1), which qvxml cannot read; it reads UTF-8, ISO-8859-1 and " +
+                          "Windows-1252";
+        if (!lenient) return fail(kExitRefused, why + " (--lenient reads it as UTF-8)");
+        log().WarningOut("%s; it is read as UTF-8, as --lenient asks", why.c_str());
+    }
+    if (encoding.converted) head = readDocumentHead(std::string_view(bytes));
+    if (int refused = checkDocument(input, bytes, head, lenient, untrusted, observer))
+        return refused;
+    if (encoding.converted) converted = std::move(bytes);
+    return kExitOK;
+}
+
 bool Commands::warnUnusable(const std::vector<Qv::Ptr<Edit>>& edits) {
     Unusable found = unusableValues(edits, 10);
     for (const Finding& f : found.named)
@@ -200,17 +223,12 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
         // checks it, for the check of what its import made.
         XmemlClipLister lister;
         const bool xmeml = head.kind == DocumentHead::Kind::Xmeml;
-        {
-            std::string bytes;
-            if (!readWhole(input, bytes))
-                return fail(kExitUnreadable,
-                            "cannot read " + inQuotes(input) + ": " + reasonOf(errno));
-            if (int refused = checkDocument(input, bytes, head, lenient, untrusted,
-                                            xmeml ? &lister : nullptr))
-                return refused;
-        }
+        std::string converted;
+        if (int refused =
+                readAndCheck(input, head, lenient, untrusted, xmeml ? &lister : nullptr, converted))
+            return refused;
         const LightweightString<wchar_t> path = widePath(absolute(input));
-        MendedVersion mended(input, head, path, log());
+        MendedVersion mended(input, head, path, log(), std::move(converted));
 
         ImportFileList files;
         files.push_back(Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({path})));

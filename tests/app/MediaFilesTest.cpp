@@ -5,6 +5,7 @@
 // suite.
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -141,6 +142,11 @@ TEST_F(MediaFiles, PipesDevicesAndEmptyFilesAreNoMedia) {
         EXPECT_NE(relinked.out.find("0 would be linked, 2 still offline"), std::string::npos)
             << relinked.out;
     }
+    // None of them was read whole: no run of the command (the largest of
+    // the children waited for) held more than a probe needs.
+    struct rusage usage;
+    ASSERT_EQ(::getrusage(RUSAGE_CHILDREN, &usage), 0);
+    EXPECT_LT(usage.ru_maxrss, 256L * 1024) << "kilobytes";
 }
 
 }  // namespace

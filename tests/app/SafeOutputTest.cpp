@@ -99,13 +99,44 @@ TEST_F(SafeOutputTest, FoldersThatAreNotThereOrAreFiles) {
     EXPECT_NE(w.sentence.find("a folder of that name is in the way"), std::string::npos);
 }
 
-// A device is written as it stands, and its refusal is a sentence.
-TEST_F(SafeOutputTest, AFullDeviceIsAWriteError) {
-    SafeOutput out(inputs, false);
-    WriteResult w = out.write("/dev/full", std::string(100000, 'x'));
-    EXPECT_EQ(w.code, qvapp::kExitNotWritable);
-    EXPECT_EQ(w.sentence, "cannot write \"/dev/full\": no space left on device");
-    EXPECT_TRUE(out.write("/dev/null", "x"));
+// Only a regular file (or none yet) is a destination: a pipe would hold the
+// run, a device keeps nothing, and a name of the process's own streams would
+// be replaced by a file. Each is refused before anything is written, with
+// --overwrite too, and stays what it was.
+TEST_F(SafeOutputTest, WhatIsNoRegularFileIsRefused) {
+    ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0644), 0);
+    ASSERT_EQ(::symlink("fifo", dir.file("to-fifo").c_str()), 0);
+    ASSERT_EQ(::symlink("/dev/null", dir.file("to-null").c_str()), 0);
+    ASSERT_EQ(::symlink("/proc/self/fd/1", dir.file("to-fd").c_str()), 0);
+    ASSERT_EQ(::symlink("to-fd", dir.file("to-link").c_str()), 0);
+    const std::string fifo = "it is a pipe (FIFO), not a regular file";
+    const std::string device = "it is a character device, not a regular file";
+    const std::string stream = "it is a stream of the process, not a regular file";
+    const std::pair<std::string, std::string> cases[] = {
+        {dir.file("fifo"), fifo},      {dir.file("to-fifo"), fifo}, {dir.file("to-null"), device},
+        {"/dev/null", device},         {"/dev/full", device},       {dir.file("to-fd"), stream},
+        {dir.file("to-link"), stream}, {"/proc/self/fd/1", stream}, {"/dev/fd/2", stream},
+        {"/dev/stderr", stream},
+    };
+    for (bool overwrite : {false, true}) {
+        SafeOutput out(inputs, overwrite);
+        for (const auto& [path, says] : cases) {
+            WriteResult checked = out.check(path);
+            EXPECT_EQ(checked.code, qvapp::kExitNotWritable) << path;
+            EXPECT_NE(checked.sentence.find(says), std::string::npos) << checked.sentence;
+            WriteResult w = out.write(path, "{}");
+            EXPECT_EQ(w.code, qvapp::kExitNotWritable) << path;
+        }
+    }
+    struct stat st;
+    for (const char* link : {"to-fifo", "to-null", "to-fd", "to-link"}) {
+        ASSERT_EQ(::lstat(dir.file(link).c_str(), &st), 0);
+        EXPECT_TRUE(S_ISLNK(st.st_mode)) << link << " is still a link";
+    }
+    EXPECT_EQ(qvtest::listDirectory(dir.path()).size(), 5u) << "no temporary file is left";
+    EXPECT_TRUE(qvapp::isStandardOutput("-"));
+    EXPECT_TRUE(qvapp::isStandardOutput("/dev/stdout"));
+    EXPECT_FALSE(qvapp::isStandardOutput(dir.file("to-fd")));
 }
 
 // The plug-in appends a nameless export's file name to the folder it is

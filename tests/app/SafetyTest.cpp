@@ -3,10 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
+#include <nlohmann/json.hpp>
+
 #include <functional>
 #include <map>
 #include <string>
@@ -84,6 +90,7 @@ class Safety : public qvtest::StoreTest {
         return quote(dir.file(name));
     }
     qvtest::TempDir dir;
+    qvtest::TempDir special;
     std::string out;
 };
 
@@ -117,6 +124,32 @@ TEST_F(Safety, BadInputsCostNoFile) {
                          doc("nul.xml", replaced(example, "<Edit>", std::string("\0<Edit>", 7))) +
                          " --to xmeml --overwrite" + o,
                      9, "a NUL byte stands in the text"});
+    // What is not XML 1.0, wherever it stands: in a name, a locator, a tag.
+    const std::string notWellFormed = "is not well formed";
+    const std::pair<std::string, std::string> malformed[] = {
+        {"<Name>Interview cut</Name>", "<Name>H\xF8iby</Name>"},
+        {"Day%201/interview.mov", "Day%201/intervi\xE9w.mov"},
+        {"<Name>Interview cut</Name>", "<Name>Cut&#27;</Name>"},
+        {"<Name>Interview cut</Name>", "<Name>Cut\x01</Name>"},
+        {"<Name>Interview cut</Name>", "<Name>Cut&#xFFFE;</Name>"},
+        {"<Name>Interview cut</Name>", "<Name>Cut&nbsp;</Name>"},
+        {"<Loc>", "<L\xEF\xBB\xBFoc>"},
+        {"<Loc>",
+         "<L\xEF"
+         "c>"},
+    };
+    for (std::size_t k = 0; k < std::size(malformed); ++k) {
+        std::string name = "bad" + std::to_string(k) + ".xml";
+        cases.push_back({"malformed " + std::to_string(k),
+                         "convert " +
+                             doc(name, replaced(example, malformed[k].first, malformed[k].second)) +
+                             " --to xmeml --overwrite" + o,
+                         9, notWellFormed});
+    }
+    cases.push_back({"unknown encoding",
+                     "import " + doc("sjis.xml", replaced(example, "encoding=\"UTF-8\"",
+                                                          "encoding=\"Shift_JIS\"")),
+                     9, "is written in \"Shift_JIS\" (line 1), which qvxml cannot read"});
     std::string nested = "<QVXML Version=\"2.0\">";
     for (int i = 0; i < 100000; ++i)
         nested += "<Edit><ChanList><Chan>";
@@ -176,8 +209,29 @@ TEST_F(Safety, BadInputsCostNoFile) {
                          " --to native --overwrite" + o,
                      10, "cannot be trusted"});
     const std::string bad = quote(kExample);
-    cases.push_back({"full disk", "import " + bad + " --snapshot /dev/full", 5,
-                     "cannot write \"/dev/full\": no space left on device"});
+    cases.push_back({"full disk", "import " + bad + " --snapshot - >/dev/full", 5,
+                     "cannot write \"-\": no space left on device"});
+    // Destinations that are no regular files, kept apart: reading a pipe
+    // would hold the comparison of the folder.
+    ASSERT_EQ(::mkfifo(special.file("fifo").c_str(), 0644), 0);
+    ::symlink(special.file("fifo").c_str(), special.file("to-fifo").c_str());
+    ::symlink("/dev/null", special.file("to-null").c_str());
+    ::symlink("/proc/self/fd/1", special.file("to-stdout").c_str());
+    for (const char* name : {"fifo", "to-fifo", "to-null", "to-stdout"}) {
+        cases.push_back({std::string("snapshot to ") + name,
+                         "import " + bad + " --overwrite --snapshot " + quote(special.file(name)),
+                         5, "not a regular file"});
+        cases.push_back({std::string("report to ") + name,
+                         "convert " + bad + " --to xmeml --overwrite" + o + " --report " +
+                             quote(special.file(name)),
+                         5, "not a regular file"});
+    }
+    ASSERT_EQ(::mkfifo(special.file("picture.svg").c_str(), 0644), 0);
+    cases.push_back({"picture to a pipe",
+                     "draw " + bad + " -o " + quote(special.file("picture.svg")), 5,
+                     "it is a pipe (FIFO), not a regular file"});
+    cases.push_back({"process stream", "import " + bad + " --snapshot /proc/self/fd/2", 5,
+                     "it is a stream of the process, not a regular file"});
     cases.push_back({"size limit", "convert " + bad + " --to xmeml --overwrite" + o, 5,
                      "file too large", "ulimit -f 1;"});
     std::string user = unprivileged();
@@ -234,9 +288,11 @@ TEST_F(Safety, BadInputsCostNoFile) {
                      "the folder \"" + dir.file("missing") + "\" does not exist"});
 
     std::map<std::string, std::size_t> before = contents(dir.path());
+    std::vector<std::string> specialBefore = qvtest::listDirectory(special.path());
     for (const Case& c : cases) {
         Outcome r = qvxml(c.args, c.prefix);
         EXPECT_EQ(r.status, c.status) << c.label << "\n" << r.err;
+        EXPECT_EQ(qvtest::listDirectory(special.path()), specialBefore) << c.label;
         EXPECT_EQ(sentences(r.err), 1) << c.label << "\n" << r.err;
         EXPECT_NE(r.err.find(c.says), std::string::npos) << c.label << "\n" << r.err;
         EXPECT_EQ(contents(dir.path()), before) << c.label;
@@ -386,21 +442,207 @@ TEST_F(Safety, DropFrameLabelsAtThirtyKeepTheirNumbers) {
     EXPECT_NE(qvtest::readFile(snapshot).find("\"TC 4 DF 00:10:00;00 104\""), std::string::npos);
 }
 
-// Names are shown, never obeyed: control characters come out escaped.
+// Names are shown, never obeyed: control characters and bytes that are not
+// UTF-8 come out escaped, in every command's words, whether they come from
+// the document's content or the name of its file. XML holds no C0 control,
+// but may hold a C1 one; OpenTimelineIO and snapshots hold any.
 TEST_F(Safety, NamesCannotDriveTheTerminal) {
-    std::string example = qvtest::readFile(kExample);
-    std::string evil = replaced(example, "<Name>Interview cut</Name>",
-                                "<Name>Cut\x1b]0;owned\x07\x1b[2J\xc2\x9b"
-                                "1m</Name>");
-    Outcome r = qvxml("import --verbose " + doc("evil.xml", evil));
-    ASSERT_EQ(r.status, 0) << r.err;
-    for (const std::string* text : {&r.out, &r.err}) {
-        EXPECT_EQ(text->find('\x1b'), std::string::npos) << *text;
-        EXPECT_EQ(text->find("\xc2\x9b"), std::string::npos);
-        EXPECT_EQ(text->find('\x07'), std::string::npos);
+    const std::string c1 = "\xc2\x9b";
+    std::string text = replaced(qvtest::readFile(kExample), "<Name>Interview cut</Name>",
+                                "<Name>Cut" + c1 + "1m</Name>");
+    for (int k = 0; k < 4; ++k)
+        text = replaced(text, "Day%201/", "Day%201" + c1 + "/");
+    // The file's name holds what a document cannot: a byte that is not UTF-8.
+    const std::string xml = doc("evil\x1b[2J\xff.xml", text);
+    const std::string snapshot = dir.file("evil.json");
+    Outcome imported = qvxml("import --verbose " + xml + " --snapshot " + quote(snapshot));
+    ASSERT_EQ(imported.status, 0) << imported.err;
+    EXPECT_NE(imported.out.find("sequence \"Cut\\x9b1m\""), std::string::npos) << imported.out;
+    // The snapshot's names and locators given escape sequences, and written
+    // as OpenTimelineIO.
+    const std::string evil = "\\u001b]0;owned\\u0007\\u001b[2J\\u009b";
+    std::string json = replaced(qvtest::readFile(snapshot), "Cut" + c1, "Cut" + evil);
+    for (int k = 0; k < 2; ++k)
+        json = replaced(json, "Day%201/", "Day%201" + evil + "/");
+    json = replaced(json, "\"name\": \"Interview\"", "\"name\": \"Interview" + evil + "\"");
+    ASSERT_NE(json.find("Cut" + evil), std::string::npos) << json;
+    qvtest::writeFile(snapshot, json);
+    Outcome otio = qvxml("export " + quote(snapshot) + " --to otio -o " + quote(dir.path()) +
+                         " --name " + quote("evil\x1b[2J.otio"));
+    ASSERT_EQ(otio.status, 0) << otio.err;
+    const std::string input = quote(dir.file("evil\x1b[2J.otio"));
+    const std::pair<const char*, std::string> runs[] = {
+        {"import", "import --verbose " + input + " " + xml},
+        {"convert", "convert --verbose " + input + " --to xmeml --overwrite -o " + quote(out)},
+        {"batch",
+         "convert " + input + " " + xml + " -j 2 --to native --overwrite -o " + quote(out)},
+        {"edl", "convert " + input + " --to edl --overwrite -o " + quote(out)},
+        {"info", "info " + input + " --clips --media --markers"},
+        {"info of two", "info " + input + " " + xml + " --media -j 2"},
+        {"draw", "draw " + input + " --overwrite -o " + quote(out + "/\x1b[2J.svg")},
+        {"relink", "relink " + quote(snapshot) + " --search " + quote(dir.path()) + " --dry-run"},
+        {"rate", "rate " + input},
+        {"refused", "import " + doc("\x1b[2Jcut.xml", text.substr(0, text.size() / 2))},
+        {"missing", "info " + quote(dir.file("\x1b[2Jmissing.xml"))},
+    };
+    for (const auto& [label, args] : runs) {
+        Outcome r = qvxml(args);
+        EXPECT_NE(r.status, -1) << label;
+        for (const std::string* said : {&r.out, &r.err}) {
+            EXPECT_EQ(said->find('\x1b'), std::string::npos) << label << "\n" << *said;
+            EXPECT_EQ(said->find('\x07'), std::string::npos) << label << "\n" << *said;
+            EXPECT_EQ(said->find(c1), std::string::npos) << label << "\n" << *said;
+            EXPECT_EQ(said->find('\xff'), std::string::npos) << label << "\n" << *said;
+        }
+        EXPECT_NE((r.out + r.err).find("\\x1b"), std::string::npos) << label << " names it";
     }
-    EXPECT_NE(r.out.find("sequence \"Cut\\x1b]0;owned\\x07\\x1b[2J\\x9b1m\""), std::string::npos)
+}
+
+// A document that says it is written in ISO-8859-1 or Windows-1252 is read
+// as it was written: its names and locators arrive as their characters.
+TEST_F(Safety, DeclaredEncodingsAreHonoured) {
+    std::string latin =
+        replaced(qvtest::readFile(kExample), "encoding=\"UTF-8\"", "encoding=\"ISO-8859-1\"");
+    latin = replaced(latin, "<Name>Interview cut</Name>", "<Name>H\xF8iby \xE9t\xE9</Name>");
+    latin = replaced(latin, "Day%201/interview.mov", "Day%201/H\xF8iby.mov");
+    const std::string snapshot = dir.file("latin.json");
+    Outcome r = qvxml("import " + doc("latin.xml", latin) + " --snapshot " + quote(snapshot));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("sequence \"H\xC3\xB8iby \xC3\xA9t\xC3\xA9\""), std::string::npos)
         << r.out;
+    std::string written = qvtest::readFile(snapshot);
+    EXPECT_NE(written.find("\"H\xC3\xB8iby \xC3\xA9t\xC3\xA9\""), std::string::npos);
+    EXPECT_NE(written.find("H\xC3\xB8iby.mov"), std::string::npos);
+    EXPECT_EQ(written.find('\xF8'), std::string::npos);
+    Outcome rate = qvxml("rate " + quote(dir.file("latin.xml")));
+    EXPECT_EQ(rate.status, 0) << rate.err;
+
+    std::string windows = replaced(latin, "ISO-8859-1", "Windows-1252");
+    windows = replaced(windows, "\xE9t\xE9", "\x80");
+    r = qvxml("convert " + doc("cp.xml", windows) + " --to xmeml --overwrite -o " + quote(out));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(qvtest::readFile(out + "/H\xC3\xB8iby \xE2\x82\xAC.xml").find("<name>H\xC3\xB8iby"),
+              std::string::npos);
+}
+
+// A snapshot goes to standard output as it stands, named "-" or
+// /dev/stdout, into a pipe or a file; what import tells goes to standard
+// error then. A link to the process's standard output is no such name.
+TEST_F(Safety, ASnapshotGoesToStandardOutput) {
+    Outcome piped = qvxml("import " + quote(kExample) + " --snapshot -");
+    ASSERT_EQ(piped.status, 0) << piped.err;
+    EXPECT_EQ(piped.out.rfind("{", 0), 0u) << piped.out;
+    EXPECT_TRUE(nlohmann::json::accept(piped.out));
+    EXPECT_NE(piped.err.find("1 sequence, 2 shots imported"), std::string::npos) << piped.err;
+
+    const std::string file = dir.file("stdout.json");
+    qvtest::writeFile(file, "");
+    Outcome redirected =
+        qvxml("import " + quote(kExample) + " --snapshot /dev/stdout >" + quote(file));
+    ASSERT_EQ(redirected.status, 0) << redirected.err;
+    EXPECT_EQ(qvtest::readFile(file), piped.out);
+
+    ::symlink("/proc/self/fd/1", dir.file("link.json").c_str());
+    Outcome linked = qvxml("import " + quote(kExample) + " --overwrite --snapshot " +
+                           quote(dir.file("link.json")) + " >" + quote(file));
+    EXPECT_EQ(linked.status, 5);
+    struct stat st;
+    ASSERT_EQ(::lstat(dir.file("link.json").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode)) << "the link is not replaced by a file";
+}
+
+// Under a file size limit a write fails with its sentence and status 5:
+// the command ignores SIGXFSZ, which would end it without a word. The child
+// is given the signal's default action, so that only the command can
+// ignore it.
+TEST_F(Safety, AFileSizeLimitIsAWriteError) {
+    struct Run {
+        std::vector<std::string> args;
+        rlim_t limit;
+        const char* says;
+    };
+    const Run runs[] = {
+        {{"import", kExample, "--snapshot", "-"}, 100, "cannot write \"-\": file too large"},
+        {{"info", kExample, "--clips", "--media"},
+         0,
+         "cannot write to standard output: file too "
+         "large"},
+        {{"convert", kExample, "--to", "xmeml", "-o", out}, 512, "file too large"},
+    };
+    for (const Run& run : runs) {
+        // Standard output is a file under the limit; standard error a pipe,
+        // which no limit cuts.
+        const std::string stdoutFile = dir.file("stdout");
+        int errors[2];
+        ASSERT_EQ(::pipe(errors), 0);
+        pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            std::signal(SIGXFSZ, SIG_DFL);
+            int o = ::open(stdoutFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            ::dup2(o, 1);
+            ::dup2(errors[1], 2);
+            ::close(errors[0]);
+            struct rlimit limit = {run.limit, run.limit};
+            ::setrlimit(RLIMIT_FSIZE, &limit);
+            std::string command = std::string(QVXML_BIN_DIR) + "/qvxml";
+            std::vector<char*> argv{command.data()};
+            std::vector<std::string> args = run.args;
+            for (std::string& a : args)
+                argv.push_back(a.data());
+            argv.push_back(nullptr);
+            ::execv(command.c_str(), argv.data());
+            ::_exit(127);
+        }
+        ::close(errors[1]);
+        std::string err;
+        char buffer[4096];
+        for (ssize_t n; (n = ::read(errors[0], buffer, sizeof buffer)) > 0;)
+            err.append(buffer, static_cast<std::size_t>(n));
+        ::close(errors[0]);
+        int raw = 0;
+        ASSERT_EQ(::waitpid(child, &raw, 0), child);
+        ASSERT_TRUE(WIFEXITED(raw)) << run.args[0] << " ended by signal " << WTERMSIG(raw);
+        EXPECT_EQ(WEXITSTATUS(raw), 5) << run.args[0];
+        EXPECT_NE(err.find(run.says), std::string::npos) << run.args[0] << "\n" << err;
+    }
+}
+
+// No document of the examples and test data, nor one of their names
+// spoilt, brings any command to the status of a fault of qvxml's own (1) or
+// to an end by signal.
+TEST_F(Safety, NoInputEndsInTheStatusOfAFault) {
+    std::vector<std::string> documents = {kExample, kSnapshot};
+    for (const char* folder : {"/examples/native/", "/examples/xmeml/", "/tests/data/xmeml/",
+                               "/tests/data/native/", "/tests/data/edl/"}) {
+        std::string path = std::string(QVXML_SOURCE_DIR) + folder;
+        for (const std::string& name : qvtest::listDirectory(path))
+            if (name.ends_with(".xml") || name.ends_with(".edl")) documents.push_back(path + name);
+    }
+    // The example as OpenTimelineIO, and with names a document should not
+    // hold: a control character and a byte that is not UTF-8, a NUL.
+    ASSERT_EQ(qvxml("convert " + quote(kExample) + " --to otio -o " + quote(dir.path())).status, 0);
+    documents.push_back(dir.file("Interview cut.otio"));
+    const std::string example = qvtest::readFile(kExample);
+    qvtest::writeFile(dir.file("control.xml"), replaced(example, "Interview cut", "Cut\x01\xff"));
+    qvtest::writeFile(dir.file("nul.xml"),
+                      replaced(example, "Interview cut", std::string("Cut\0x", 5)));
+    documents.push_back(dir.file("control.xml"));
+    documents.push_back(dir.file("nul.xml"));
+    for (const std::string& document : documents) {
+        const std::string d = quote(document);
+        for (const std::string& args :
+             {"import " + d, "info --json " + d,
+              "draw " + d + " --overwrite -o " + quote(out + "/picture.html"),
+              "convert " + d + " --to native --overwrite --report " + quote(out + "/r.json") +
+                  " -o " + quote(out),
+              "convert " + d + " --to fcpxml --overwrite -o " + quote(out),
+              "convert " + d + " --to otio --overwrite -o " + quote(out)}) {
+            Outcome r = qvxml(args);
+            EXPECT_NE(r.status, 1) << args << "\n" << r.err;
+            EXPECT_NE(r.status, -1) << args << " ended by a signal";
+        }
+    }
 }
 
 // Paths are bytes: a document whose path is not UTF-8 is read, and written

@@ -75,7 +75,7 @@ TEST(WellFormed, FaultsSayWhereAndWhat) {
     EXPECT_EQ(fault("<a>1 < 2</a>"), "1:6 a '<' begins no tag (text writes it as &lt;)");
     EXPECT_EQ(fault("<a>R&D</a>"),
               "1:5 a '&' begins no entity or character reference (text writes it as &amp;)");
-    EXPECT_EQ(fault("<a>&#0;</a>"), "1:4 &#0; names no character");
+    EXPECT_EQ(fault("<a>&#0;</a>"), "1:4 &#0; names no character XML allows");
     EXPECT_EQ(fault("<a b=1/>"), "1:1 the value of the attribute b of <a> is not in quotes");
     EXPECT_EQ(fault("<a b='<'/>"), "1:1 the value of the attribute b of <a> holds a '<'");
     EXPECT_EQ(fault("<a/><b/>"), "1:5 a second root element <b> follows the first");
@@ -84,11 +84,77 @@ TEST(WellFormed, FaultsSayWhereAndWhat) {
     // Columns count characters, not bytes.
     EXPECT_EQ(fault("<a>\xC3\xA9\xC3\xA9</b>"), "1:6 </b> closes <a> (line 1, column 1)");
     // What is well formed passes: references, CDATA, a document type with
-    // an internal subset, attributes in either quotes, control characters
-    // written as references.
+    // an internal subset, attributes in either quotes, white space written
+    // as references.
     EXPECT_EQ(fault("\xEF\xBB\xBF<?xml version=\"1.0\"?>\n<!DOCTYPE x [<!ENTITY e \"v\">]>\n"
-                    "<x a='1' b = \"&amp;&#x41;&e;\"><![CDATA[<&>]]><!-- <y> --><y/>&#x1b;</x>\n"),
+                    "<x a='1' b = \"&amp;&#x41;&e;\"><![CDATA[<&>]]><!-- <y> --><y/>&#x9;</x>\n"),
               "");
+}
+
+// What XML 1.0 does not allow in a document, anywhere: bytes that are not
+// UTF-8, control characters as they are or as references, entities nobody
+// declared, names with characters no name holds. Each is a fault where it
+// stands, and the first in the text is the one told.
+TEST(WellFormed, CharactersAndNamesXmlForbids) {
+    const std::string notUtf8 =
+        " is not UTF-8 (a document in another encoding names it in its XML declaration)";
+    EXPECT_EQ(fault("<a>H\xF8iby</a>"), "1:5 the byte 0xF8" + notUtf8);
+    EXPECT_EQ(fault("<a>\xC0\xAF</a>"), "1:4 the byte 0xC0" + notUtf8) << "overlong";
+    EXPECT_EQ(fault("<a>\xED\xA0\x80</a>"), "1:4 the byte 0xED" + notUtf8) << "a surrogate";
+    EXPECT_EQ(fault("<a>\xF4\x90\x80\x80</a>"), "1:4 the byte 0xF4" + notUtf8) << "past U+10FFFF";
+    EXPECT_EQ(fault("<a>\xC3</a>"), "1:4 the byte 0xC3" + notUtf8) << "cut short";
+    EXPECT_EQ(fault("<a>\n<!-- \x1b[2J --></a>"),
+              "2:6 the control character U+001B, which XML does not allow, stands in the text");
+    EXPECT_EQ(fault("<a b='\x7f\xC2\x85\xEF\xBF\xBE'/>"),
+              "1:9 the character U+FFFE, which XML does not allow, stands in the text")
+        << "DEL and C1 controls are allowed; U+FFFE is not";
+    EXPECT_EQ(fault("<a>&#1;</a>"), "1:4 &#1; names no character XML allows");
+    EXPECT_EQ(fault("<a b='&#x1B;'/>"), "1:7 &#x1B; names no character XML allows");
+    EXPECT_EQ(fault("<a>&#xFFFE;</a>"), "1:4 &#xFFFE; names no character XML allows");
+    EXPECT_EQ(fault("<a>&#xD800;</a>"), "1:4 &#xD800; names no character XML allows");
+    EXPECT_EQ(fault("<a>&#9;&#xA;&#13;&#x10FFFF;\t\r\n\xF4\x8F\xBF\xBF</a>"), "");
+
+    const std::string undeclared =
+        " is no entity of XML's own (&amp; &lt; &gt; &quot; &apos;) and the document declares "
+        "none of that name";
+    EXPECT_EQ(fault("<a>&nbsp;</a>"), "1:4 &nbsp;" + undeclared);
+    EXPECT_EQ(fault("<a b='&eacute;'/>"), "1:7 &eacute;" + undeclared);
+    EXPECT_EQ(fault("<!DOCTYPE a [<!ENTITY nbsp \"&#160;\">]><a>&nbsp;&quot;&apos;</a>"), "");
+    EXPECT_EQ(fault("<!DOCTYPE a [<!ENTITY % p \"x\">]><a>&p;</a>"), "1:36 &p;" + undeclared)
+        << "a parameter entity is no general one";
+
+    EXPECT_EQ(fault("<a><fi\xEF\xBB\xBFle/></a>"),
+              "1:4 the name of the tag <fi\xEF\xBB\xBFle is damaged: it holds a byte order mark "
+              "(U+FEFF)");
+    EXPECT_EQ(fault("<a x\xEF\xBB\xBF='1'/>"),
+              "1:1 the name of the attribute x\xEF\xBB\xBF of <a> is damaged: it holds a byte "
+              "order mark (U+FEFF)");
+    EXPECT_EQ(fault("<a><\xC2\xB7x/></a>"),
+              "1:4 the name of the tag <\xC2\xB7x is damaged: it holds U+00B7, which no XML name "
+              "may begin with");
+    EXPECT_EQ(fault("<a><x\xC3\x97/></a>"),
+              "1:4 the name of the tag <x\xC3\x97 is damaged: it holds U+00D7, which no XML name "
+              "may hold");
+    EXPECT_EQ(
+        fault("<caf\xC3\xA9 n\xC2\xB7\xE6\x97\xA5='1'><\xE6\x97\xA5\xE6\x9C\xAC/></caf\xC3\xA9>"),
+        "")
+        << "names in any script";
+    // A flipped bit in a name leaves a byte that is not UTF-8.
+    EXPECT_EQ(fault("<a><f\xE9le/></a>"), "1:6 the byte 0xE9" + notUtf8);
+
+    // The first fault in the text is told, whichever check finds it.
+    EXPECT_EQ(fault("<a>\x01</b>"),
+              "1:4 the control character U+0001, which XML does not allow, stands in the text");
+    EXPECT_EQ(fault("<a></b>\x01"), "1:4 </b> closes <a> (line 1, column 1)");
+    // Plain text is looked at eight bytes at a time: a fault is found at
+    // any place in a word and after it.
+    for (std::size_t at = 3; at < 40; ++at) {
+        std::string text = "<a>" + std::string(40, 'x') + "</a>";
+        text[at] = '\x02';
+        EXPECT_EQ(checkXml(text, {}).malformed.at.offset, at) << at;
+        text[at] = '\xFF';
+        EXPECT_EQ(checkXml(text, {}).malformed.at.offset, at) << at;
+    }
 }
 
 // Limits hold for any document, well formed or not: they keep its reading in
