@@ -404,7 +404,9 @@ TEST_F(Safety, DamagedTimesAreUntrustedInEveryFormat) {
                                                              << r.err;
             EXPECT_NE(r.err.find("cannot be trusted"), std::string::npos) << r.err;
             EXPECT_EQ(contents(out), before) << c.label << ": " << command;
-            if (command.rfind("info", 0) == 0) EXPECT_EQ(r.out, "") << c.label;
+            if (command.rfind("info", 0) == 0) {
+                EXPECT_EQ(r.out, "") << c.label;
+            }
         }
     }
 

@@ -195,9 +195,10 @@ TEST(EdlList, DamagedTimecodesAreTimesThatCannotBeUsed) {
         ASSERT_EQ(list.problems.size(), 1u) << c.label;
         EXPECT_EQ(list.problems[0].line, 4) << c.label;
         EXPECT_EQ(list.problems[0].kind, c.kind) << c.label;
-        if (std::string(c.kind) == "unusable-value")
+        if (std::string(c.kind) == "unusable-value") {
             EXPECT_NE(list.problems[0].what.find("of event 002, is no timecode"), std::string::npos)
                 << list.problems[0].what;
+        }
     }
 }
 
