@@ -145,7 +145,10 @@ ExportResult XMLExportFiles(const Cookie& source, XMLExportOptions& options, Log
     }
     // The edit is closed before the file is saved.
     edit.i_close();
-    if (result.status == kStatusOK && writer) writer->saveAndClose();
+    if (result.status == kStatusOK && writer)
+        writer->saveAndClose();
+    else if (writer)
+        writer->abandon();
     return result;
 }
 

@@ -23,9 +23,20 @@ int XMLWriter::open(const LightweightString<wchar_t>& path) {
     iFileSystem* fs = OS()->files();
     // Any older file of that name goes first, whatever comes of the export.
     if (fs->exists(target)) fs->remove(target);
-    xmlFile.file = fs->open(target, kCreateForWriting);
+    xmlFile.writeTo(fs->open(target, kCreateForWriting));
+    path_ = target;
     if (!options.silent) log.Out("Creating XML file \"%ls\"", target.c_str());
     return xmlFile.file ? 1 : 2001;
+}
+
+void XMLWriter::abandon() {
+    if (!xmlFile.streamed()) return;
+    // The part written goes; what is left is the empty file a failed export
+    // leaves when nothing was written yet.
+    xmlFile.writeTo(Qv::Ptr<iFile>());
+    iFileSystem* fs = OS()->files();
+    fs->remove(path_);
+    Qv::Ptr<iFile> empty = fs->open(path_, kCreateForWriting);
 }
 
 int XMLWriter::celTimeToFrames(double time, double rate) {

@@ -34,6 +34,8 @@ class XMLWriter : public iObject {
     // the file could not be created.
     int open(const LightweightString<wchar_t>& path);
     void saveAndClose() { xmlFile.saveAndClose(); }
+    // After a failure: the file holds nothing of the document.
+    void abandon();
 
     // time x rate + 0.5, cut toward zero to a 32-bit integer.
     static int celTimeToFrames(double time, double rate);
@@ -67,6 +69,9 @@ class XMLWriter : public iObject {
     ShotVideoMetadata videoMetadata;
     LoggerHandle log;
     XMLExportOptions options;
+
+  private:
+    LightweightString<wchar_t> path_;  // the file open() created
 };
 
 }  // namespace XML

@@ -93,11 +93,27 @@ const char* XmlFile::writable(const char* utf8, std::string& scratch) {
     return scratch.c_str();
 }
 
+void Printer::flush() {
+    if (!file_) return;
+    // The printer's size counts its terminating zero, which is not written.
+    const int size = CStrSize() - 1;
+    if (size <= 0) return;
+    file_->write(CStr(), static_cast<unsigned>(size));
+    streamed_ = true;
+    // The first element was written long ago (the declaration): the printer
+    // goes on as it would have.
+    ClearBuffer(false);
+}
+
+void XmlFile::writeTo(Qv::Ptr<iFile> f) {
+    file = std::move(f);
+    printer.streamTo(file.get());
+}
+
 void XmlFile::saveAndClose() {
     if (!file) return;
     printer.CloseElement(false);
-    // The printer's size counts its terminating zero, which is not written.
-    file->write(printer.CStr(), static_cast<unsigned>(printer.CStrSize() - 1));
+    printer.flush();
 }
 
 xmlElement::xmlElement(XmlFile& file, const char* name) : file_(file) {

@@ -1,7 +1,10 @@
 // The output layer that every writer builds its document through.
 //
-// A document is built in memory by a tinyxml2 printer and saved in one write.
-// Elements close at the end of their scope, so that the nesting of the code is
+// A document is built by a tinyxml2 printer. Once its file is open, what the
+// printer has made goes to the file a piece at a time, so that a long
+// document is never held whole in memory; before that (and in tests, which
+// open no file) it stays in the printer. Elements close at the end of their
+// scope, so that the nesting of the code is
 // the nesting of the XML. Attributes are handed over as ready-made strings of
 // the form name="value"; the printer escapes the value when it writes it.
 #pragma once
@@ -23,6 +26,8 @@ using AttribList = std::vector<LightweightString<wchar_t>>;
 
 // The printer, made safe against closing more elements than were opened (the
 // root of a document that no writer began, say): such a close does nothing.
+// Given a file (streamTo), it hands the file what it has made whenever that
+// passes a chunk, and keeps only the rest.
 class Printer : public tinyxml2::XMLPrinter {
   public:
     Printer() : tinyxml2::XMLPrinter(nullptr, false, 0) {}
@@ -30,6 +35,25 @@ class Printer : public tinyxml2::XMLPrinter {
     void CloseElement(bool compactMode = false) override {
         if (openElements() > 0) tinyxml2::XMLPrinter::CloseElement(compactMode);
     }
+    // From now on pieces go to `file` (null: they stay in memory).
+    void streamTo(iFile* file) { file_ = file; }
+    // Hands the file what is held; true when anything went to it so far.
+    void flush();
+    bool streamed() const { return streamed_; }
+
+    // What is held in memory at most before it goes to the file.
+    static constexpr int kChunk = 1 << 18;
+
+  protected:
+    using tinyxml2::XMLPrinter::Write;
+    void Write(const char* data, size_t size) override {
+        tinyxml2::XMLPrinter::Write(data, size);
+        if (file_ && CStrSize() > kChunk) flush();
+    }
+
+  private:
+    iFile* file_ = nullptr;
+    bool streamed_ = false;
 };
 
 class XmlFile {
@@ -39,11 +63,18 @@ class XmlFile {
     XmlFile(const XmlFile&) = delete;
     XmlFile& operator=(const XmlFile&) = delete;
 
-    // Closes the root element and writes the whole document to `file` in one
-    // call. Does nothing if no file was opened.
+    // The file the document goes to, opened for writing: what the printer
+    // has made so far goes to it now, the rest as it is made.
+    void writeTo(Qv::Ptr<iFile> f);
+    // Closes the root element and writes what is left of the document to
+    // `file`. Does nothing if no file was opened.
     void saveAndClose();
+    // Whether part of the document is in its file already: a writer that
+    // fails after that must not leave the part behind.
+    bool streamed() const { return printer.streamed(); }
 
-    // The document so far, for tests and for writers that look back.
+    // The document so far, for tests, which open no file (with a file, only
+    // what has not gone to it yet).
     const char* text() const { return printer.CStr(); }
 
     // From now on, text and attribute values that hold characters XML 1.0

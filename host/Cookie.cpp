@@ -1,6 +1,7 @@
 #include "host/Cookie.h"
 
-#include <cstdio>
+#include <cstddef>
+#include <cstdint>
 #include <tuple>
 
 #include "host/Edit.h"
@@ -40,15 +41,42 @@ Cookie::Cookie(const LightweightString<wchar_t>& text, bool) {
     type = static_cast<CookieType>(t);
 }
 
+namespace {
+
+// The text of asString, with a zero after it: written by hand, since exports
+// write one for every clip. A type byte of zero ends the text at once.
+template <class Char>
+std::size_t cookieText(const Cookie& c, Char (&text)[44]) {
+    static const char hex[] = "0123456789abcdef";
+    Char* p = text;
+    *p++ = static_cast<Char>(c.type);
+    auto put = [&](std::uint32_t value, int digits) {
+        *p++ = '-';
+        for (int shift = 4 * (digits - 1); shift >= 0; shift -= 4)
+            *p++ = static_cast<Char>(hex[(value >> shift) & 0xF]);
+    };
+    for (std::uint32_t w : c.uuid.words)
+        put(w, 8);
+    put(c.channel, 2);
+    put(c.tail, 2);
+    *p = 0;
+    return c.type ? static_cast<std::size_t>(p - text) : 0;
+}
+
+}  // namespace
+
 LightweightString<char> Cookie::asString(bool) const {
-    char text[48];
-    std::snprintf(text, sizeof text, "%c-%08x-%08x-%08x-%08x-%02x-%02x", type, uuid.words[0],
-                  uuid.words[1], uuid.words[2], uuid.words[3], channel, tail);
-    return LightweightString<char>(text);
+    char text[44];
+    std::size_t n = cookieText(*this, text);
+    return LightweightString<char>(text, n);
 }
 
 LightweightString<wchar_t> Cookie::asWString() const {
-    return fromUTF8(asString(false));
+    // The type byte is the only one that may be no ASCII.
+    if (type >= 0x80) return fromUTF8(asString(false));
+    wchar_t text[44];
+    std::size_t n = cookieText(*this, text);
+    return LightweightString<wchar_t>(text, n);
 }
 
 int Cookie::compare(const Cookie& o) const {

@@ -1,5 +1,6 @@
 #include "host/Label.h"
 
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -35,11 +36,21 @@ LightweightString<char> frameToTimecode(std::int64_t frame, unsigned ticks, bool
     }
     std::int64_t ff = frame % ticks;
     std::int64_t seconds = frame / ticks;
-    char text[64];
-    std::snprintf(text, sizeof text, "%s%02lld:%02lld:%02lld%c%02lld", sign.c_str(),
-                  static_cast<long long>(seconds / 3600),
-                  static_cast<long long>((seconds / 60) % 60), static_cast<long long>(seconds % 60),
-                  drop ? ';' : ':', static_cast<long long>(ff));
+    // Each field as "%02lld" would write it: two digits at least.
+    std::string text = sign;
+    auto field = [&text](std::int64_t value) {
+        char digits[24];
+        auto [end, error] = std::to_chars(digits, digits + sizeof digits, value);
+        if (end - digits < 2) text += '0';
+        text.append(digits, end);
+    };
+    field(seconds / 3600);
+    text += ':';
+    field((seconds / 60) % 60);
+    text += ':';
+    field(seconds % 60);
+    text += drop ? ';' : ':';
+    field(ff);
     return LightweightString<char>(text);
 }
 

@@ -77,9 +77,12 @@ class LightweightString {
 
     LightweightString& operator+=(view_type more) {
         if (more.empty()) return *this;
-        std::basic_string<T> joined(view());
-        joined.append(more);
-        assign(joined);
+        // A text that no other string shares grows in place.
+        if (rep_ && __atomic_load_n(&rep_->refs, __ATOMIC_ACQUIRE) == 1) {
+            rep_->text.append(more);
+            return *this;
+        }
+        adopt(joined(view(), more));
         return *this;
     }
     LightweightString& operator+=(const LightweightString& more) { return *this += more.view(); }
@@ -107,8 +110,8 @@ class LightweightString {
         return a.view() < b.view();
     }
     friend LightweightString operator+(const LightweightString& a, view_type b) {
-        LightweightString r(a);
-        r += b;
+        LightweightString r;
+        r.adopt(joined(a.view(), b));
         return r;
     }
     friend LightweightString operator+(const LightweightString& a, const LightweightString& b) {
@@ -138,6 +141,20 @@ class LightweightString {
         if (text.empty()) return;
         void* block = QvOS::allocate(sizeof(Rep));
         rep_ = new (block) Rep{1, std::basic_string<T>(text)};
+    }
+    static std::basic_string<T> joined(view_type a, view_type b) {
+        std::basic_string<T> text;
+        text.reserve(a.size() + b.size());
+        text.append(a);
+        text.append(b);
+        return text;
+    }
+    // Takes `text` as its own, without a copy.
+    void adopt(std::basic_string<T>&& text) {
+        release();
+        if (text.empty()) return;
+        void* block = QvOS::allocate(sizeof(Rep));
+        rep_ = new (block) Rep{1, std::move(text)};
     }
     void acquire() {
         if (rep_) QvOS::atomicIncrement(&rep_->refs);

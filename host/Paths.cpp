@@ -11,6 +11,8 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "host/OS.h"
@@ -366,6 +368,34 @@ bool folderCanBeRead(const std::string& dir) {
     return true;
 }
 
+// What an entry is, from the type readdir gave (DT_*): the entry is looked
+// at (lstat) only where the folder's file system does not say, and a link is
+// followed.
+Kind kindOfEntry(const std::string& full, unsigned char type, bool& gone) {
+    gone = false;
+    switch (type) {
+        case DT_DIR:
+            return Kind::Folder;
+        case DT_REG:
+            return Kind::File;
+        case DT_FIFO:
+            return Kind::Pipe;
+        case DT_CHR:
+        case DT_BLK:
+            return Kind::Device;
+        case DT_SOCK:
+            return Kind::Socket;
+        default:
+            break;
+    }
+    struct stat st;
+    if (::lstat(full.c_str(), &st) != 0) {
+        gone = true;
+        return Kind::Other;
+    }
+    return kindOf(full, st);
+}
+
 // Every name in a folder and the folders below it, in the order the search
 // reports them: a folder's own entries, then each sub-folder's, in name
 // order.
@@ -379,45 +409,65 @@ class TreeIndex {
 
     explicit TreeIndex(const std::string& root) {
         walk(root, 0);
-        // Entries of one name stay in the order of the walk.
-        std::stable_sort(entries_.begin(), entries_.end(), byName);
+        // Entries of one name are chained in the order of the walk: folder
+        // by folder, as the search visits them.
+        next_.assign(entries_.size(), kNone);
+        byName_.reserve(entries_.size());
+        for (std::uint32_t i = 0; i < entries_.size(); ++i) {
+            auto [it, fresh] = byName_.try_emplace(entries_[i].name, Chain{i, i});
+            if (!fresh) {
+                next_[it->second.last] = i;
+                it->second.last = i;
+            }
+        }
     }
 
     template <class Visit>
     void find(const std::string& name, Visit visit) const {
-        auto [first, last] =
-            std::equal_range(entries_.begin(), entries_.end(), Entry{name, 0, Kind::Other}, byName);
-        for (auto it = first; it != last; ++it)
-            visit(childPath(folders_[it->folder], it->name), it->kind);
+        auto it = byName_.find(name);
+        if (it == byName_.end()) return;
+        for (std::uint32_t i = it->second.first; i != kNone; i = next_[i])
+            visit(childPath(folders_[entries_[i].folder], entries_[i].name), entries_[i].kind);
     }
 
   private:
-    static bool byName(const Entry& a, const Entry& b) { return a.name < b.name; }
+    static constexpr std::uint32_t kNone = 0xFFFFFFFF;
+    struct Chain {
+        std::uint32_t first, last;
+    };
 
     void walk(const std::string& dir, int depth) {
-        std::vector<std::string> names;
-        if (!readFolder(dir, names)) return;
-        std::sort(names.begin(), names.end());
+        DIR* d = ::opendir(dir.empty() ? "." : dir.c_str());
+        if (!d) return;
         auto here = static_cast<std::uint32_t>(folders_.size());
         folders_.push_back(dir);
         std::vector<std::string> subfolders;
-        for (std::string& name : names) {
+        while (dirent* e = ::readdir(d)) {
+            if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+            std::string name = e->d_name;
             std::string full = childPath(dir, name);
-            struct stat st;
-            if (::lstat(full.c_str(), &st) != 0) continue;
-            Kind kind = kindOf(full, st);
+            bool gone;
+            Kind kind = kindOfEntry(full, e->d_type, gone);
+            if (gone) continue;
             if (kind == Kind::Folder) subfolders.push_back(std::move(full));
             entries_.push_back({std::move(name), here, kind});
         }
+        ::closedir(d);
         // Links to folders are not followed, so the walk cannot loop; the
-        // depth bound keeps a search near its folder.
-        if (depth < kMaxDepth)
+        // depth bound keeps a search near its folder. Sub-folders go in the
+        // order of their names' bytes (they share their folder's path).
+        if (depth < kMaxDepth) {
+            std::sort(subfolders.begin(), subfolders.end());
             for (const std::string& sub : subfolders)
                 walk(sub, depth + 1);
+        }
     }
 
     std::vector<std::string> folders_;
     std::vector<Entry> entries_;
+    // Views of the names in entries_, made once the walk is over.
+    std::unordered_map<std::string_view, Chain> byName_;
+    std::vector<std::uint32_t> next_;
 };
 
 thread_local DirectorySearchScope::State* currentSearch = nullptr;

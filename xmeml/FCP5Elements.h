@@ -1,7 +1,7 @@
 // Small element helpers shared by the parts of the xmeml writer.
 #pragma once
 
-#include <cstdio>
+#include <charconv>
 
 #include "export/XmlFile.h"
 #include "host/Cookie.h"
@@ -20,10 +20,10 @@ inline void leaf(XmlFile& f, const char* name, const LightweightString<char>& te
 inline void leaf(XmlFile& f, const char* name, const LightweightString<wchar_t>& text) {
     xmlInlineElement(f, name, text);
 }
-// A leaf with a whole number, "%d".
+// A leaf with a whole number, in decimal.
 inline void leaf(XmlFile& f, const char* name, int value) {
     char text[16];
-    std::snprintf(text, sizeof text, "%d", value);
+    *std::to_chars(text, text + sizeof text - 1, value).ptr = '\0';
     leaf(f, name, text);
 }
 

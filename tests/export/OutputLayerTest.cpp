@@ -140,4 +140,52 @@ TEST_F(WriterOpen, FailureIs2001AndTheMessageStillStands) {
     EXPECT_TRUE(sink->lines.empty());
 }
 
+// A document far longer than the part the printer holds, written through a
+// file, is the document the printer makes in memory.
+void writeLong(XmlFile& f) {
+    xmlElement root(f, "root");
+    for (int i = 0; i < 20000; ++i) {
+        xmlElement item(f, "item", {L"id=\"i" + Qv::WStringFromInteger(i) + L"\""});
+        xmlInlineElement(f, "name", L"Sn\u00f8 & <" + Qv::WStringFromInteger(i) + L">");
+    }
+}
+
+TEST_F(WriterOpen, ALongDocumentGoesOutInPiecesAsItWouldWhole) {
+    XmlFile whole;
+    writeLong(whole);
+    whole.printer.CloseElement(false);
+    std::string expected = whole.text();
+    ASSERT_GT(expected.size(), 3u * Printer::kChunk);
+
+    qvtest::TempDir dir;
+    std::string path = dir.file("long.xml");
+    XMLExportOptions o;
+    XMLWriter w(capturingLog(), o, Qv::eFrameRate25);
+    ASSERT_EQ(w.open(fromUTF8(path.c_str())), 1);
+    writeLong(w.xmlFile);
+    EXPECT_TRUE(w.xmlFile.streamed());
+    EXPECT_LE(std::string(w.xmlFile.text()).size(), static_cast<std::size_t>(Printer::kChunk));
+    w.saveAndClose();
+    w.xmlFile.file.reset();
+    EXPECT_EQ(qvtest::readFile(path), expected);
+}
+
+TEST_F(WriterOpen, AWriterThatFailsLeavesNoPartOfItsDocument) {
+    qvtest::TempDir dir;
+    std::string path = dir.file("long.xml");
+    XMLExportOptions o;
+    XMLWriter w(capturingLog(), o, Qv::eFrameRate25);
+    ASSERT_EQ(w.open(fromUTF8(path.c_str())), 1);
+    writeLong(w.xmlFile);
+    ASSERT_TRUE(w.xmlFile.streamed());
+    w.abandon();
+    EXPECT_EQ(qvtest::readFile(path), "") << "the empty file of a failed export";
+
+    XMLWriter small(capturingLog(), o, Qv::eFrameRate25);
+    ASSERT_EQ(small.open(fromUTF8(path.c_str())), 1);
+    xmlInlineElement(small.xmlFile, "short", L"text");
+    small.abandon();
+    EXPECT_EQ(qvtest::readFile(path), "") << "nothing went out";
+}
+
 }  // namespace

@@ -16,6 +16,22 @@ TEST(LightweightString, CopiesShareUntilOneChanges) {
     EXPECT_EQ(b, "take two");
 }
 
+TEST(LightweightString, GrowingInPlaceLeavesSharersAndItselfWhole) {
+    LightweightString<wchar_t> a(L"ab");
+    a += L"cd";  // held by no other string: grows in place
+    LightweightString<wchar_t> shared = a;
+    a += L"ef";
+    EXPECT_EQ(shared, L"abcd") << "a copy keeps its text";
+    EXPECT_EQ(a, L"abcdef");
+    a += a.view();  // its own text, while it grows
+    EXPECT_EQ(a, L"abcdefabcdef");
+    LightweightString<wchar_t> joined = a + a.view();
+    EXPECT_EQ(joined, L"abcdefabcdefabcdefabcdef");
+    EXPECT_EQ(a, L"abcdefabcdef");
+    LightweightString<char> none;
+    EXPECT_TRUE((none + "").is_null());
+}
+
 TEST(LightweightString, NullAndEmptyBehaveAlike) {
     LightweightString<wchar_t> null;
     LightweightString<wchar_t> empty(L"");

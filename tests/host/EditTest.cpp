@@ -11,6 +11,19 @@ namespace {
 
 using qvtest::StoreTest;
 
+TEST(CookieText, LowerCaseHexOfEveryByteAndTheWideTextAlike) {
+    Cookie c(kCookieSound, 1, static_cast<int>(0xDEADBEEF), 0);
+    c.uuid.words[3] = 0x0A0B0C0D;
+    c.tail = 0x7F;
+    EXPECT_EQ(c.asString(), "S-00000001-deadbeef-00000000-0a0b0c0d-ff-7f");
+    EXPECT_EQ(c.asWString(), L"S-00000001-deadbeef-00000000-0a0b0c0d-ff-7f");
+    c.type = 0;  // the text ends where the type byte is zero
+    EXPECT_TRUE(c.asString().empty());
+    EXPECT_TRUE(c.asWString().empty());
+    c.type = 0xE9;  // no UTF-8 on its own
+    EXPECT_EQ(c.asWString(), L"\uFFFD-00000001-deadbeef-00000000-0a0b0c0d-ff-7f");
+}
+
 TEST(CookieText, AsciiUniqueAndParsedBack) {
     EditStore store(42);
     ScopedCurrentStore scope(store);

@@ -85,4 +85,14 @@ TEST(EditLabel, PositionsAndSamples) {
     EXPECT_EQ(l.get_string(l.posn_to_sample(2.0)).str(), "01:00:02:00");
 }
 
+TEST(Timecode, FieldsAreTwoDigitsAtLeastAndHoursRunOn) {
+    EXPECT_EQ(tc(0, 25, false), "00:00:00:00");
+    EXPECT_EQ(tc(-26, 25, false), "-00:00:01:01");
+    EXPECT_EQ(tc(100LL * 3600 * 25 + 24, 25, false), "100:00:00:24");
+    EXPECT_EQ(tc(119, 120, false), "00:00:00:119");
+    // The lowest frame reads as the highest, negated.
+    EXPECT_EQ(tc(INT64_MIN, 25, false), "-102481911520608:37:12:07");
+    EXPECT_EQ(tc(5, 0, false), "");
+}
+
 }  // namespace
