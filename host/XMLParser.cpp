@@ -4,8 +4,8 @@
 // The scan looks only at markup. It jumps from one '<' to the next with
 // memchr, so text between tags costs next to nothing, and it never recurses:
 // open elements live on an explicit stack. Each element records where its
-// name, its attributes and its inner text lie in the caller's text, its parent
-// and whether it has child elements. Names are interned into small ids while
+// name, its attributes and its inner text lie in the caller's text, and where
+// the run of elements nested in it ends. Names are interned into small ids while
 // scanning; afterwards the elements are bucketed by name id (a counting sort,
 // which keeps document order), so that a question finds its answers without
 // walking the whole table. Attributes are split, and leaf text decoded, only
@@ -75,23 +75,53 @@ inline unsigned char classOf(char c) {
     return kClasses[static_cast<unsigned char>(c)];
 }
 
-constexpr u32 kHashSeed = 2166136261u;  // FNV-1a
-inline u32 hashStep(u32 h, char c) {
-    return (h ^ static_cast<unsigned char>(c)) * 16777619u;
+inline std::uint64_t load64(const char* p) {
+    std::uint64_t v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+inline std::uint64_t load32(const char* p) {
+    std::uint32_t v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
 }
 
+// Names are hashed and compared a word at a time: most are 4 to 16 bytes
+// long, read as two words that may overlap. Longer names are hashed whole,
+// so that names that differ only in their middle do not all collide.
 u32 hashName(std::string_view name) {
-    u32 h = kHashSeed;
-    for (char c : name)
-        h = hashStep(h, c);
-    return h;
+    constexpr std::uint64_t kMix = 0x9E3779B97F4A7C15ull;
+    const char* p = name.data();
+    std::size_t n = name.size();
+    std::uint64_t h = (n + 1) * kMix;
+    if (n >= 8) {
+        for (; n > 8; p += 8, n -= 8)
+            h = (h ^ load64(p)) * kMix;
+        h = (h ^ load64(p + n - 8)) * kMix;
+    } else if (n >= 4) {
+        h = (h ^ (load32(p) | load32(p + n - 4) << 32)) * kMix;
+    } else if (n > 0) {
+        auto byte = [p](std::size_t i) {
+            return static_cast<std::uint64_t>(static_cast<unsigned char>(p[i]));
+        };
+        h = (h ^ (byte(0) | byte(n / 2) << 8 | byte(n - 1) << 16)) * kMix;
+    }
+    return static_cast<u32>(h >> 32);
 }
 
-// Names are short: a plain loop is quicker than a call to memcmp.
 inline bool sameName(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i)
-        if (a[i] != b[i]) return false;
+    std::size_t n = a.size();
+    if (n != b.size()) return false;
+    const char* p = a.data();
+    const char* q = b.data();
+    if (n >= 8) {
+        for (; n > 8; p += 8, q += 8, n -= 8)
+            if (load64(p) != load64(q)) return false;
+        return load64(p + n - 8) == load64(q + n - 8);
+    }
+    if (n >= 4) return load32(p) == load32(q) && load32(p + n - 4) == load32(q + n - 4);
+    for (std::size_t i = 0; i < n; ++i)
+        if (p[i] != q[i]) return false;
     return true;
 }
 
@@ -246,17 +276,20 @@ void parseAttributes(const char* p, const char* end, std::vector<XMLParser::Tag>
     }
 }
 
-// 20 bytes an element. The inner text begins after the '>' at attrEnd; for
-// an empty element (attrEnd at the '/' of "/>") innerEnd is that same place,
-// so its inner text is empty.
+// 16 bytes an element. Its start tag ends at the first '>' outside quotes
+// after its name, found again when a question needs it: most elements have
+// no attributes, so that it is the next byte. The inner text begins after
+// that '>'; an empty element ("<a/>") has innerEnd at its '>', so that its
+// inner text is empty. The elements nested in one, at any depth, are those
+// that follow it in the table up to `end`: its children are the first of
+// them and each one's `end` after that.
 struct Element {
-    u32 name : 31;  // interned name id
-    u32 hasChildren : 1;
-    u32 attrBegin, attrEnd;
+    u32 name;       // interned name id
+    u32 attrBegin;  // just past the name
     u32 innerEnd;
-    u32 parent;  // kNone at the top level of the text
+    u32 end;  // the number of the first element that is not inside this one
 };
-static_assert(sizeof(Element) == 20);
+static_assert(sizeof(Element) == 16);
 
 struct NameSlot {
     u32 begin;  // where the name first appears in the text
@@ -368,14 +401,11 @@ struct XMLParser::Index {
         const char* const end = text + size;
         const char* p = base;
         if (size >= 3 && std::memcmp(p, "\xEF\xBB\xBF", 3) == 0) p += 3;
-        // Every element begins with a '<': counting them first sizes the table
-        // once instead of growing it by copies.
-        std::size_t marks = 0;
-        for (const char* q = p;
-             (q = static_cast<const char*>(std::memchr(q, '<', static_cast<std::size_t>(end - q))));
-             ++q)
-            ++marks;
-        elements.reserve(marks);
+        // The table is sized for an element every ten bytes, more than
+        // documents hold: pages it does not fill are never touched. A denser
+        // text counts what is left of its '<' once, when the table is full,
+        // so that it grows by one copy at most.
+        elements.reserve(size / 10);
         std::vector<u32> open;  // the open elements, innermost last
         auto at = [base](const char* q) { return static_cast<u32>(q - base); };
 
@@ -394,8 +424,22 @@ struct XMLParser::Index {
             if (c == '/') {
                 const char* name = q + 1;
                 const char* t = name;
-                while (t < end && !(classOf(*t) & kNameStop))
-                    ++t;
+                u32 id = kNone;
+                if (!open.empty()) {
+                    // Usually it closes the innermost element: its name,
+                    // and then no more of a name.
+                    const Element& top = elements[open.back()];
+                    u32 length = nameLength[top.name];
+                    if (static_cast<std::size_t>(end - name) >= length &&
+                        sameName({name, length}, {text + top.attrBegin - length, length}) &&
+                        (name + length == end || (classOf(name[length]) & kNameStop))) {
+                        id = top.name;
+                        t = name + length;
+                    }
+                }
+                if (id == kNone)
+                    while (t < end && !(classOf(*t) & kNameStop))
+                        ++t;
                 const char* nameEnd = t;
                 while (t < end && *t != '>' && *t != '<')
                     ++t;
@@ -405,19 +449,13 @@ struct XMLParser::Index {
                 }
                 p = t + 1;
                 std::string_view closing(name, static_cast<std::size_t>(nameEnd - name));
-                u32 id = kNone;
-                if (!open.empty()) {  // usually it closes the innermost element
-                    const Element& top = elements[open.back()];
-                    u32 length = nameLength[top.name];
-                    if (sameName(closing, std::string_view(text + top.attrBegin - length, length)))
-                        id = top.name;
-                }
                 if (id == kNone) id = lookup(closing, hashName(closing));
                 if (id == kNone || openCount[id] == 0) continue;  // stray: ignored
                 for (;;) {
                     Element& e = elements[open.back()];
                     open.pop_back();
                     e.innerEnd = at(lt);
+                    e.end = static_cast<u32>(elements.size());
                     --openCount[e.name];
                     if (e.name == id) break;
                 }
@@ -431,9 +469,8 @@ struct XMLParser::Index {
 
             // A start tag: the name, then up to the '>' outside quotes.
             const char* t = q;
-            u32 h = kHashSeed;
             while (t < end && !(classOf(*t) & kNameStop))
-                h = hashStep(h, *t++);
+                ++t;
             const char* nameEnd = t;
             t = endOfTag(t, end);
             if (t >= end || *t == '<') {  // broken tag: plain text, go on from here
@@ -441,20 +478,34 @@ struct XMLParser::Index {
                 continue;
             }
             bool selfClosing = t[-1] == '/';
-            const char* attrEnd = selfClosing ? t - 1 : t;
 
-            u32 id = intern(at(q), static_cast<u32>(nameEnd - q), h);
-            u32 parent = open.empty() ? kNone : open.back();
-            if (parent != kNone) elements[parent].hasChildren = true;
-            elements.push_back(
-                {id, 0, at(nameEnd), at(attrEnd), selfClosing ? at(t) : size, parent});
+            u32 id = intern(at(q), static_cast<u32>(nameEnd - q),
+                            hashName({q, static_cast<std::size_t>(nameEnd - q)}));
+            u32 number = static_cast<u32>(elements.size());
+            if (number == elements.capacity()) elements.reserve(number + countMarks(lt, end));
+            elements.push_back({id, at(nameEnd), selfClosing ? at(t) : size, number + 1});
             if (!selfClosing) {
-                open.push_back(static_cast<u32>(elements.size() - 1));
+                open.push_back(number);
                 ++openCount[id];
             }
             p = t + 1;
         }
-        // Elements still open keep innerEnd == size: they run to the end.
+        // Elements still open keep innerEnd == size: they run to the end,
+        // and hold every element after them.
+        for (u32 number : open)
+            elements[number].end = static_cast<u32>(elements.size());
+    }
+
+    bool hasChildren(const Element& e, u32 number) const { return e.end > number + 1; }
+
+    // How many elements [from, end) can begin at most: one for each '<'.
+    static std::size_t countMarks(const char* from, const char* end) {
+        std::size_t marks = 0;
+        for (const char* q = from;
+             (q = static_cast<const char*>(std::memchr(q, '<', static_cast<std::size_t>(end - q))));
+             ++q)
+            ++marks;
+        return marks;
     }
 
     // Buckets the element numbers by name id, keeping document order.
@@ -474,33 +525,64 @@ struct XMLParser::Index {
     }
 
     // The elements of that name: [first, last) in byName.
-    std::pair<u32, u32> range(const LightweightString<char>& tag) const {
-        std::string_view name = tag.view();
+    // The id of a name; kNone when no element of the text has it.
+    u32 idOf(std::string_view name) const {
         u32 id = lookup(name, hashName(name));
-        if (id == kNone || firstOfName.empty()) return {0, 0};
+        return firstOfName.empty() ? kNone : id;
+    }
+
+    std::pair<u32, u32> range(u32 id) const {
+        if (id == kNone) return {0, 0};
         return {firstOfName[id], firstOfName[id + 1]};
     }
 
-    Value make(u32 number) const {
+    // The '>' that ends an element's start tag, as the scan found it.
+    const char* tagEnd(const Element& e) const { return endOfTag(text + e.attrBegin, text + size); }
+
+    // The text of an element as a question returns it.
+    LightweightString<char> textOf(u32 number) const {
         const Element& e = elements[number];
-        Value v;
-        const char* b = text + e.attrEnd + 1;
+        const char* b = tagEnd(e) + 1;
         const char* end = text + e.innerEnd;
-        if (end > b) {
-            std::size_t n = static_cast<std::size_t>(end - b);
-            // An element with children keeps its markup, so that it can be
-            // parsed again; a leaf gets its text decoded.
-            if (e.hasChildren || (!std::memchr(b, '&', n) && !std::memchr(b, '<', n))) {
-                v.text = LightweightString<char>(b, n);
-            } else {
-                std::string decoded;
-                decoded.reserve(n);
-                appendDecoded(decoded, b, end, true);
-                v.text = LightweightString<char>(decoded);
-            }
-        }
-        if (e.attrEnd > e.attrBegin)
-            parseAttributes(text + e.attrBegin, text + e.attrEnd, v.attributes);
+        if (end <= b) return {};
+        std::size_t n = static_cast<std::size_t>(end - b);
+        // An element with children keeps its markup, so that it can be
+        // parsed again; a leaf gets its text decoded.
+        if (hasChildren(e, number) || (!std::memchr(b, '&', n) && !std::memchr(b, '<', n)))
+            return LightweightString<char>(b, n);
+        std::string decoded;
+        decoded.reserve(n);
+        appendDecoded(decoded, b, end, true);
+        return LightweightString<char>(decoded);
+    }
+
+    std::vector<Tag> attributesOf(u32 number) const {
+        const Element& e = elements[number];
+        std::vector<Tag> out;
+        const char* b = text + e.attrBegin;
+        const char* gt = tagEnd(e);
+        // Without the '/' of an empty element.
+        const char* end = gt[-1] == '/' ? gt - 1 : gt;
+        if (end > b) parseAttributes(b, end, out);
+        return out;
+    }
+
+    // Whether textOf(number) is not empty, without making it. Decoding
+    // only ever drops comments, processing instructions and CDATA markup,
+    // so only a leaf with a '<' in it needs a closer look.
+    bool hasText(u32 number) const {
+        const Element& e = elements[number];
+        const char* b = tagEnd(e) + 1;
+        const char* end = text + e.innerEnd;
+        if (end <= b) return false;
+        if (hasChildren(e, number) || *b != '<') return true;
+        return !textOf(number).empty();
+    }
+
+    Value make(u32 number) const {
+        Value v;
+        v.text = textOf(number);
+        v.attributes = attributesOf(number);
         return v;
     }
 };
@@ -511,20 +593,15 @@ XMLParser::XMLParser(const char* text, int length)
       last_(static_cast<u32>(index_->elements.size())) {}
 
 XMLParser::XMLParser(std::shared_ptr<const Index> index, unsigned int element)
-    : index_(std::move(index)), root_(element), first_(element + 1) {
-    // The elements inside one are those that begin before its inner text
-    // ends: a run that follows it in document order.
-    const std::vector<Element>& all = index_->elements;
-    u32 end = all[element].innerEnd;
-    auto past = std::partition_point(all.begin() + first_, all.end(),
-                                     [end](const Element& e) { return e.attrBegin < end; });
-    last_ = static_cast<u32>(past - all.begin());
-}
+    : index_(std::move(index)),
+      root_(element),
+      first_(element + 1),
+      last_(index_->elements[element].end) {}
 
 XMLParser::~XMLParser() = default;
 
-std::pair<unsigned int, unsigned int> XMLParser::range(const LightweightString<char>& tag) const {
-    auto [first, last] = index_->range(tag);
+std::pair<unsigned int, unsigned int> XMLParser::range(std::string_view tag) const {
+    auto [first, last] = index_->range(index_->idOf(tag));
     if (root_ == kNone) return {first, last};
     // Within a bucket the elements stand in document order.
     const u32* b = index_->byName.data();
@@ -533,38 +610,68 @@ std::pair<unsigned int, unsigned int> XMLParser::range(const LightweightString<c
     return {lo, hi};
 }
 
+unsigned int XMLParser::nth(std::string_view tag, unsigned int index) const {
+    const Index& x = *index_;
+    u32 id = x.idOf(tag);
+    auto [first, last] = x.range(id);
+    if (root_ == kNone) return index < last - first ? x.byName[first + index] : kNone;
+    if (id == kNone) return kNone;
+    // The first elements of a section are walked: what a reader asks of an
+    // element usually stands near its start, and a walk reads neighbours in
+    // memory where a search of the name's bucket, which holds every element
+    // of that name in the document, jumps about. Past them the bucket is
+    // searched.
+    constexpr u32 kWalk = 64;
+    u32 stop = last_ - first_ <= kWalk ? last_ : first_ + kWalk;
+    for (u32 i = first_; i < stop; ++i)
+        if (x.elements[i].name == id && index-- == 0) return i;
+    if (stop == last_) return kNone;
+    const u32* b = x.byName.data();
+    const u32* lo = std::lower_bound(b + first, b + last, stop);
+    if (index >= static_cast<u32>(b + last - lo)) return kNone;
+    return lo[index] < last_ ? lo[index] : kNone;
+}
+
 std::unique_ptr<XMLParser> XMLParser::view(unsigned int element) const {
     const Element& e = index_->elements[element];
     // Empty inner text: the element is there but tells nothing.
-    if (e.innerEnd <= e.attrEnd + 1) return nullptr;
+    if (index_->text + e.innerEnd <= index_->tagEnd(e) + 1) return nullptr;
     return std::unique_ptr<XMLParser>(new XMLParser(index_, element));
 }
 
-std::unique_ptr<XMLParser> XMLParser::section(const LightweightString<char>& tag,
-                                              unsigned int index) const {
-    auto [first, last] = range(tag);
-    if (index >= last - first) return nullptr;
-    return view(index_->byName[first + index]);
+std::unique_ptr<XMLParser> XMLParser::section(std::string_view tag, unsigned int index) const {
+    u32 number = nth(tag, index);
+    return number == kNone ? nullptr : view(number);
 }
 
-std::vector<std::unique_ptr<XMLParser>> XMLParser::sections_TopLevel(
-    const LightweightString<char>& tag) const {
+std::vector<unsigned int> XMLParser::topLevel(std::string_view tag) const {
+    std::vector<u32> out;
     auto [first, last] = range(tag);
+    if (first == last) return out;
+    // The children are the first element inside and each one's end after
+    // that: a walk that skips whatever is nested deeper.
+    const std::vector<Element>& all = index_->elements;
+    u32 id = all[index_->byName[first]].name;
+    for (u32 i = first_; i < last_; i = all[i].end)
+        if (all[i].name == id) out.push_back(i);
+    return out;
+}
+
+std::vector<std::unique_ptr<XMLParser>> XMLParser::sections_TopLevel(std::string_view tag) const {
     std::vector<std::unique_ptr<XMLParser>> out;
-    for (u32 i = first; i < last; ++i) {
-        u32 number = index_->byName[i];
-        if (index_->elements[number].parent == root_) out.push_back(view(number));
-    }
+    for (u32 number : topLevel(tag))
+        out.push_back(view(number));
     return out;
 }
 
 std::vector<XMLParser::Tag> XMLParser::attributes() const {
-    std::vector<Tag> out;
-    if (root_ == kNone) return out;
-    const Element& e = index_->elements[root_];
-    if (e.attrEnd > e.attrBegin)
-        parseAttributes(index_->text + e.attrBegin, index_->text + e.attrEnd, out);
-    return out;
+    if (root_ == kNone) return {};
+    return index_->attributesOf(root_);
+}
+
+bool XMLParser::hasText() const {
+    if (root_ == kNone) return index_->size > 0;
+    return index_->hasText(root_);
 }
 
 namespace {
@@ -582,24 +689,34 @@ std::size_t XMLParser::offset() const {
     return tagStart(index_->text, index_->elements[root_].attrBegin);
 }
 
-std::size_t XMLParser::offsetOf(const LightweightString<char>& tag, unsigned int index) const {
-    auto [first, last] = range(tag);
-    if (index >= last - first) return std::string::npos;
-    return tagStart(index_->text, index_->elements[index_->byName[first + index]].attrBegin);
+std::size_t XMLParser::offsetOf(std::string_view tag, unsigned int index) const {
+    u32 number = nth(tag, index);
+    if (number == kNone) return std::string::npos;
+    return tagStart(index_->text, index_->elements[number].attrBegin);
 }
 
-unsigned int XMLParser::count(const LightweightString<char>& tag) const {
+unsigned int XMLParser::count(std::string_view tag) const {
     auto [first, last] = range(tag);
     return last - first;
 }
 
-XMLParser::Value XMLParser::getValue(const LightweightString<char>& tag, unsigned int index) const {
-    auto [first, last] = range(tag);
-    if (index >= last - first) return {};
-    return index_->make(index_->byName[first + index]);
+XMLParser::Value XMLParser::getValue(std::string_view tag, unsigned int index) const {
+    u32 number = nth(tag, index);
+    return number == kNone ? Value() : index_->make(number);
 }
 
-std::vector<XMLParser::Value> XMLParser::getValues(const LightweightString<char>& tag) const {
+LightweightString<char> XMLParser::getText(std::string_view tag, unsigned int index) const {
+    u32 number = nth(tag, index);
+    return number == kNone ? LightweightString<char>() : index_->textOf(number);
+}
+
+std::vector<XMLParser::Tag> XMLParser::getAttributes(std::string_view tag,
+                                                     unsigned int index) const {
+    u32 number = nth(tag, index);
+    return number == kNone ? std::vector<Tag>() : index_->attributesOf(number);
+}
+
+std::vector<XMLParser::Value> XMLParser::getValues(std::string_view tag) const {
     auto [first, last] = range(tag);
     std::vector<Value> values;
     values.reserve(last - first);
@@ -608,22 +725,25 @@ std::vector<XMLParser::Value> XMLParser::getValues(const LightweightString<char>
     return values;
 }
 
-XMLParser::Value XMLParser::getSection(const LightweightString<char>& tag,
-                                       unsigned int index) const {
+XMLParser::Value XMLParser::getSection(std::string_view tag, unsigned int index) const {
     return getValue(tag, index);
 }
 
-std::vector<XMLParser::Value> XMLParser::getSections(const LightweightString<char>& tag) const {
+std::vector<XMLParser::Value> XMLParser::getSections(std::string_view tag) const {
     return getValues(tag);
 }
 
-std::vector<XMLParser::Value> XMLParser::getSections_TopLevel(
-    const LightweightString<char>& tag) const {
-    auto [first, last] = range(tag);
+std::vector<XMLParser::Value> XMLParser::getSections_TopLevel(std::string_view tag) const {
     std::vector<Value> values;
-    for (u32 i = first; i < last; ++i) {
-        u32 number = index_->byName[i];
-        if (index_->elements[number].parent == root_) values.push_back(index_->make(number));
-    }
+    for (u32 number : topLevel(tag))
+        values.push_back(index_->make(number));
     return values;
+}
+
+std::vector<std::vector<XMLParser::Tag>> XMLParser::getAttributes_TopLevel(
+    std::string_view tag) const {
+    std::vector<std::vector<Tag>> out;
+    for (u32 number : topLevel(tag))
+        out.push_back(index_->attributesOf(number));
+    return out;
 }

@@ -19,6 +19,7 @@
 
 #include <list>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "host/LightweightString.h"
@@ -41,45 +42,64 @@ class XMLParser {
     ~XMLParser();
 
     // The index-th element of that name (or of the text's top level) as a
-    // parser of its own: it answers as XMLParser(getSection(tag, index).text,
-    // -1) would, but shares this parser's index, so that nothing is copied
-    // or scanned again. Null when there is no such element or its inner text
-    // is empty. The text given to the first parser must outlive it.
-    std::unique_ptr<XMLParser> section(const LightweightString<char>& tag,
-                                       unsigned int index) const;
-    std::vector<std::unique_ptr<XMLParser>> sections_TopLevel(
-        const LightweightString<char>& tag) const;
+    // parser of its own over the element's inner text as it is written: it
+    // answers as a parser over that text would, but shares this parser's
+    // index, so that nothing is copied or scanned again. For an element with
+    // children that text is getSection(tag, index).text. A leaf holds no
+    // elements, also where its decoded text would read as markup (references
+    // such as "&lt;b&gt;", CDATA sections): what is escaped stays text. Null
+    // when there is no such element or its inner text is empty. The text
+    // given to the first parser must outlive it.
+    std::unique_ptr<XMLParser> section(std::string_view tag, unsigned int index) const;
+    std::vector<std::unique_ptr<XMLParser>> sections_TopLevel(std::string_view tag) const;
     // For a parser made by section(): the element's attributes, and where its
     // start tag begins in the text of the first parser (0 for a parser made
     // over a text), so that a caller can say where an element stands.
     std::vector<Tag> attributes() const;
     std::size_t offset() const;
+    // For a parser made by section(): whether getSection() gives its element
+    // a text. Only a leaf that holds nothing but comments, processing
+    // instructions and empty CDATA sections has none. For a parser made over
+    // a text: whether the text is not empty.
+    bool hasText() const;
     // Where the index-th element of that name begins in the text of the first
     // parser, empty or not; npos when there is none.
-    std::size_t offsetOf(const LightweightString<char>& tag, unsigned int index) const;
+    std::size_t offsetOf(std::string_view tag, unsigned int index) const;
     XMLParser(const XMLParser&) = delete;
     XMLParser& operator=(const XMLParser&) = delete;
 
     // The `index`-th element of that name (from 0), at any depth.
-    Value getValue(const LightweightString<char>& tag, unsigned int index) const;
+    Value getValue(std::string_view tag, unsigned int index) const;
+    // Its text alone, or its attributes alone, as getValue gives them: for
+    // questions that need only one, so that the other is not made.
+    LightweightString<char> getText(std::string_view tag, unsigned int index) const;
+    std::vector<Tag> getAttributes(std::string_view tag, unsigned int index) const;
     // Every element of that name, at any depth, in document order.
-    std::vector<Value> getValues(const LightweightString<char>& tag) const;
+    std::vector<Value> getValues(std::string_view tag) const;
     // As getValue and getValues, for elements that have children.
-    Value getSection(const LightweightString<char>& tag, unsigned int index) const;
-    std::vector<Value> getSections(const LightweightString<char>& tag) const;
+    Value getSection(std::string_view tag, unsigned int index) const;
+    std::vector<Value> getSections(std::string_view tag) const;
     // How many elements of that name the text holds, at any depth: with
     // getValue(tag, i), a way to walk them one at a time.
-    unsigned int count(const LightweightString<char>& tag) const;
+    unsigned int count(std::string_view tag) const;
     // Only the elements of that name that are not inside another element of
     // the text.
-    std::vector<Value> getSections_TopLevel(const LightweightString<char>& tag) const;
+    std::vector<Value> getSections_TopLevel(std::string_view tag) const;
+    // The attributes of each of those elements, without their texts.
+    std::vector<std::vector<Tag>> getAttributes_TopLevel(std::string_view tag) const;
 
   private:
     struct Index;
     XMLParser(std::shared_ptr<const Index> index, unsigned int element);
     std::unique_ptr<XMLParser> view(unsigned int element) const;
     // The numbers of the elements of that name within this parser's text.
-    std::pair<unsigned int, unsigned int> range(const LightweightString<char>& tag) const;
+    std::pair<unsigned int, unsigned int> range(std::string_view tag) const;
+    // The number of the index-th element of that name within this parser's
+    // text; 0xFFFFFFFF when there is none.
+    unsigned int nth(std::string_view tag, unsigned int index) const;
+    // The numbers of the elements of that name directly inside this parser's
+    // element (or at the top level of its text), in document order.
+    std::vector<unsigned int> topLevel(std::string_view tag) const;
 
     std::shared_ptr<const Index> index_;
     unsigned int root_;       // the element this parser reads the inside of; none for a text

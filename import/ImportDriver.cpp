@@ -10,18 +10,20 @@
 namespace XML {
 
 XMLFlavour detectXMLFlavour(const XMLParser& parser) {
-    XMLParser::Value xmeml = parser.getValue("xmeml", 0);
-    if (!xmeml.attributes.empty() && xmeml.attributes[0].name == "version") {
-        const LightweightString<char>& v = xmeml.attributes[0].value;
+    // Only the attributes are read: the text of the root element is the
+    // whole document.
+    std::vector<XMLParser::Tag> xmeml = parser.getAttributes("xmeml", 0);
+    if (!xmeml.empty() && xmeml[0].name == "version") {
+        const LightweightString<char>& v = xmeml[0].value;
         if (v == "5") return XMLFlavourFCP5;
         if (v == "4") return XMLFlavourFCP4;
         if (v == "3") return XMLFlavourFCP3;
         if (v == "2") return XMLFlavourFCP2;
         if (v == "1") return XMLFlavourFCP1;
     }
-    XMLParser::Value native = parser.getValue("QVXML", 0);
-    if (!native.attributes.empty() && native.attributes[0].name == "Version") {
-        const LightweightString<char>& v = native.attributes[0].value;
+    std::vector<XMLParser::Tag> native = parser.getAttributes("QVXML", 0);
+    if (!native.empty() && native[0].name == "Version") {
+        const LightweightString<char>& v = native[0].value;
         if (v == "1.0") return XMLFlavourQV1;
         if (v == "2.0") return XMLFlavourQV2;
     }
@@ -92,20 +94,27 @@ ImportResult XMLImportFiles(const ImportFileList& files, LoggerHandle log) {
             result.status = doc.status;
             break;
         }
-        XMLParser parser(doc.buffer.get(), -1);
-        XMLFlavour flavour = detectXMLFlavour(parser);
-        if (flavour < XMLFlavourQV1 || flavour > XMLFlavourQV2) {
-            result.status = kStatusUnknown;
-            break;
-        }
         Qv::Ptr<XMLReader> reader;
-        result.status = getAnXMLReader(reader, flavour, log);
-        if (result.status == kStatusOK) {
-            ImportResult one = reader->importFile(parser, entry, log);
-            result.status = one.status;
-            for (const EditModifier& m : one.edits)
-                result.edits.push_back(m);
+        int parsed = 0;
+        {
+            XMLParser parser(doc.buffer.get(), -1);
+            XMLFlavour flavour = detectXMLFlavour(parser);
+            if (flavour < XMLFlavourQV1 || flavour > XMLFlavourQV2) {
+                result.status = kStatusUnknown;
+                break;
+            }
+            result.status = getAnXMLReader(reader, flavour, log);
+            if (result.status != kStatusOK) break;
+            parsed = reader->readDocument(parser, entry, log);
         }
+        // The lists hold what the records need: the document and its index
+        // go before the records are written, which is when an import needs
+        // the most memory.
+        doc.buffer.reset();
+        ImportResult one = reader->finishImport(parsed);
+        result.status = one.status;
+        for (const EditModifier& m : one.edits)
+            result.edits.push_back(m);
     }
     return result;
 }

@@ -24,16 +24,18 @@ XMLReader::~XMLReader() = default;
 
 ImportResult XMLReader::importFile(const XMLParser& parser,
                                    const Qv::Ptr<ImportFileInfoRep>& fileInfo, LoggerHandle l) {
-    LightweightString<wchar_t> documentPath;
+    return finishImport(readDocument(parser, fileInfo, l));
+}
+
+int XMLReader::readDocument(const XMLParser& parser, const Qv::Ptr<ImportFileInfoRep>& fileInfo,
+                            LoggerHandle l) {
     if (fileInfo) {
         importDrive = fileInfo->getDrive();
-        documentPath = fileInfo->name();
+        documentPath_ = fileInfo->name();
     }
     logger = l;
     seqFrameRate = getxmlFrameRate(parser);
-
-    int status = parseFile(parser);
-    return completeImport(status, documentPath);
+    return parseFile(parser);
 }
 
 ImportResult XMLReader::completeImport(int status, const LightweightString<wchar_t>& documentPath) {

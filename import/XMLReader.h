@@ -25,6 +25,13 @@ class XMLReader : public iObject {
     // The whole import of one document. One reader imports one document.
     ImportResult importFile(const XMLParser& parser, const Qv::Ptr<ImportFileInfoRep>& fileInfo,
                             LoggerHandle logger);
+    // The same in two steps, so that the document and its index can be let
+    // go before the records are written: the parse, which fills the lists
+    // and keeps nothing of the document, and then the rest, given what the
+    // parse returned.
+    int readDocument(const XMLParser& parser, const Qv::Ptr<ImportFileInfoRep>& fileInfo,
+                     LoggerHandle logger);
+    ImportResult finishImport(int status) { return completeImport(status, documentPath_); }
     Qv::FrameRate getxmlFrameRate(const XMLParser& parser) { return getSeqFrameRate(parser); }
 
     // The cookie a reference stands for; invalid when it names nothing.
@@ -71,6 +78,7 @@ class XMLReader : public iObject {
     virtual Qv::FrameRate getSeqFrameRate(const XMLParser& parser) = 0;
 
     LoggerHandle logger;
+    LightweightString<wchar_t> documentPath_;
     RefIdMap clipRefs, ghostRefs, fileRefs;
     CED2List shotList, ghostList, seqList;
     std::vector<LightweightString<wchar_t>> materialQueue;

@@ -50,7 +50,10 @@ run() {
   shift 2
   mkdir -p "$dir"
   (cd "$dir" && "$@" >"$name.out" 2>"$name.err"; echo $? >"$name.status")
-  sed -i -e "s|$outAbs|OUT|g" -e "s|$root|ROOT|g" "$dir/$name.out" "$dir/$name.err"
+  # Documents beside the checkout (examples/) are written with its path.
+  grep -rlF -e "$outAbs" -e "$root" "$dir" | while IFS= read -r written; do
+    sed -i -e "s|$outAbs|OUT|g" -e "s|$root|ROOT|g" "$written"
+  done
 }
 
 n=0

@@ -22,6 +22,7 @@
 namespace XML {
 
 using fcp5read::doubleOf;
+using fcp5read::inside;
 using fcp5read::intOf;
 using fcp5read::leaf;
 using fcp5read::present;
@@ -141,13 +142,13 @@ void FCP5XMLReader::addTransition(Cursor& cursor, TrackItem& item, bool isVideo,
     cel->sourceIn = in * secondsPerTick;
     cel->sourceOut = out * secondsPerTick;
 
-    XMLParser::Value effect = ip.getValue("effect", 0);
+    std::unique_ptr<XMLParser> effect = inside(ip, "effect");
     LightweightString<char> what;  // the effect, as losses name it
     bool asDissolve = false;
-    if (effect.text.empty()) {
+    if (!effect) {
         cel->refId = "...?...";
     } else {
-        XMLParser ep(effect.text.c_str(), -1);
+        const XMLParser& ep = *effect;
         what = leaf(ep, "name");
         if (what.empty()) what = leaf(ep, "effectid");
         if (!(leaf(ep, "effecttype") == "transition")) {
@@ -207,18 +208,18 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
     // Speed and reverse play from the first Time Remap filter.
     double speed = 1.0;
     bool reversed = false;
-    for (const XMLParser::Value& filter : ip.getValues("filter")) {
-        XMLParser fp(filter.text.c_str(), -1);
-        XMLParser::Value effect = fp.getValue("effect", 0);
-        XMLParser ep(effect.text.c_str(), -1);
-        if (!(leaf(ep, "effectid") == "timeremap")) continue;
-        for (const XMLParser::Value& parameter : ep.getValues("parameter")) {
-            XMLParser pp(parameter.text.c_str(), -1);
-            LightweightString<char> name = leaf(pp, "name");
+    for (unsigned i = 0, filters = ip.count("filter"); i < filters; ++i) {
+        std::unique_ptr<XMLParser> filter = inside(ip, "filter", i);
+        std::unique_ptr<XMLParser> effect = filter ? inside(*filter, "effect") : nullptr;
+        if (!effect || !(leaf(*effect, "effectid") == "timeremap")) continue;
+        for (unsigned j = 0, parameters = effect->count("parameter"); j < parameters; ++j) {
+            std::unique_ptr<XMLParser> parameter = inside(*effect, "parameter", j);
+            if (!parameter) continue;
+            LightweightString<char> name = leaf(*parameter, "name");
             if (name == "reverse") {
-                if (leaf(pp, "value") == "TRUE") reversed = true;
+                if (leaf(*parameter, "value") == "TRUE") reversed = true;
             } else if (name == "speed") {
-                scanDouble(leaf(pp, "value"), speed);
+                scanDouble(leaf(*parameter, "value"), speed);
                 speed /= 100.0;
             }
         }
@@ -275,10 +276,8 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
         // What a generator makes cannot be played here: its place is black.
         appendBlack(channel, isVideo, start, end);
         LightweightString<char> what = leaf(ip, "name");
-        if (XMLParser::Value effect = ip.getValue("effect", 0); !effect.text.empty()) {
-            XMLParser ep(effect.text.c_str(), -1);
-            if (LightweightString<char> n = leaf(ep, "name"); !n.empty()) what = n;
-        }
+        if (std::unique_ptr<XMLParser> effect = inside(ip, "effect"))
+            if (LightweightString<char> n = leaf(*effect, "name"); !n.empty()) what = n;
         reportLoss(lossHere("generator", start, fcp5read::itemText(what, fcp5read::idOf(ip))),
                    true);
         cursor.pos = toInt(end);
@@ -314,11 +313,8 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
         cel->refId = base + "$0$";
     } else {
         // An audio cel plays the file's channel that its source track names.
-        XMLParser::Value source = ip.getValue("sourcetrack", 0);
-        if (!source.text.empty()) {
-            XMLParser sp(source.text.c_str(), -1);
-            scanInt(leaf(sp, "trackindex"), trackNumber);
-        }
+        if (std::unique_ptr<XMLParser> source = inside(ip, "sourcetrack"))
+            scanInt(leaf(*source, "trackindex"), trackNumber);
         if (legacy()) {
             // The original reading keeps the first character of the number.
             char digits[16];
@@ -348,15 +344,16 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
     // need: checked once every record is made.
     LightweightString<char> itemName = leaf(ip, "name");
     LightweightString<char> itemId = fcp5read::idOf(ip);
-    LightweightString<char> detail = fcp5read::itemText(itemName, itemId);
-    reportItem(ip, start, detail);
+    // How losses name the item, made only for a loss.
+    auto detail = [&itemName, &itemId] { return fcp5read::itemText(itemName, itemId); };
+    reportItem(ip, start, itemName, itemId);
     if (legacy() && !ip.sections_TopLevel("sequence").empty())
-        reportLoss(lossHere("nested-sequence", start, detail), false);
+        reportLoss(lossHere("nested-sequence", start, detail()), false);
     if (place_.cutAt >= 0 && end > place_.cutAt)
-        reportLoss(lossHere("cut-off", start, detail), true);
+        reportLoss(lossHere("cut-off", start, detail()), true);
     if (!nested.empty()) {
         nestedUses_.push_back(
-            {currentSequence_, nested, cel, lossHere("nested-sequence", start, detail)});
+            {currentSequence_, nested, cel, lossHere("nested-sequence", start, detail())});
     }
     if (!cel->refIsGhost && !base.empty()) {
         if (auto f = fileFacts_.find(base.str()); f != fileFacts_.end()) {
@@ -369,9 +366,10 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
             else
                 needs.audioChannels = std::max(needs.audioChannels, trackNumber);
             if (!f->second.mediaSource.empty())
-                reportLoss(lossHere("generator", start,
-                                    detail + ", synthetic media \"" + f->second.mediaSource + "\""),
-                           true);
+                reportLoss(
+                    lossHere("generator", start,
+                             detail() + ", synthetic media \"" + f->second.mediaSource + "\""),
+                    true);
         }
     }
     if (places_.empty()) places_.push_back(place_);
@@ -379,17 +377,14 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
 
     // Level keyframes, in the clip's source frames, placed on the sequence
     // as fractions of its length.
-    for (const XMLParser::Value& filter : ip.getSections_TopLevel("filter")) {
-        XMLParser fp(filter.text.c_str(), -1);
-        XMLParser::Value effect = fp.getValue("effect", 0);
-        if (effect.text.empty()) continue;
-        XMLParser ep(effect.text.c_str(), -1);
-        if (!(leaf(ep, "effectid") == "audiolevels")) continue;
-        for (const XMLParser::Value& keyframe : fp.getSections("keyframe")) {
-            if (keyframe.text.empty()) continue;
-            XMLParser kp(keyframe.text.c_str(), -1);
-            long long when = truncateToInt32(doubleOf(kp, "when", 0.0));
-            double value = doubleOf(kp, "value", 1.0);
+    for (const std::unique_ptr<XMLParser>& filter : ip.sections_TopLevel("filter")) {
+        std::unique_ptr<XMLParser> effect = filter ? inside(*filter, "effect") : nullptr;
+        if (!effect || !(leaf(*effect, "effectid") == "audiolevels")) continue;
+        for (unsigned k = 0, keyframes = filter->count("keyframe"); k < keyframes; ++k) {
+            std::unique_ptr<XMLParser> keyframe = inside(*filter, "keyframe", k);
+            if (!keyframe) continue;
+            long long when = truncateToInt32(doubleOf(*keyframe, "when", 0.0));
+            double value = doubleOf(*keyframe, "value", 1.0);
             when = std::max(when, static_cast<long long>(scaledIn));
             when = std::min(when, sourceEnd);
             when -= scaledIn;

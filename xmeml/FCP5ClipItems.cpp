@@ -15,12 +15,13 @@
 
 namespace XML {
 
+using fcp5read::inside;
 using fcp5read::intOf;
 using fcp5read::leaf;
 using fcp5read::readRate;
 
-int FCP5XMLReader::processClipItem(bool isMasterClip, XMLParser& clipParser, XMLParser& itemParser,
-                                   bool subClipPass) {
+int FCP5XMLReader::processClipItem(bool isMasterClip, const XMLParser& clipParser,
+                                   const XMLParser& itemParser, bool subClipPass) {
     // An item that plays a nested sequence names no media of its own: by
     // default it is read as a use of the sequence, not of the first file
     // inside it.
@@ -31,10 +32,10 @@ int FCP5XMLReader::processClipItem(bool isMasterClip, XMLParser& clipParser, XML
 
     // The file is named by the first attribute, whatever it is called. An
     // item without one is of no use to the shot passes.
-    XMLParser::Value file = itemParser.getValue("file", 0);
+    std::vector<XMLParser::Tag> file = itemParser.getAttributes("file", 0);
     LightweightString<char> fileId;
-    if (!file.attributes.empty())
-        fileId = file.attributes[0].value;
+    if (!file.empty())
+        fileId = file[0].value;
     else if (!subClipPass)
         return 1;
     LightweightString<char> masterRef = fileId;
@@ -77,11 +78,9 @@ int FCP5XMLReader::processClipItem(bool isMasterClip, XMLParser& clipParser, XML
             logger.Out("sub-clip \"%s\"", name.c_str());
             ghostList.append(ced2);
         }
-        XMLParser::Value info = itemParser.getValue("subclipinfo", 0);
-        if (!info.text.empty()) {
-            XMLParser ip(info.text.c_str(), -1);
-            startOffset = intOf(ip, "startoffset", 0);
-            endOffset = intOf(ip, "endoffset", 0);  // read, but a sub-clip's end is its duration
+        if (std::unique_ptr<XMLParser> info = inside(itemParser, "subclipinfo")) {
+            startOffset = intOf(*info, "startoffset", 0);
+            endOffset = intOf(*info, "endoffset", 0);  // read, but a sub-clip's end is its duration
             (void)endOffset;
         }
     }
@@ -141,9 +140,8 @@ int FCP5XMLReader::processClipItem(bool isMasterClip, XMLParser& clipParser, XML
 
     if (!linked) {
         RefIdMap::RefIdMapRec frec;
-        bool named = !file.attributes.empty() && file.attributes[0].name == "id" &&
-                     !file.attributes[0].value.empty();
-        if (named && fileRefs.findRef(file.attributes[0].value, frec) && frec.ced2) {
+        bool named = !file.empty() && file[0].name == "id" && !file[0].value.empty();
+        if (named && fileRefs.findRef(file[0].value, frec) && frec.ced2) {
             const CED2* fileRec = frec.ced2;
             if (frec.isSingleImage) clipRefs.setIsSingleImage(key);
             ced2->originLocator = fileRec->originLocator;
@@ -184,9 +182,9 @@ int FCP5XMLReader::processClipItem(bool isMasterClip, XMLParser& clipParser, XML
 
     // Markers are added on every visit: a master clip's own in the master
     // pass, an item's own in the others.
-    XMLParser& markerSource = isMasterClip ? clipParser : itemParser;
-    for (const XMLParser::Value& marker : markerSource.getSections_TopLevel("marker"))
-        if (!marker.text.empty()) readMarker(marker, ced2);
+    const XMLParser& markerSource = isMasterClip ? clipParser : itemParser;
+    for (const std::unique_ptr<XMLParser>& marker : markerSource.sections_TopLevel("marker"))
+        if (marker && marker->hasText()) readMarker(*marker, ced2);
     return 1;
 }
 

@@ -68,7 +68,7 @@ std::string FCP5XMLReader::nestedKey(const XMLParser& item) const {
     if (direct.empty()) return {};
     if (direct[0]) return sequenceKey(*direct[0]);
     // `<sequence id="..."/>`: the sequence defined with that id.
-    for (const XMLParser::Tag& a : item.getValue("sequence", 0).attributes)
+    for (const XMLParser::Tag& a : item.getAttributes("sequence", 0))
         if (a.name == "id" && !a.value.empty()) return "\x01" + a.value.str();
     return "\x01";  // a sequence element that names none
 }
@@ -101,20 +101,22 @@ void FCP5XMLReader::reportLoss(const LossRecord& record, bool playsBlack) {
 }
 
 void FCP5XMLReader::reportItem(const XMLParser& ip, long long frame,
-                               const LightweightString<char>& detail) {
-    if (fcp5read::disabled(ip)) reportLoss(lossHere("disabled", frame, detail), false);
+                               const LightweightString<char>& name,
+                               const LightweightString<char>& id) {
+    auto detail = [&name, &id] { return fcp5read::itemText(name, id); };
+    if (fcp5read::disabled(ip)) reportLoss(lossHere("disabled", frame, detail()), false);
     if (!ip.sections_TopLevel("multiclip").empty())
-        reportLoss(lossHere("multiclip", frame, detail), false);
+        reportLoss(lossHere("multiclip", frame, detail()), false);
     for (const std::unique_ptr<XMLParser>& filter : ip.sections_TopLevel("filter")) {
         std::unique_ptr<XMLParser> effect = filter ? filter->section("effect", 0) : nullptr;
         if (!effect) continue;
-        LightweightString<char> id = leaf(*effect, "effectid");
-        if (id == "audiolevels") continue;
-        if (id == "timeremap") {
-            if (isRamp(*effect)) reportLoss(lossHere("speed-ramp", frame, detail), false);
+        LightweightString<char> effectId = leaf(*effect, "effectid");
+        if (effectId == "audiolevels") continue;
+        if (effectId == "timeremap") {
+            if (isRamp(*effect)) reportLoss(lossHere("speed-ramp", frame, detail()), false);
             continue;
         }
-        reportLoss(lossHere("filter", frame, effectName(*effect) + " on " + detail.str()), false);
+        reportLoss(lossHere("filter", frame, effectName(*effect) + " on " + detail().str()), false);
     }
 }
 

@@ -4,6 +4,7 @@
 #include <climits>
 #include <cmath>
 #include <cstdint>
+#include <memory>
 
 #include "host/FrameRate.h"
 #include "host/XMLParser.h"
@@ -14,11 +15,28 @@ namespace XML::fcp5read {
 // The text of the first element of that name, at any depth; empty when
 // there is none. Empty text counts as absence throughout the reader.
 inline LightweightString<char> leaf(const XMLParser& parser, const char* name) {
-    return parser.getValue(name, 0).text;
+    return parser.getText(name, 0);
 }
 
 inline bool present(const XMLParser& parser, const char* name) {
     return !leaf(parser, name).empty();
+}
+
+// A parser that answers nothing: what the reader reads an element with no
+// text through.
+inline const XMLParser& emptyParser() {
+    static const XMLParser empty("", -1);
+    return empty;
+}
+
+// The index-th element of that name, read through a section of the
+// document's index; null when it has no text, that is where the reader
+// counts it as absent.
+inline std::unique_ptr<XMLParser> inside(const XMLParser& parser, const char* name,
+                                         unsigned index = 0) {
+    std::unique_ptr<XMLParser> section = parser.section(name, index);
+    if (section && !section->hasText()) section.reset();
+    return section;
 }
 
 // A whole number as "%d" reads it; `fallback` when the element is missing or
@@ -40,15 +58,14 @@ inline double doubleOf(const XMLParser& parser, const char* name, double fallbac
 // by 1.001 when `ntsc` is "TRUE". False when there is no rate or no timebase,
 // and `value` is left alone.
 inline bool readRate(const XMLParser& parser, double& value) {
-    XMLParser::Value rate = parser.getValue("rate", 0);
-    if (rate.text.empty()) return false;
-    XMLParser rp(rate.text.c_str(), -1);
-    LightweightString<char> timebase = leaf(rp, "timebase");
+    std::unique_ptr<XMLParser> rate = inside(parser, "rate");
+    if (!rate) return false;
+    LightweightString<char> timebase = leaf(*rate, "timebase");
     if (timebase.empty()) return false;
     int frames = 0;
     scanInt(timebase, frames);
     value = static_cast<double>(frames);
-    if (leaf(rp, "ntsc") == "TRUE") value /= 1.001;
+    if (leaf(*rate, "ntsc") == "TRUE") value /= 1.001;
     return true;
 }
 
@@ -64,14 +81,13 @@ struct DocRate {
 // The first `rate` element, read as readRate reads it.
 inline DocRate docRateOf(const XMLParser& parser) {
     DocRate r;
-    XMLParser::Value rate = parser.getValue("rate", 0);
-    if (rate.text.empty()) return r;
-    XMLParser rp(rate.text.c_str(), -1);
-    LightweightString<char> timebase = leaf(rp, "timebase");
+    std::unique_ptr<XMLParser> rate = inside(parser, "rate");
+    if (!rate) return r;
+    LightweightString<char> timebase = leaf(*rate, "timebase");
     if (timebase.empty()) return r;
     r.present = true;
     scanInt(timebase, r.timebase);
-    r.ntsc = leaf(rp, "ntsc") == "TRUE";
+    r.ntsc = leaf(*rate, "ntsc") == "TRUE";
     r.fps = static_cast<double>(r.timebase);
     if (r.ntsc) r.fps /= 1.001;
     r.exact = Qv::getEquivalentQvFrameRate(r.fps);

@@ -54,9 +54,9 @@ struct FCP5XMLReader::TrackItem {
 struct FCP5XMLReader::Track {
     using Item = TrackItem;
     std::vector<Item> clips, transitions;
-    std::vector<XMLParser::Value> generators;  // passed over: their stretch is black
-    std::vector<std::size_t> nextClip;         // first clip at or after i with text
-    std::vector<long long> reach;              // max tree over the transitions
+    std::vector<std::unique_ptr<XMLParser>> generators;  // passed over: their stretch is black
+    std::vector<std::size_t> nextClip;                   // first clip at or after i with text
+    std::vector<long long> reach;                        // max tree over the transitions
     std::size_t leaves = 1;
 
     Track(const std::vector<XMLParser::Value>& clipItems,

@@ -8,6 +8,8 @@
 namespace XML {
 
 using fcp5read::doubleOf;
+using fcp5read::emptyParser;
+using fcp5read::inside;
 using fcp5read::intOf;
 using fcp5read::leaf;
 using fcp5read::present;
@@ -103,7 +105,12 @@ void FCP5XMLReader::setRates(const RateReading& reading) {
 }
 
 int FCP5XMLReader::parseFile(const XMLParser& parser) {
+    // The document is looked into while it is parsed, and let go after.
     document_ = &parser;
+    struct Forget {
+        const XMLParser*& document;
+        ~Forget() { document = nullptr; }
+    } forget{document_};
     documentRate_ = documentReading(parser);
     setRates(documentRate_);
 
@@ -111,9 +118,8 @@ int FCP5XMLReader::parseFile(const XMLParser& parser) {
     // document's index: what a parser over the element's text would answer,
     // without copying the text or scanning it again. An element with nothing
     // inside reads as an empty text.
-    XMLParser empty("", -1);
-    auto orEmpty = [&empty](const std::unique_ptr<XMLParser>& p) -> XMLParser& {
-        return p ? *p : empty;
+    auto orEmpty = [](const std::unique_ptr<XMLParser>& p) -> const XMLParser& {
+        return p ? *p : emptyParser();
     };
 
     unsigned sequences = parser.count("sequence");
@@ -155,7 +161,7 @@ int FCP5XMLReader::parseFile(const XMLParser& parser) {
         std::unique_ptr<XMLParser> s = parser.section("sequence", i);
         // A sequence that carries only its id is a use of the one defined
         // with that id, not a sequence of its own.
-        if (!s && !legacy() && !parser.getValue("sequence", i).attributes.empty()) continue;
+        if (!s && !legacy() && !parser.getAttributes("sequence", i).empty()) continue;
         int status = readSequence(orEmpty(s));
         if (status != 1) return status;
     }
@@ -193,8 +199,7 @@ void FCP5XMLReader::readFile(const XMLParser& fp) {
     if (LightweightString<char> url = leaf(fp, "pathurl"); !url.empty())
         rec->originLocator = fromUTF8(url);
     rec->editName = fromUTF8(leaf(fp, "name"));
-    XMLParser::Value video = fp.getValue("video", 0);
-    if (!video.text.empty()) rec->hasVideo = true;
+    if (inside(fp, "video")) rec->hasVideo = true;
     // Version 1 documents count a stream's channels in `trackcount`.
     bool byTracks = false;
     auto channelsOf = [&byTracks](const XMLParser& audio, int& count) {
@@ -204,11 +209,8 @@ void FCP5XMLReader::readFile(const XMLParser& fp) {
     };
     if (legacy()) {
         // The original reading counts the first sound stream alone.
-        XMLParser::Value audio = fp.getValue("audio", 0);
-        if (!audio.text.empty()) {
-            XMLParser ap(audio.text.c_str(), -1);
-            channelsOf(ap, rec->audioChannelCount);
-        }
+        if (std::unique_ptr<XMLParser> audio = inside(fp, "audio"))
+            channelsOf(*audio, rec->audioChannelCount);
     } else {
         // Premiere and Final Cut Pro write one `audio` a stream: a file's
         // channels are those of all its streams, in order, as `trackindex`
@@ -240,9 +242,8 @@ void FCP5XMLReader::readFile(const XMLParser& fp) {
         facts.mediaSource = source;
 
     Qv::FrameRate rate = seqRate;
-    XMLParser::Value timecode = fp.getValue("timecode", 0);
-    if (!timecode.text.empty()) {
-        XMLParser tp(timecode.text.c_str(), -1);
+    if (std::unique_ptr<XMLParser> timecode = inside(fp, "timecode")) {
+        const XMLParser& tp = *timecode;
         // The label is made before the file's duration is known: its end is
         // placed with what the new record holds.
         processTimecode(rec, tp, rec->duration);
@@ -403,8 +404,7 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
         std::vector<std::unique_ptr<XMLParser>> audio = media->sections_TopLevel("audio");
         if (!audio.empty() && audio[0]) audioTracks = audio[0]->sections_TopLevel("track");
         auto make = [&](const std::unique_ptr<XMLParser>& track, bool isVideo, int number) {
-            XMLParser empty("", -1);
-            const XMLParser& tp = track ? *track : empty;
+            const XMLParser& tp = track ? *track : emptyParser();
             std::vector<std::unique_ptr<XMLParser>> clipItems = tp.sections_TopLevel("clipitem");
             // Where each item stands in the document: one of no content
             // stands just after the item before it.
@@ -412,14 +412,14 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
             std::size_t last = 0;
             // An item that carries only its id (JumpCutter writes its sound
             // so) is the item of that id that has content.
-            std::vector<XMLParser::Value> bare;
+            std::vector<std::vector<XMLParser::Tag>> bare;
             for (std::size_t i = 0; i < clipItems.size(); ++i) {
                 if (clipItems[i]) last = clipItems[i]->offset();
                 order[i] = last;
                 if (clipItems[i]) continue;
-                if (bare.empty()) bare = tp.getSections_TopLevel("clipitem");
+                if (bare.empty()) bare = tp.getAttributes_TopLevel("clipitem");
                 LightweightString<char> id;
-                for (const XMLParser::Tag& a : bare[i].attributes)
+                for (const XMLParser::Tag& a : bare[i])
                     if (a.name == "id") id = a.value;
                 if (!legacy()) clipItems[i] = clipItemById(id);
                 if (!clipItems[i] && !id.empty()) pendingBare_.push_back({isVideo, number, id});
@@ -428,11 +428,11 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
             // clip after a fade that leads into one is taken for the clip
             // that fade leads into. By default a generator holds its place,
             // as black.
-            std::vector<XMLParser::Value> passedOver;
+            std::vector<std::unique_ptr<XMLParser>> passedOver;
             std::vector<bool> generator(clipItems.size(), false);
             if (tp.count("generatoritem") > 0) {
                 if (legacy()) {
-                    passedOver = tp.getSections_TopLevel("generatoritem");
+                    passedOver = tp.sections_TopLevel("generatoritem");
                 } else {
                     struct Entry {
                         std::size_t offset;
@@ -479,8 +479,8 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
                         contentTicks =
                             std::max<long long>(contentTicks, std::max(item.start, item.end));
             t->generators = std::move(passedOver);
-            for (const XMLParser::Value& g : t->generators) {
-                XMLParser gp(g.text.c_str(), -1);
+            for (const std::unique_ptr<XMLParser>& g : t->generators) {
+                const XMLParser& gp = g ? *g : emptyParser();
                 contentTicks = std::max<long long>(
                     contentTicks, std::max(intOf(gp, "start", 0), intOf(gp, "end", 0)));
             }
@@ -539,13 +539,11 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
         for (const PendingBare& b : pendingBare_)
             if (b.isVideo == source.isVideo && b.number == source.number)
                 reportLoss(lossHere("bare-reference", -1, "clip item " + b.id), true);
-        for (const XMLParser::Value& g : source.track->generators) {
-            XMLParser gp(g.text.c_str(), -1);
+        for (const std::unique_ptr<XMLParser>& g : source.track->generators) {
+            const XMLParser& gp = g ? *g : emptyParser();
             LightweightString<char> what = leaf(gp, "name");
-            if (XMLParser::Value effect = gp.getValue("effect", 0); !effect.text.empty()) {
-                XMLParser ep(effect.text.c_str(), -1);
-                if (LightweightString<char> n = leaf(ep, "name"); !n.empty()) what = n;
-            }
+            if (std::unique_ptr<XMLParser> effect = inside(gp, "effect"))
+                if (LightweightString<char> n = leaf(*effect, "name"); !n.empty()) what = n;
             int start = intOf(gp, "start", 0);
             if (start < 0) start = intOf(gp, "end", 0);
             reportLoss(
@@ -561,8 +559,8 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
     pendingBare_.clear();
     flushPassedOver();
 
-    for (const XMLParser::Value& marker : sp.getSections_TopLevel("marker"))
-        readMarker(marker, rec);
+    for (const std::unique_ptr<XMLParser>& marker : sp.sections_TopLevel("marker"))
+        readMarker(marker ? *marker : emptyParser(), rec);
     seqList.append(rec);
 
     // A clip item that plays this sequence refers to it by its key: the
@@ -577,8 +575,7 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
     return 1;
 }
 
-void FCP5XMLReader::readMarker(const XMLParser::Value& section, CED2* rec) {
-    XMLParser mp(section.text.c_str(), -1);
+void FCP5XMLReader::readMarker(const XMLParser& mp, CED2* rec) {
     LightweightString<wchar_t> name = fromUTF8(leaf(mp, "name"));
     LightweightString<wchar_t> comment = fromUTF8(leaf(mp, "comment"));
     double in = intOf(mp, "in", 0) * secondsPerTick;
@@ -596,12 +593,9 @@ void FCP5XMLReader::readMarker(const XMLParser::Value& section, CED2* rec) {
                            out == -1.0 ? kCueOpenEnd : out);
 }
 
-int FCP5XMLReader::processTimecode(CED2* rec, XMLParser& parser, double durationSeconds) {
-    XMLParser::Value reel = parser.getValue("reel", 0);
-    if (!reel.text.empty()) {
-        XMLParser rp(reel.text.c_str(), -1);
-        if (LightweightString<char> name = leaf(rp, "name"); !name.empty()) rec->reelId = name;
-    }
+int FCP5XMLReader::processTimecode(CED2* rec, const XMLParser& parser, double durationSeconds) {
+    if (std::unique_ptr<XMLParser> reel = inside(parser, "reel"))
+        if (LightweightString<char> name = leaf(*reel, "name"); !name.empty()) rec->reelId = name;
     bool dropFrame = leaf(parser, "displayformat") == "DF";
     fcp5read::DocRate docRate = fcp5read::docRateOf(parser);
     if (!docRate.present) return 1;
@@ -622,16 +616,14 @@ int FCP5XMLReader::processTimecode(CED2* rec, XMLParser& parser, double duration
     return 1;
 }
 
-int FCP5XMLReader::processSequenceTimecode(CED2* rec, XMLParser& parser, double durationSeconds) {
+int FCP5XMLReader::processSequenceTimecode(CED2* rec, const XMLParser& parser,
+                                           double durationSeconds) {
     // Only the sequence's source timecode counts.
     if (LightweightString<char> source = leaf(parser, "source");
         !source.empty() && !(source == "source"))
         return 1;
-    XMLParser::Value reel = parser.getValue("reel", 0);
-    if (!reel.text.empty()) {
-        XMLParser rp(reel.text.c_str(), -1);
-        if (LightweightString<char> name = leaf(rp, "name"); !name.empty()) rec->reelId = name;
-    }
+    if (std::unique_ptr<XMLParser> reel = inside(parser, "reel"))
+        if (LightweightString<char> name = leaf(*reel, "name"); !name.empty()) rec->reelId = name;
     bool dropFrame = leaf(parser, "displayformat") == "DF";
     fcp5read::DocRate docRate = fcp5read::docRateOf(parser);
     if (!docRate.present) return 1;
@@ -654,7 +646,7 @@ int FCP5XMLReader::processSequenceTimecode(CED2* rec, XMLParser& parser, double 
     return 1;
 }
 
-bool FCP5XMLReader::clipItemReferencesSubClip(XMLParser& item) {
+bool FCP5XMLReader::clipItemReferencesSubClip(const XMLParser& item) {
     return present(item, "subclipmasterid") || present(item, "subclipinfo");
 }
 

@@ -8,8 +8,8 @@
 // become channels of cels that refer to shots and ghosts by text. The reader
 // core then finds the media, resolves the references and writes the records.
 //
-// Every nested element is read by a parser of its own over the element's
-// inner text, the way the host's XML reader is meant to be used.
+// Every nested element is read through a section of the document's one
+// index: a parser over the element's inside that copies and scans nothing.
 #pragma once
 
 #include <map>
@@ -32,12 +32,12 @@ class FCP5XMLReader : public XMLReader {
 
     // One `timecode` element: a shot's label, or a sequence's source
     // timecode appended to its labels. Both answer 1.
-    int processTimecode(CED2* rec, XMLParser& parser, double durationSeconds);
-    int processSequenceTimecode(CED2* rec, XMLParser& parser, double durationSeconds);
+    int processTimecode(CED2* rec, const XMLParser& parser, double durationSeconds);
+    int processSequenceTimecode(CED2* rec, const XMLParser& parser, double durationSeconds);
 
     // True when a clip item uses a sub-clip: it has a `subclipmasterid` or a
     // `subclipinfo`.
-    static bool clipItemReferencesSubClip(XMLParser& item);
+    static bool clipItemReferencesSubClip(const XMLParser& item);
 
     // The next item of a track in position order, merging its clip items and
     // transition items. The cursors name the last item delivered (-1 before
@@ -49,12 +49,13 @@ class FCP5XMLReader : public XMLReader {
 
     // A clip item, in a master clip or on a track: finds or makes its shot,
     // or in the sub-clip pass its ghost. Always 1.
-    int processClipItem(bool isMasterClip, XMLParser& clipParser, XMLParser& itemParser,
+    int processClipItem(bool isMasterClip, const XMLParser& clipParser, const XMLParser& itemParser,
                         bool subClipPass);
-    int extractShotFromClipItem(bool isMasterClip, XMLParser& clipParser, XMLParser& itemParser) {
+    int extractShotFromClipItem(bool isMasterClip, const XMLParser& clipParser,
+                                const XMLParser& itemParser) {
         return processClipItem(isMasterClip, clipParser, itemParser, false);
     }
-    int extractSubClipFromClipItem(XMLParser& itemParser) {
+    int extractSubClipFromClipItem(const XMLParser& itemParser) {
         return processClipItem(false, itemParser, itemParser, true);
     }
 
@@ -146,7 +147,7 @@ class FCP5XMLReader : public XMLReader {
     void completeGhosts();
     int readSequence(const XMLParser& sequence);
     int walkTrack(Track& track, bool isVideo, CChannel* channel, double seqDuration);
-    void readMarker(const XMLParser::Value& section, CED2* rec);
+    void readMarker(const XMLParser& marker, CED2* rec);
     int addClip(Track& track, Cursor& cursor, TrackItem& item, bool isVideo, CChannel* channel,
                 double seqDuration);
     void addTransition(Cursor& cursor, TrackItem& item, bool isVideo, CChannel* channel);
@@ -166,7 +167,9 @@ class FCP5XMLReader : public XMLReader {
     // what is passed over.
     LossRecord lossHere(const char* kind, long long frame, const LightweightString<char>& detail);
     void reportLoss(const LossRecord& record, bool playsBlack);
-    void reportItem(const XMLParser& item, long long frame, const LightweightString<char>& detail);
+    // What the reader passes over in a clip item, named by its name and id.
+    void reportItem(const XMLParser& item, long long frame, const LightweightString<char>& name,
+                    const LightweightString<char>& id);
     void flushPassedOver();
     void completeFiles();
     void checkNesting();

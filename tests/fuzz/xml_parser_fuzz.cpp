@@ -1,10 +1,11 @@
 // Feeds arbitrary bytes to the XML reader and asks what the readers ask,
-// level by level. Besides crashes it checks two things that must hold for any
-// input: top-level answers are a subset of all answers, and a parser over the
-// raw inner text of an element agrees with the outer parser.
+// level by level. Besides crashes it checks what must hold for any input:
+// top-level answers are a subset of all answers, a parser over the raw inner
+// text of an element agrees with the outer parser, and so does a section.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,42 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         XMLParser nested(text2.c_str(), -1);
         for (const char* tag : kTags)
             (void)nested.getSections_TopLevel(tag);
+    }
+
+    // What the readers ask now: a section of the one index answers as a
+    // parser over its element's text as written does (a leaf, whose text is
+    // decoded, holds no elements), and a question for one part of an answer
+    // gives that part.
+    for (const char* tag : kTags) {
+        for (unsigned i = 0; i < 4; ++i) {
+            XMLParser::Value v = parser.getValue(tag, i);
+            check(parser.getText(tag, i).view() == v.text.view());
+            check(same({XMLParser::Value{{}, {}, parser.getAttributes(tag, i)}},
+                       {XMLParser::Value{{}, {}, v.attributes}}));
+            std::unique_ptr<XMLParser> section = parser.section(tag, i);
+            if (!section) {
+                check(v.text.empty());
+                continue;
+            }
+            check(section->hasText() == !v.text.empty());
+            const char* end = text + size;
+            const char* gt = endOfTag(text + section->offset() + 1, end);
+            std::size_t inner = static_cast<std::size_t>(gt - text) + 1;
+            bool asWritten = gt < end && inner + v.text.size() <= size &&
+                             std::memcmp(text + inner, v.text.c_str(), v.text.size()) == 0;
+            XMLParser fresh(v.text.c_str(), static_cast<int>(v.text.size()));
+            for (const char* deeper : kTags) {
+                if (!asWritten) {
+                    check(section->count(deeper) == 0);
+                    continue;
+                }
+                check(same(section->getValues(deeper), fresh.getValues(deeper)));
+                check(same(section->getSections_TopLevel(deeper),
+                           fresh.getSections_TopLevel(deeper)));
+                check(section->sections_TopLevel(deeper).size() ==
+                      fresh.getSections_TopLevel(deeper).size());
+            }
+        }
     }
 
     // Wrapped in an element of a name the input does not use, the input must

@@ -97,6 +97,50 @@ TEST_F(ImportDriver, TheListStopsAtItsFirstFailureAndKeepsEarlierEdits) {
     EXPECT_TRUE(r.cookies.empty());
 }
 
+// What an import makes, without its cookies: edits, channels and cels.
+std::string summary(const ImportResult& r) {
+    std::string out;
+    for (const EditModifier& m : r.edits) {
+        out += toUTF8(m->name).str() + "\n";
+        for (const StoredChannel& ch : m->channels) {
+            out += " " + ch.name.str() + ":";
+            for (const CelData& c : ch.cels)
+                out += " " + std::to_string(c.editIn) + "-" + std::to_string(c.editOut) + "@" +
+                       std::to_string(c.sourceIn) + "x" + std::to_string(c.speed) +
+                       (c.cookie.isValid() ? "" : "?");
+            out += "\n";
+        }
+    }
+    return out;
+}
+
+// The records keep nothing of the document: it and its index are let go
+// before the records are written, and a document wiped at that point
+// imports as one left alone.
+TEST_F(ImportDriver, TheDocumentIsLetGoBeforeTheRecordsAreWritten) {
+    for (const char* name : {"nested_sequence.xml", "bare_clip_items.xml", "several_streams.xml",
+                             "fades_to_black.xml", "golden_sequence.xml"}) {
+        std::string path = std::string(QVXML_TEST_DATA) + "/xmeml/" + name;
+        std::string text = qvtest::readFile(path);
+        ASSERT_FALSE(text.empty()) << name;
+        ImportFileList list = files({path});
+        Qv::Ptr<XMLReader> reader;
+        int parsed = 0;
+        {
+            XMLParser parser(text.c_str(), static_cast<int>(text.size()));
+            ASSERT_EQ(getAnXMLReader(reader, detectXMLFlavour(parser), capturingLog()), 1);
+            parsed = reader->readDocument(parser, list[0], capturingLog());
+        }
+        text.assign(text.size(), 'x');
+        ImportResult wiped = reader->finishImport(parsed);
+        ImportResult whole = XMLImportFiles(list, capturingLog());
+        ASSERT_EQ(wiped.status, 1) << name;
+        ASSERT_EQ(whole.status, 1) << name;
+        EXPECT_FALSE(wiped.edits.empty()) << name;
+        EXPECT_EQ(summary(wiped), summary(whole)) << name;
+    }
+}
+
 TEST_F(ImportDriver, SequenceRateWithoutImporting) {
     std::string doc = document("doc.xml", nativeDocument("S"));
     EXPECT_EQ(getSequenceFrameRate(fromUTF8(doc.c_str())), Qv::eFrameRate25);

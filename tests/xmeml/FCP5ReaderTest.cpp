@@ -265,6 +265,28 @@ TEST_F(FCP5Reader, LevelKeyframesAreClampedToTheClip) {
     EXPECT_NEAR(at[2], 100, 1e-9) << "past the media played: the clip's end";
 }
 
+// An element that holds nothing but a comment is there, but tells nothing:
+// the reader passes over it as if it were missing.
+TEST_F(FCP5Reader, ElementsThatHoldOnlyACommentAreAbsent) {
+    std::string f =
+        "<file id=\"f\"><name>f.wav</name><duration>1000</duration><rate><timebase>25"
+        "</timebase></rate><media><video><!-- none --></video><audio><channelcount>1"
+        "</channelcount></audio></media></file>";
+    std::string levels =
+        "<filter><effect><effectid>audiolevels</effectid><parameter>"
+        "<keyframe><!-- none --></keyframe></parameter></effect></filter>";
+    std::string markers = "<marker><!-- none --></marker><marker><name>m</name><in>5</in></marker>";
+    CED2* seq = readOne(sequence("", track(clip(f, 0, 50, 100, 150, levels + markers))));
+    ASSERT_TRUE(seq);
+    EXPECT_FALSE(channel(seq, 0)->hasTrackLevels) << "no keyframe to place";
+    ASSERT_EQ(reader.shots().size(), 1u);
+    CED2* shot = reader.shots().firstRecord();
+    EXPECT_EQ(shot->GetNumVideoChannels(), 0) << "a picture stream that says nothing";
+    EXPECT_EQ(shot->GetNumAudioChannels(), 1);
+    ASSERT_EQ(shot->cues.size(), 2u) << "the named marker, at both visits of the item";
+    EXPECT_EQ(shot->cues[0].name, L"m");
+}
+
 TEST_F(FCP5Reader, ShotsFromFilesAndGhostsFromSubclips) {
     std::string f = file("av", 1000, 2);
     std::string a =
