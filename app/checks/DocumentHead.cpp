@@ -33,10 +33,16 @@ std::size_t skipDeclaration(std::string_view text, std::size_t at) {
 
 DocumentHead readDocumentHead(const std::string& path) {
     DocumentHead head;
-    std::ifstream in(path, std::ios::binary);
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
     // The prolog of a real document is short; a megabyte leaves room for a
-    // long document type.
-    std::string buffer(1 << 20, '\0');
+    // long document type. A smaller file is read into a buffer of its size.
+    std::streamoff size = in.tellg();
+    if (size >= 0)
+        in.seekg(0);
+    else
+        in.clear();  // no size to tell (a pipe): read up to the megabyte
+    std::string buffer(size >= 0 && size < (1 << 20) ? static_cast<std::size_t>(size) : 1 << 20,
+                       '\0');
     in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
     buffer.resize(static_cast<std::size_t>(in.gcount()));
     std::string_view text(buffer);
