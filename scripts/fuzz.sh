@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs the libFuzzer targets for a while each, one after the other, at low
-# priority, and says how many inputs each ran and what it found.
+# priority (nice 19, or $FUZZ_NICE), and says how many inputs each ran and
+# what it found.
 #
 #   scripts/fuzz.sh [-t SECONDS] [-l MAX_BYTES] [-b BUILD_DIR] [TARGET...]
 #
@@ -120,7 +121,7 @@ for target in "${targets[@]}"; do
     ((length > command_maxlen)) && length=$command_maxlen
   fi
   set +e
-  nice -n 19 "$build/bin/$target" -max_total_time="$seconds" -max_len="$length" \
+  nice -n "${FUZZ_NICE:-19}" "$build/bin/$target" -max_total_time="$seconds" -max_len="$length" \
     -timeout=30 -rss_limit_mb=2048 "${extra[@]}" \
     -print_final_stats=1 -dict="$dictionary" -artifact_prefix="$findings/" \
     "$work/$target.corpus" "$work/$target" >"$work/$target.log" 2>&1
