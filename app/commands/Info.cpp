@@ -253,7 +253,8 @@ int Commands::lookAt(const std::string& input, bool lenient, DocumentInfo& d) {
 int Commands::infoDocument(const std::string& input, const Options& o, std::string& text) {
     DocumentInfo d;
     if (int code = lookAt(input, o.lenient, d)) return code;
-    text = o.json ? infoJson(d).dump(2) : infoText(d, o.listClips, o.listMedia, o.listMarkers);
+    text = o.json ? infoJson(d).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+                  : infoText(d, o.listClips, o.listMedia, o.listMarkers);
     return kExitOK;
 }
 

@@ -361,7 +361,8 @@ std::string lossReportText(const std::vector<DocumentLosses>& documents,
                            {"command", command},
                            {"counts", totals},
                            {"documents", docs}};
-    return root.dump(2) + "\n";
+    // Names that are not UTF-8 are written with U+FFFD.
+    return root.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace qvapp
