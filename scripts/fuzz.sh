@@ -16,7 +16,8 @@
 # otio_command_fuzz, snapshot_command_fuzz and edl_command_fuzz (default:
 # all).
 #
-# Seeds are copied at run time from examples/, tests/data/ and the shared
+# Seeds are copied at run time from examples/, tests/data/ (with the inputs
+# earlier runs found, tests/data/fuzz/) and the shared
 # corpus (../shared/corpus, or $QVXML_CORPUS); the snapshot targets' seeds are
 # made by importing those documents with the built command. The dictionaries
 # are tests/fuzz/*.dict. Nothing is kept after a run but findings, which go to
@@ -74,8 +75,8 @@ seed() {
   done
 }
 
-native=(examples/native/*.xml tests/data/native/*.xml)
-xmeml=(examples/xmeml/*.xml tests/data/xmeml/*.xml "$corpus"/xmeml/*.xml)
+native=(examples/native/*.xml tests/data/native/*.xml tests/data/fuzz/native/*)
+xmeml=(examples/xmeml/*.xml tests/data/xmeml/*.xml "$corpus"/xmeml/*.xml tests/data/fuzz/xmeml/*)
 seed "$work/native_import_fuzz" "${native[@]}"
 seed "$work/xmeml_import_fuzz" "${xmeml[@]}"
 seed "$work/xml_parser_fuzz" "${native[@]}" "${xmeml[@]}" "$corpus"/fcpxml/*.fcpxml
@@ -120,6 +121,7 @@ for target in "${targets[@]}"; do
     extra=(-close_fd_mask=3 -entropic=0)
     ((length > command_maxlen)) && length=$command_maxlen
   fi
+  started=$SECONDS
   set +e
   nice -n "${FUZZ_NICE:-19}" "$build/bin/$target" -max_total_time="$seconds" -max_len="$length" \
     -timeout=30 -rss_limit_mb=2048 "${extra[@]}" \
@@ -127,6 +129,7 @@ for target in "${targets[@]}"; do
     "$work/$target.corpus" "$work/$target" >"$work/$target.log" 2>&1
   result=$?
   set -e
+  elapsed=$((SECONDS - started))
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$work/$target.log" | tail -1)
   runs=${runs:-0}
   total=$((total + runs))
@@ -136,7 +139,7 @@ for target in "${targets[@]}"; do
   # to see what it costs alone.
   found=$(find "$findings" -type f ! -name 'slow-unit-*' | wc -l)
   slow=$(find "$findings" -type f -name 'slow-unit-*' | wc -l)
-  line="$target: $runs runs in ${seconds} s, $found finding(s)"
+  line="$target: $runs runs in ${elapsed} s ($((runs / (elapsed > 0 ? elapsed : 1)))/s), $found finding(s)"
   ((slow > 0)) && line="$line, $slow slow input(s)"
   echo "$line in $findings"
   if [ "$result" != 0 ]; then
