@@ -67,6 +67,10 @@ XMLQvd::XMLQvd() {
 
 XMLQvd::~XMLQvd() {
     closedown();
+    releaseComponents();
+}
+
+void XMLQvd::releaseComponents() {
     // Counted components are released, others deleted.
     for (QvComponentBase* c : components) {
         if (auto* counted = dynamic_cast<Qv::InternalRefCount*>(c))
@@ -78,6 +82,10 @@ XMLQvd::~XMLQvd() {
 }
 
 bool XMLQvd::postLoadInitialization() {
+    // A host that loads the plug-in again in the same process (the command
+    // run many times in one process) gets what a first load gives: one
+    // resource and one export format, not one more of each per load.
+    releaseComponents();
     XMLResource* resource = new XMLResource;
     resource->incRefCount();  // held by the component vector
     components.add(resource);

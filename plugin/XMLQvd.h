@@ -48,6 +48,9 @@ class XMLQvd : public QvDeviceDriverBase {
     // Adds the export format, unless the configuration keeps it out or the
     // host lists one already.
     void registerResources();
+
+  private:
+    void releaseComponents();
 };
 
 // The plug-in object of this process.

@@ -1,21 +1,28 @@
 #!/usr/bin/env bash
 # Runs the libFuzzer targets for a while each, one after the other, at low
-# priority, and says how many inputs each ran and what it found.
+# priority (nice 19, or $FUZZ_NICE), and says how many inputs each ran and
+# what it found.
 #
 #   scripts/fuzz.sh [-t SECONDS] [-l MAX_BYTES] [-b BUILD_DIR] [TARGET...]
 #
 # SECONDS is the time per target (default 60); MAX_BYTES the longest input
-# tried, longer seeds being cut to it (default 65536). BUILD_DIR is a clang tree
-# configured with -DQVXML_BUILD_FUZZ=ON (default build-asan; it is configured
-# so when it does not exist). The targets are native_import_fuzz,
-# xmeml_import_fuzz, snapshot_fuzz, xml_parser_fuzz, otio_reader_fuzz and
-# edl_reader_fuzz (default: all).
+# tried, longer seeds being cut to it (default 65536; the command targets take
+# at most $COMMAND_MAX_LEN, default 16384, as each input runs the command seven
+# times). BUILD_DIR is a clang tree configured with -DQVXML_BUILD_FUZZ=ON
+# (default build-asan; it is configured so when it does not exist). The
+# targets are the readers' native_import_fuzz, xmeml_import_fuzz,
+# snapshot_fuzz, xml_parser_fuzz, otio_reader_fuzz and edl_reader_fuzz, and
+# the whole command's native_command_fuzz, xmeml_command_fuzz,
+# otio_command_fuzz, snapshot_command_fuzz and edl_command_fuzz (default:
+# all).
 #
-# Seeds are copied at run time from examples/, tests/data/ and the shared
-# corpus (../shared/corpus, or $QVXML_CORPUS); the snapshot target's seeds are
-# made by importing those documents with the built command. Nothing is kept
-# after a run but findings, which go to BUILD_DIR/fuzz-findings/TARGET/. The
-# status is not 0 when a target found something.
+# Seeds are copied at run time from examples/, tests/data/ (with the inputs
+# earlier runs found, tests/data/fuzz/) and the shared
+# corpus (../shared/corpus, or $QVXML_CORPUS); the snapshot targets' seeds are
+# made by importing those documents with the built command. The dictionaries
+# are tests/fuzz/*.dict. Nothing is kept after a run but findings, which go to
+# BUILD_DIR/fuzz-findings/TARGET/. The status is not 0 when a target found
+# something.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -35,8 +42,10 @@ shift $((OPTIND - 1))
 targets=("$@")
 if ((${#targets[@]} == 0)); then
   targets=(native_import_fuzz xmeml_import_fuzz snapshot_fuzz xml_parser_fuzz otio_reader_fuzz
-    edl_reader_fuzz)
+    edl_reader_fuzz native_command_fuzz xmeml_command_fuzz otio_command_fuzz
+    snapshot_command_fuzz edl_command_fuzz)
 fi
+command_maxlen=${COMMAND_MAX_LEN:-16384}
 corpus=${QVXML_CORPUS:-../shared/corpus}
 
 if [ ! -f "$build/CMakeCache.txt" ]; then
@@ -52,21 +61,22 @@ cmake --build "$build" -j"${JOBS:-2}" --target "${targets[@]}" qvxml_app >/dev/n
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# Copies the files given (those that exist, under 1 MB) into a folder.
+# Copies the files given (those that exist, under 1 MB, or under $under
+# bytes) into a folder.
 seed() {
   local into=$1
   shift
   mkdir -p "$into"
   local f
   for f in "$@"; do
-    if [ -f "$f" ] && [ "$(stat -c %s "$f")" -lt 1048576 ]; then
+    if [ -f "$f" ] && [ "$(stat -c %s "$f")" -lt "${under:-1048576}" ]; then
       cp "$f" "$into/$(basename "$f" | tr -c 'A-Za-z0-9._\n-' '_')"
     fi
   done
 }
 
-native=(examples/native/*.xml tests/data/native/*.xml)
-xmeml=(examples/xmeml/*.xml tests/data/xmeml/*.xml "$corpus"/xmeml/*.xml)
+native=(examples/native/*.xml tests/data/native/*.xml tests/data/fuzz/native/*)
+xmeml=(examples/xmeml/*.xml tests/data/xmeml/*.xml "$corpus"/xmeml/*.xml tests/data/fuzz/xmeml/*)
 seed "$work/native_import_fuzz" "${native[@]}"
 seed "$work/xmeml_import_fuzz" "${xmeml[@]}"
 seed "$work/xml_parser_fuzz" "${native[@]}" "${xmeml[@]}" "$corpus"/fcpxml/*.fcpxml
@@ -81,55 +91,13 @@ for doc in "${native[@]}" "${xmeml[@]}"; do
   "$build/bin/qvxml" import --quiet --lenient "$doc" \
     --snapshot "$work/snapshot_fuzz/import-$n.json" >/dev/null 2>&1 || true
 done
+# The command targets skip inputs over 256 KB.
+under=262144 seed "$work/native_command_fuzz" "${native[@]}"
+under=262144 seed "$work/xmeml_command_fuzz" "${xmeml[@]}"
+under=262144 seed "$work/otio_command_fuzz" "$corpus"/otio/*.otio "$corpus"/otio/*/*.otio
+under=262144 seed "$work/snapshot_command_fuzz" "$work"/snapshot_fuzz/*.json
+under=262144 seed "$work/edl_command_fuzz" tests/data/edl/*.edl "$corpus"/edl/*.edl
 
-# The names the documents are made of, for the fuzzer to try together.
-cat >"$work/dictionary" <<'EOF'
-"<QVXML Version=\"2.0\">"
-"<QVXML Version=\"1.0\">"
-"<EditRes num=\"250000\" den=\"10000\"/>"
-"<Shot>"
-"<Edit>"
-"<ChanList>"
-"<Chan>"
-"<CelEvent>"
-"<Ref magic=\"true\">V-00000002-00000287-00000000-00000000-ff-00</Ref>"
-"<Transition><Type>Wipe</Type><Id>-12</Id></Transition>"
-"<Effect><Type>Track levels</Type>"
-"<Keyframe><Position>"
-"<Rate num=\"300000\" den=\"10001\"/>"
-"<Label Str=\"TC 5 DF 00:01:00;00 105\"/>"
-"<xmeml version=\"5\">"
-"<sequence>"
-"<clipitem>"
-"<transitionitem>"
-"<timebase>"
-"<ntsc>TRUE</ntsc>"
-"<file id=\"f\">"
-"<pathurl>"
-"<filter><effect><effectid>timeremap</effectid>"
-"\"editIn\":"
-"\"alternates\":"
-"\"audioInputSampleRate\":"
-"\"nan\""
-"1e300"
-"-2147483648"
-"TITLE: "
-"FCM: DROP FRAME"
-"FCM: NON-DROP FRAME"
-"001  AX       V     C        01:00:00:00 01:00:01:00 01:00:00:00 01:00:01:00"
-"002  BL       AA/V  D    030 "
-"W012R 010 "
-"K B "
-"M2   AX       -025.0 01:00:00:00"
-"AUD  3 4"
-"* FROM CLIP NAME: "
-"* TO CLIP NAME: "
-"* SOURCE FILE: "
-"* LOC: 01:00:00:00 RED "
-"* WIPE REVERSE"
-">>> SOURCE "
-"00:00:59;29"
-EOF
 
 status=0
 total=0
@@ -137,13 +105,31 @@ echo "== fuzzing ${#targets[@]} target(s), ${seconds} s each"
 for target in "${targets[@]}"; do
   findings="$build/fuzz-findings/$target"
   mkdir -p "$findings" "$work/$target.corpus"
+  # The names each kind of document is made of, for the fuzzer to try together.
+  case $target in
+    otio_* | snapshot_*) dictionary=tests/fuzz/json.dict ;;
+    edl_*) dictionary=tests/fuzz/edl.dict ;;
+    *) dictionary=tests/fuzz/xml.dict ;;
+  esac
+  # The command says what it wrote and what it lost on every run: only
+  # libFuzzer's own lines and the sanitizers' reports are kept. Its runs
+  # cover tens of thousands of features, which the entropic schedule would
+  # weigh after every run, at ten times the cost of the run itself.
+  extra=()
+  length=$maxlen
+  if [[ $target == *_command_fuzz ]]; then
+    extra=(-close_fd_mask=3 -entropic=0)
+    ((length > command_maxlen)) && length=$command_maxlen
+  fi
+  started=$SECONDS
   set +e
-  nice -n 19 "$build/bin/$target" -max_total_time="$seconds" -max_len="$maxlen" \
-    -timeout=30 -rss_limit_mb=2048 \
-    -print_final_stats=1 -dict="$work/dictionary" -artifact_prefix="$findings/" \
+  nice -n "${FUZZ_NICE:-19}" "$build/bin/$target" -max_total_time="$seconds" -max_len="$length" \
+    -timeout=30 -rss_limit_mb=2048 "${extra[@]}" \
+    -print_final_stats=1 -dict="$dictionary" -artifact_prefix="$findings/" \
     "$work/$target.corpus" "$work/$target" >"$work/$target.log" 2>&1
   result=$?
   set -e
+  elapsed=$((SECONDS - started))
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$work/$target.log" | tail -1)
   runs=${runs:-0}
   total=$((total + runs))
@@ -153,7 +139,7 @@ for target in "${targets[@]}"; do
   # to see what it costs alone.
   found=$(find "$findings" -type f ! -name 'slow-unit-*' | wc -l)
   slow=$(find "$findings" -type f -name 'slow-unit-*' | wc -l)
-  line="$target: $runs runs in ${seconds} s, $found finding(s)"
+  line="$target: $runs runs in ${elapsed} s ($((runs / (elapsed > 0 ? elapsed : 1)))/s), $found finding(s)"
   ((slow > 0)) && line="$line, $slow slow input(s)"
   echo "$line in $findings"
   if [ "$result" != 0 ]; then

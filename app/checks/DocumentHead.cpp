@@ -36,8 +36,17 @@ std::size_t skipDeclaration(std::string_view text, std::size_t at) {
 constexpr std::size_t kHeadBytes = 1 << 20;
 
 DocumentHead readDocumentHead(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::string buffer(kHeadBytes, '\0');
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    // A smaller file than the head's bytes is read into a buffer of its size.
+    std::streamoff size = in.tellg();
+    if (size >= 0)
+        in.seekg(0);
+    else
+        in.clear();  // no size to tell (a pipe): read up to the head's bytes
+    std::string buffer(size >= 0 && static_cast<std::size_t>(size) < kHeadBytes
+                           ? static_cast<std::size_t>(size)
+                           : kHeadBytes,
+                       '\0');
     in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
     buffer.resize(static_cast<std::size_t>(in.gcount()));
     return readDocumentHead(std::string_view(buffer));

@@ -98,7 +98,8 @@ std::string sequenceSvg(const DocumentInfo& d, const SequenceInfo& s) {
         ".markerline{stroke:#d6336c;stroke-dasharray:2 3}</style>\n";
 
     // The ruler: a timecode every so many seconds, about ten of them.
-    const double seconds = frames / s.ticks;
+    // A sequence of no known timebase has no ruler.
+    const double seconds = s.ticks > 0 ? frames / s.ticks : 0;
     const double steps[] = {1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600};
     double step = steps[std::size(steps) - 1];
     for (double candidate : steps)
@@ -106,8 +107,10 @@ std::string sequenceSvg(const DocumentInfo& d, const SequenceInfo& s) {
             step = candidate;
             break;
         }
+    // Longer than twelve hours: whole hours, still about ten of them.
+    if (seconds / step > 12) step = std::ceil(seconds / 12 / 3600) * 3600;
     svg += "<g class=\"ruler\">\n";
-    for (double t = 0; t <= seconds + 1e-9; t += step) {
+    for (double t = 0; s.ticks > 0 && t <= seconds + 1e-9; t += step) {
         std::int64_t f = truncateToInt64(t * s.ticks + 0.5);
         svg += "<line class=\"tick\" x1=\"" + num(x(f)) + "\" y1=\"" + num(kRuler - 8) +
                "\" x2=\"" + num(x(f)) + "\" y2=\"" + num(kRuler) + "\"/>";

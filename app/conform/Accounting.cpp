@@ -655,7 +655,8 @@ class Checker {
         l.track = t.name;
         if (i.start >= 0) {
             l.frame = i.start;
-            l.timecode = frameToTimecode(s.startFrame + i.start, ticks, s.dropFrame).str();
+            l.timecode =
+                frameToTimecode(framesPlus(s.startFrame, i.start), ticks, s.dropFrame).str();
         }
         l.detail = inQuotes(i.name);
         if (!i.id.empty()) l.detail += " (" + i.id + ")";

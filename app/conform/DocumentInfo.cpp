@@ -42,7 +42,7 @@ std::string sourceTimecode(const Edit& shot, double celTime) {
     unsigned ticks = Qv::getTicksPerSecond(rate);
     if (ticks == 0) ticks = 25;
     std::int64_t start = label.is_valid() ? label.get_start() : 0;
-    std::int64_t frame = start + truncateToInt64(celTime * ticks + 0.5);
+    std::int64_t frame = framesPlus(start, truncateToInt64(celTime * ticks + 0.5));
     return frameToTimecode(frame, ticks, label.is_valid() && label.isDropFrame()).str();
 }
 
@@ -297,7 +297,7 @@ std::int64_t SequenceInfo::frameOf(double celTime) const {
 }
 
 std::string SequenceInfo::timecode(std::int64_t frame) const {
-    return frameToTimecode(startFrame + frame, ticks, dropFrame).str();
+    return frameToTimecode(framesPlus(startFrame, frame), ticks, dropFrame).str();
 }
 
 std::string SequenceInfo::length(std::int64_t frames) const {

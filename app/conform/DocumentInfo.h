@@ -74,6 +74,15 @@ struct TrackInfo {
     bool levels = false;  // has level automation
 };
 
+// A timecode's start plus a position, held at the ends of the range where
+// the sum would leave it: a damaged document's positions go as far as
+// int64_t does.
+inline std::int64_t framesPlus(std::int64_t start, std::int64_t frames) {
+    std::int64_t sum;
+    if (!__builtin_add_overflow(start, frames, &sum)) return sum;
+    return frames > 0 ? INT64_MAX : INT64_MIN;
+}
+
 struct SequenceInfo {
     std::string name;
     Qv::FrameRate frameRate = Qv::eFrameRateNone;

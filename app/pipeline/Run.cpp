@@ -91,14 +91,17 @@ std::string Commands::uniqueStem(const LightweightString<wchar_t>& name,
             limit > extensionBytes + suffixBytes ? limit - extensionBytes - suffixBytes : 1;
         std::wstring candidate = cutTo(stem, budget) + suffix;
         if (candidate.empty()) candidate = L"untitled";
-        std::string path = narrowPath(Qv::FilespecUtils::makeValidFilespec(
-            widePath(usedDir_), LightweightString<wchar_t>(candidate), wide(extension), false,
-            L'_'));
+        // The stem as the file will bear it, separators and characters that
+        // no file name holds replaced: a stem cut just after a "/" must not
+        // leave the extension after a separator, where it is no extension.
+        LightweightString<wchar_t> clean = Qv::FilespecUtils::makeValidFilespec(
+            {}, LightweightString<wchar_t>(candidate), {}, false, L'_');
+        std::string path = narrowPath(joinPath(widePath(usedDir_), clean)) + extension;
         std::lock_guard<std::mutex> lock(run_->mutex);
         std::vector<std::string>& used = run_->paths;
         if (std::find(used.begin(), used.end(), path) == used.end()) {
             used.push_back(path);
-            return narrowPath(LightweightString<wchar_t>(candidate));
+            return narrowPath(clean);
         }
     }
 }

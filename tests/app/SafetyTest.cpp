@@ -676,6 +676,34 @@ TEST_F(Safety, LongNamesAreShortened) {
                          " 2.xml\n");
 }
 
+// A name that a shortening cuts just after a "/" keeps one extension, and
+// fits: its stem is the file's, separators replaced, before the extension is
+// put after it. The fuzzer found "xxx</" written as "xxx__.otio.otio", which
+// was too long to create.
+TEST_F(Safety, NamesCutAfterASeparatorKeepOneExtension) {
+    std::string example = qvtest::readFile(kExample);
+    for (const char* to : {"native", "xmeml", "fcpxml", "otio"}) {
+        std::string extension = std::string(".") + (to == std::string("native") ? "xml" : to);
+        if (extension == ".xmeml") extension = ".xml";
+        // Cut to 255 bytes with the extension: the stem's last two are "</".
+        std::string kept(255 - extension.size() - 2, 'x');
+        std::string named = replaced(example, "<Name>Interview cut</Name>",
+                                     "<Name>" + kept + "&lt;/y" + std::string(20, 'y') + "</Name>");
+        std::string folder = dir.file(std::string("cut-") + to);
+        ASSERT_EQ(::mkdir(folder.c_str(), 0755), 0);
+        Outcome r = qvxml("convert " + doc(std::string("cut-") + to + ".xml", named) + " --to " +
+                          to + " --quiet -o " + quote(folder));
+        ASSERT_EQ(r.status, 0) << to << ": " << r.err;
+        EXPECT_EQ(r.out, folder + "/" + kept + "__" + extension + "\n") << to;
+    }
+    Outcome r = qvxml(
+        "convert " +
+        doc("slash.xml", replaced(example, "<Name>Interview cut</Name>", "<Name>Cut/</Name>")) +
+        " --to otio --quiet -o " + quote(out));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, out + "/Cut_.otio\n");
+}
+
 // Output folders that are files, and a snapshot's folder that is not there,
 // are said as what they are, with the status of a missing folder.
 TEST_F(Safety, FoldersInTheWay) {

@@ -56,6 +56,17 @@ TEST_F(Frame, LoadingMakesTheResourceAndOneFactory) {
     EXPECT_EQ(countOfType(q, 23), 1);
 }
 
+TEST_F(Frame, LoadingAgainAfterUnloadGivesOneOfEach) {
+    XMLQvd q;
+    for (int load = 0; load < 3; ++load) {
+        ASSERT_TRUE(q.postLoadInitialization());
+        QvDeviceDriverManager::theDeviceDriverManager().registerPlugin(&q);
+        EXPECT_EQ(countOfType(q, 25), 1);
+        EXPECT_EQ(countOfType(q, 23), 1);
+        q.preUnloadDeinitialization();
+    }
+}
+
 TEST_F(Frame, EnableXmlZeroLeavesTheResourceAlone) {
     set_config_int("enableXml", 0);
     XMLQvd q;
