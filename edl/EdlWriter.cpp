@@ -823,7 +823,10 @@ int Writer::write(std::vector<WrittenList>& lists) {
         if (first) tracks.insert(tracks.end(), sound.begin(), sound.end());
         if (!first)
             loss("video-track-apart", name, -1, "written to a list of its own, apart from V1");
-        if (listOf(tracks, shotAlone ? "" : name, first, lists)) first = false;
+        // A shot's list bears the shot's name alone; a shot of several
+        // pictures names its further lists by track, as a sequence does, so
+        // that no two lists share a name.
+        if (listOf(tracks, shotAlone && first ? "" : name, first, lists)) first = false;
     }
     if (first && !sound.empty()) listOf(sound, "", true, lists);
     return lists.empty() ? 0 : 1;

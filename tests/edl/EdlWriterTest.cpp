@@ -363,4 +363,21 @@ TEST_F(EdlWriter, ListsOfMoreThan999EventsNumberThemWithSixDigits) {
     EXPECT_NE(qvedl::listText(small->cookie).find("\r\n001  A        V     C"), std::string::npos);
 }
 
+// A shot is one list named after it; a shot of two pictures makes a second
+// list, named by its track, never a second list of the same name (the fuzzer
+// found the second written over the first's name and refused).
+TEST_F(EdlWriter, ShotOfTwoPicturesNamesItsSecondListByTrack) {
+    Qv::Ptr<Edit> one = shot(L"one.mov", "A001", 0);
+    std::vector<QvEdl::WrittenList> lists = qvedl::write(one->cookie, {}, capturingLog());
+    ASSERT_EQ(lists.size(), 1u);
+    EXPECT_EQ(lists[0].track, "");
+
+    Qv::Ptr<Edit> two = addShot(store, L"two.mov", 25, 100,
+                                {{kChanVideo, "V1"}, {kChanVideo, "V2"}, {kChanAudio, "A1"}});
+    lists = qvedl::write(two->cookie, {}, capturingLog());
+    ASSERT_EQ(lists.size(), 2u);
+    EXPECT_EQ(lists[0].track, "");
+    EXPECT_EQ(lists[1].track, "V2");
+}
+
 }  // namespace
