@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/support/BenchShots.h"
 #include "export/ExportDriver.h"
 #include "fcpxml/FCPXXMLWriter.h"
 #include "host/Edit.h"
@@ -31,36 +32,15 @@ struct Timeline {
         std::vector<Cookie> shotCookies;
         for (int s = 0; s < shots; ++s) {
             Cookie id = store.newEditCookie();
-            Qv::Ptr<Edit> e(new Edit(id));
-            e->name = L"shot " + Qv::WStringFromInteger(s);
-            e->logType = kLogTypeShot;
-            e->rate = 25.0;
-            e->frameRate = Qv::eFrameRate25;
-            e->length = 60;
+            Qv::Ptr<Edit> e = benchsupport::shot(id, s);
             e->mediaPath = L"/media/shot " + Qv::WStringFromInteger(s) + L".mov";
             e->videoMetadata.setSize(1920, 1080);
             e->videoMetadata.setFrameRate(Qv::eFrameRate25);
             e->videoMetadata.setScanMode(Qv::Image::eScanProgressive);
-            for (unsigned ch = 0; ch < 2; ++ch) {
-                StoredChannel sc;
-                sc.index = ch;
-                sc.type = ch == 0 ? kChanVideo : kChanAudio;
-                CelData cel;
-                cel.cookie = convertCookie(id, ch == 0 ? kCookieVideo : kCookieSound,
-                                           static_cast<unsigned char>(ch));
-                cel.editOut = cel.sourceOut = 60;
-                sc.cels.push_back(cel);
-                e->channels.push_back(sc);
-            }
             store.add(e);
             shotCookies.push_back(id);
         }
-        Cookie seqId = store.newEditCookie();
-        seq = Qv::Ptr<Edit>(new Edit(seqId));
-        seq->name = L"long cut";
-        seq->logType = kLogTypeSequence;
-        seq->frameRate = Qv::eFrameRate25;
-        seq->rate = 25;
+        seq = benchsupport::sequence(store.newEditCookie());
         int perChannel = cels / 2;
         double length = 2.0 * perChannel;
         for (unsigned ch = 0; ch < 2; ++ch) {

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/support/BenchShots.h"
 #include "host/Edit.h"
 #include "otio/OtioImport.h"
 #include "otio/OtioModel.h"
@@ -36,35 +37,13 @@ struct Timeline {
         std::vector<Cookie> shotCookies;
         for (int s = 0; s < shots; ++s) {
             Cookie id = store.newEditCookie();
-            Qv::Ptr<Edit> e(new Edit(id));
-            e->name = L"shot " + Qv::WStringFromInteger(s);
-            e->logType = kLogTypeShot;
-            e->rate = 25.0;
-            e->frameRate = Qv::eFrameRate25;
-            e->length = 60;
+            Qv::Ptr<Edit> e = benchsupport::shot(id, s);
             e->historicLocator = L"/media/shot " + Qv::WStringFromInteger(s) + L".mov";
-            e->videoReelId = "A001";
             e->labels.push_back(EditLabel::fromFrame(900000, Qv::eFrameRate25, false, 103));
-            for (unsigned ch = 0; ch < 2; ++ch) {
-                StoredChannel sc;
-                sc.index = ch;
-                sc.type = ch == 0 ? kChanVideo : kChanAudio;
-                sc.name = ch == 0 ? "V1" : "A1";
-                CelData cel;
-                cel.cookie = convertCookie(id, ch == 0 ? kCookieVideo : kCookieSound,
-                                           static_cast<unsigned char>(ch));
-                cel.editOut = cel.sourceOut = 60;
-                sc.cels.push_back(cel);
-                e->channels.push_back(sc);
-            }
             store.add(e);
             shotCookies.push_back(id);
         }
-        seq = Qv::Ptr<Edit>(new Edit(store.newEditCookie()));
-        seq->name = L"long cut";
-        seq->logType = kLogTypeSequence;
-        seq->frameRate = Qv::eFrameRate25;
-        seq->rate = 25;
+        seq = benchsupport::sequence(store.newEditCookie());
         for (unsigned ch = 0; ch < 2; ++ch) {
             StoredChannel sc;
             sc.index = ch;

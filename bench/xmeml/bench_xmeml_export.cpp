@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/support/BenchShots.h"
 #include "export/ExportDriver.h"
 #include "host/Edit.h"
 #include "xmeml/FCP5XMLWriter.h"
@@ -28,34 +29,12 @@ struct Timeline {
         std::vector<Cookie> shotCookies;
         for (int s = 0; s < shots; ++s) {
             Cookie id = store.newEditCookie();
-            Qv::Ptr<Edit> e(new Edit(id));
-            e->name = L"shot " + Qv::WStringFromInteger(s);
-            e->logType = kLogTypeShot;
-            e->rate = 25.0;
-            e->frameRate = Qv::eFrameRate25;
-            e->length = 60;
+            Qv::Ptr<Edit> e = benchsupport::shot(id, s);
             e->mediaPath = L"/media/shot " + Qv::WStringFromInteger(s) + L".mov";
-            e->videoReelId = "A001";
-            for (unsigned ch = 0; ch < 2; ++ch) {
-                StoredChannel sc;
-                sc.index = ch;
-                sc.type = ch == 0 ? kChanVideo : kChanAudio;
-                CelData cel;
-                cel.cookie = convertCookie(id, ch == 0 ? kCookieVideo : kCookieSound,
-                                           static_cast<unsigned char>(ch));
-                cel.editOut = cel.sourceOut = 60;
-                sc.cels.push_back(cel);
-                e->channels.push_back(sc);
-            }
             store.add(e);
             shotCookies.push_back(id);
         }
-        Cookie seqId = store.newEditCookie();
-        seq = Qv::Ptr<Edit>(new Edit(seqId));
-        seq->name = L"long cut";
-        seq->logType = kLogTypeSequence;
-        seq->frameRate = Qv::eFrameRate25;
-        seq->rate = 25;
+        seq = benchsupport::sequence(store.newEditCookie());
         for (unsigned ch = 0; ch < 2; ++ch) {
             StoredChannel sc;
             sc.index = ch;
