@@ -236,13 +236,17 @@ void NativeReaderCore::checkRate(const XMLParser::Value& value, const Spot& at, 
     }
 }
 
+NativeReaderCore::InView::InView(NativeReaderCore& c, const XMLParser& parser) : core(c) {
+    core.document_ = &parser;
+    core.lines_ = LineCounter(parser.documentText());
+}
+
+NativeReaderCore::InView::~InView() {
+    core.document_ = nullptr;
+}
+
 Qv::FrameRate NativeReaderCore::getSeqFrameRate(const XMLParser& parser) {
-    document_ = &parser;
-    lines_ = LineCounter(parser.documentText());
-    struct Forget {
-        const XMLParser*& document;
-        ~Forget() { document = nullptr; }
-    } forget{document_};
+    const InView inView(*this, parser);
     const Spot top{this};
     double rate = 0;
     if (!version2_) {
@@ -268,12 +272,7 @@ int NativeReaderCore::parseFile(const XMLParser& parser) {
     if (root.text.empty() || root.attributes.empty()) return 0;
     const XMLParser::Tag& version = root.attributes[0];
     if (!(version.name == "Version") || !(version.value == (version2_ ? "2.0" : "1.0"))) return 0;
-    document_ = &parser;
-    lines_ = LineCounter(parser.documentText());
-    struct Forget {
-        const XMLParser*& document;
-        ~Forget() { document = nullptr; }
-    } forget{document_};
+    const InView inView(*this, parser);
     const Spot top{this};
 
     if (!version2_) {

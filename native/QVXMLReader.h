@@ -62,6 +62,16 @@ class NativeReaderCore : public XMLReader {
     void readLabels(const XMLParser& parser, CED2* record);
     void dropRecord(CED2List& list, CED2* record);
 
+    // Keeps a document in view while it is read, so that what is told of it
+    // names its lines; lets it go when the reading ends, however it ends.
+    struct InView {
+        InView(NativeReaderCore& core, const XMLParser& parser);
+        ~InView();
+        InView(const InView&) = delete;
+        InView& operator=(const InView&) = delete;
+        NativeReaderCore& core;
+    };
+
     bool version2_;
     const XMLParser* document_ = nullptr;  // while a document is read
     std::set<std::pair<std::size_t, std::string>> unusableAt_;
