@@ -24,13 +24,14 @@
 namespace XML {
 
 enum class Damage {
-    None,         // usable, or no text at all
-    NotANumber,   // "abc", "", "-"
-    NotFinite,    // "NaN", "Infinity", "inf"
-    Hexadecimal,  // "0x10"
-    OutOfRange,   // "1e300", "99999999999", or past what the field takes
-    Exponent,     // "2.5e3" where a whole number is read: another number is taken
-    UnknownRate,  // a rate that is a number, but none the host has
+    None,          // usable, or no text at all
+    NotANumber,    // "abc", "", "-"
+    NotFinite,     // "NaN", "Infinity", "inf"
+    Hexadecimal,   // "0x10"
+    OutOfRange,    // "1e300", "99999999999", or past what the field takes
+    Exponent,      // "2.5e3" where a whole number is read: another number is taken
+    UnknownRate,   // a rate that is a number, but none the host has
+    NotATimecode,  // "01:00:0x:00", "99:99:99:99": no time of day in frames
 };
 
 // How a warning says what is wrong with a value.
@@ -50,6 +51,8 @@ inline const char* damageText(Damage d) {
             return "has an exponent, which a whole number cannot have";
         case Damage::UnknownRate:
             return "is no frame rate Quvera knows";
+        case Damage::NotATimecode:
+            return "is not a timecode";
     }
     return "is not usable";
 }

@@ -613,6 +613,9 @@ int FCP5XMLReader::processTimecode(CED2* rec, const XMLParser& parser, double du
         rec->primaryLabelSet = true;
     } else if (LightweightString<char> text = leaf(parser, "string"); !text.empty()) {
         EditLabel label = editLabFrom(text.c_str(), Qv::Image::eScanProgressive, rate, dropFrame);
+        // Text that is no timecode would start the clip's timecode at zero.
+        if (!label.is_valid())
+            check()->unusable(parser, "string", text, Damage::NotATimecode, false);
         label.setEndSample(label.posn_to_sample(durationSeconds));
         rec->primaryLabel = label;
         rec->primaryLabelSet = true;
@@ -640,6 +643,9 @@ int FCP5XMLReader::processSequenceTimecode(CED2* rec, const XMLParser& parser,
         label = editLabFrom(number, Qv::Image::eScanProgressive, rate, dropFrame);
     } else if (LightweightString<char> text = leaf(parser, "string"); !text.empty()) {
         label = editLabFrom(text.c_str(), Qv::Image::eScanProgressive, rate, dropFrame);
+        // Text that is no timecode would start the sequence at 00:00:00:00.
+        if (!label.is_valid())
+            check()->unusable(parser, "string", text, Damage::NotATimecode, true);
         label.setEndSample(label.posn_to_sample(durationSeconds));
     } else {
         return 1;

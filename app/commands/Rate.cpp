@@ -47,6 +47,18 @@ int Commands::rate(const Options& o) {
                      (head.kind == DocumentHead::Kind::Native && head.firstAttribute == "Version" &&
                       (head.firstValue == "1.0" || head.firstValue == "2.0"));
         if (!known) return fail(kExitUnknownDocument, whyUnreadable(input, head));
+        // A rate whose text is damaged is told as such, as import tells it:
+        // the import says which element and line, and the answer is untrusted.
+        if (!o.lenient) {
+            EditStore project;
+            ScopedCurrentStore scope(project);
+            std::vector<Qv::Ptr<Edit>> sequences;
+            if (int code = importDocuments({input}, sequences, false)) return code;
+            if (!untrusted_.empty())
+                return fail(kExitUntrusted, "the frame rate of " + inQuotes(input) +
+                                                " cannot be trusted: it is damaged (see the "
+                                                "warnings above)");
+        }
         return fail(kExitUnknownDocument, "the frame rate of " + inQuotes(input) +
                                               " cannot be told: its first sequence names no rate "
                                               "qvxml knows");

@@ -19,6 +19,7 @@
 #include "app/checks/XmlText.h"
 #include "app/pipeline/Text.h"
 #include "host/Label.h"
+#include "import/Scan.h"
 #include "otio/OtioModel.h"
 #include "otio/OtioReader.h"
 #include "otio/OtioTime.h"
@@ -40,12 +41,11 @@ std::int64_t frameNumber(std::string_view text, std::int64_t fallback) {
     auto [end, error] = std::from_chars(text.data() + b, text.data() + e, whole);
     if (error == std::errc() && end == text.data() + e)
         return std::clamp<long long>(whole, -1000000000000000LL, 1000000000000000LL);
-    std::string t(text);
-    const char* begin = t.c_str();
-    char* stop = nullptr;
-    double v = std::strtod(begin, &stop);
-    if (stop == begin || !std::isfinite(v)) return fallback;
-    return static_cast<std::int64_t>(std::clamp(v, -1e15, 1e15));
+    // Anything else as the readers' own scan takes it ("0x10" is 0, "2.5e3"
+    // is 2), so that a clip item is looked for where the import put it.
+    int value = 0;
+    if (!XML::scanInt(LightweightString<char>(std::string(text).c_str()), value)) return fallback;
+    return value;
 }
 
 // The nearest whole frame of a count of frames; 0 for what is no number.

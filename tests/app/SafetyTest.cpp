@@ -372,6 +372,18 @@ TEST_F(Safety, DamagedTimesAreUntrustedInEveryFormat) {
     cases.push_back({"xmeml timebase", "rate.xml", text, "<timebase> \"inf\" on line " + line});
     text = damage(premiere, "<in>", "<in>0x10", line);
     cases.push_back({"xmeml in", "in.xml", text, "<in> \"0x10"});
+    // A sequence's timecode given only as text, which names no time of day.
+    cases.push_back({"xmeml timecode text", "timecode.xml",
+                     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<xmeml version=\"5\">"
+                     "<sequence id=\"s\"><name>s</name><duration>50</duration>"
+                     "<rate><timebase>25</timebase></rate>\n<timecode><rate><timebase>25"
+                     "</timebase></rate><string>01:00:0x:00</string></timecode>\n<media><video>"
+                     "<track><clipitem id=\"c\"><name>c</name><duration>50</duration><rate>"
+                     "<timebase>25</timebase></rate><start>0</start><end>50</end><in>0</in>"
+                     "<out>50</out><file id=\"f\"><name>f.mov</name><duration>50</duration>"
+                     "<rate><timebase>25</timebase></rate></file></clipitem></track></video>"
+                     "</media></sequence></xmeml>\n",
+                     "<string> \"01:00:0x:00\" on line 3 is not a timecode"});
     text = damage(interview, "<Duration>30</Duration>\n        <Rate num=\"250000\"",
                   "<Duration>30</Duration>\n        <Rate num=\"123456\"", line);
     cases.push_back({"QVXML 2.0 Edit rate", "rate2.xml", text,
@@ -409,6 +421,11 @@ TEST_F(Safety, DamagedTimesAreUntrustedInEveryFormat) {
             }
         }
     }
+    // `rate` of a document whose rate is damaged answers nothing it cannot trust.
+    Outcome rate = qvxml("rate " + doc("rate.xml", cases[1].text));
+    EXPECT_EQ(rate.status, 10) << rate.err;
+    EXPECT_EQ(rate.out, "");
+    EXPECT_NE(rate.err.find(cases[1].says), std::string::npos) << rate.err;
 
     // The forms documents write read as ever.
     const std::string fine = doc("fine.xml", replaced(premiere, "<start>536<", "<start> 536.0 <"));
