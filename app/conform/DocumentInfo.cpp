@@ -184,7 +184,8 @@ class Describer {
         } else {
             clip.kind = "nested";
             shot = nullptr;
-            nestedMedia(*target, s.media, 0);
+            std::set<const Edit*> seen;
+            nestedMedia(*target, s.media, seen);
         }
         if (shot) {
             clip.shot = shot->cookie;
@@ -198,8 +199,11 @@ class Describer {
         return clip;
     }
 
-    void nestedMedia(const Edit& edit, std::set<int>& into, int depth) {
-        if (depth > 16) return;
+    // The media a nest plays, at any depth. Each nested edit is looked into
+    // once: a nest that holds another many times, or itself, would otherwise
+    // be walked once per path to it, which grows without bound.
+    void nestedMedia(const Edit& edit, std::set<int>& into, std::set<const Edit*>& seen) {
+        if (!seen.insert(&edit).second) return;
         for (const StoredChannel& ch : edit.channels)
             for (const CelData& c : ch.cels) {
                 if (!c.cookie.isValid() || c.cookie.isMagic()) continue;
@@ -208,7 +212,7 @@ class Describer {
                 if (e->isShot())
                     into.insert(mediaIndex(*e));
                 else
-                    nestedMedia(*e, into, depth + 1);
+                    nestedMedia(*e, into, seen);
             }
     }
 
