@@ -1,3 +1,4 @@
+// Several units at once: the readers and writers on the shared corpus.
 // The lists of the corpus, the examples and the corpus's xmeml documents
 // through the bridge: each list reads as an independent reading of its text
 // says; host to list to host to list is a fixpoint; and what xmeml makes of a

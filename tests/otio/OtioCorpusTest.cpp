@@ -1,3 +1,4 @@
+// Several units at once: the readers and writers on the shared corpus.
 // The OpenTimelineIO documents of the corpus, and the examples, through the
 // bridge: each reads as an independent reading of its JSON says; what is
 // written from it passes the serialized schema; and host to .otio to host is a

@@ -1,3 +1,4 @@
+// Several units at once: the readers and writers on the shared corpus.
 // Every xmeml document of the shared corpus, as other editors wrote them:
 // each imports, and each round trip through qvxml reaches a fixpoint on its
 // second pass, or differs for a reason the formats themselves give.
