@@ -59,23 +59,19 @@ struct Timeline : benchsupport::Timeline {
 
 // The whole export through the driver, to a file.
 void BM_Export(benchmark::State& state) {
-    Timeline timeline(state);
-    benchsupport::exportEachIteration(state, timeline.seq->cookie, XML::XMLFlavourFCPX);
-    timeline.count(state);
+    benchsupport::exportBenchmark<Timeline>(state, XML::XMLFlavourFCPX);
 }
 
 // The writer alone, on lists prepared once: resources, browser clips and the
 // sequence, built in memory.
 void BM_Writer(benchmark::State& state) {
-    Timeline timeline(state);
-    benchsupport::writeEachIteration<XML::FCPXXMLWriter>(
-        state, timeline.seq->cookie, [](auto& writer, benchsupport::PreparedLists& lists) {
+    benchsupport::writerBenchmark<Timeline, XML::FCPXXMLWriter>(
+        state, [](auto& writer, benchsupport::PreparedLists& lists) {
             writer.videoMetadata = lists.seqs.firstRecord()->get_shotVideoMetadata();
             writer.writeHeader();
             writer.writeAllShots(lists.shots, lists.ghosts);
             return writer.writeSequence(lists.seqs);
         });
-    timeline.count(state);
 }
 
 void celsAndShots(benchmark::internal::Benchmark* b) {

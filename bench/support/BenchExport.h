@@ -56,4 +56,20 @@ void writeEachIteration(benchmark::State& state, const Cookie& seq, Write write)
     }
 }
 
+// A benchmark of the whole export of a `Timeline` made from the benchmark's
+// arguments, as `flavour`; and one of `Writer` alone on its lists. A Timeline
+// counts what a benchmark processed.
+template <class Timeline>
+void exportBenchmark(benchmark::State& state, XML::XMLFlavour flavour) {
+    Timeline timeline(state);
+    exportEachIteration(state, timeline.seq->cookie, flavour);
+    timeline.count(state);
+}
+template <class Timeline, class Writer, class Write>
+void writerBenchmark(benchmark::State& state, Write write) {
+    Timeline timeline(state);
+    writeEachIteration<Writer>(state, timeline.seq->cookie, write);
+    timeline.count(state);
+}
+
 }  // namespace benchsupport

@@ -45,24 +45,20 @@ struct Timeline : benchsupport::Timeline {
 
 // The whole export through the driver, to a file.
 void BM_Export(benchmark::State& state) {
-    Timeline timeline(state);
-    benchsupport::exportEachIteration(state, timeline.seq->cookie, XML::XMLFlavourFCP5);
-    timeline.count(state);
+    benchsupport::exportBenchmark<Timeline>(state, XML::XMLFlavourFCP5);
 }
 
 // The writer alone, on lists prepared once: registration and the sequence,
 // built in memory.
 void BM_Writer(benchmark::State& state) {
-    Timeline timeline(state);
-    benchsupport::writeEachIteration<XML::FCP5XMLWriter>(
-        state, timeline.seq->cookie, [](auto& writer, benchsupport::PreparedLists& lists) {
+    benchsupport::writerBenchmark<Timeline, XML::FCP5XMLWriter>(
+        state, [](auto& writer, benchsupport::PreparedLists& lists) {
             writer.writeHeader();
             writer.writeAllShots(lists.shots, lists.ghosts);
             writer.writeGhosts(lists.deep);
             writer.writeGhosts(lists.ghosts);
             return writer.writeSequence(lists.seqs);
         });
-    timeline.count(state);
 }
 
 // The map alone: registering many shots and finding each once.
