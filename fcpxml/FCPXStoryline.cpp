@@ -105,15 +105,7 @@ void FCPXXMLWriter::registerDefaults(CED2List& shots, CED2List& ghostList) {
         CED2Cell* cel = shot->firstChannel() ? shot->firstChannel()->firstCel() : nullptr;
         EditPtr edit;
         edit.i_open(shot->cookie);
-        LightweightString<wchar_t> locator;
-        if (edit && options.useTrackOriginFilename) {
-            LightweightString<char> name;
-            edit->getTrackOriginInfo_Filename(edit->getId(0), name);
-            locator = fromUTF8(name);
-        } else if (cel) {
-            if (Qv::Ptr<FsysDirectoryEntry> entry = SystemCache::findEntryForCookie(cel->cookie))
-                locator = entry->getPhysicalFilename(true);
-        }
+        LightweightString<wchar_t> locator = mediaLocator(edit, cel);
         edit.i_close();
         if (locator.empty() && !options.useTrackOriginFilename) {
             // fcpxml has no clip without a file; its uses become gaps. The
@@ -260,18 +252,7 @@ void FCPXXMLWriter::writeFrameResources() {
         }
         xmlInlineElement(xmlFile, "format", a);
     }
-    struct Effect {
-        const wchar_t *id, *uid, *name;
-    };
-    static const Effect effects[] = {
-        {L"fx1", L"FxPlug:4731E73A-8DAC-4113-9A30-AE85B1761265", L"Cross Dissolve"},
-        {L"fx2", L"FxPlug:857E2FBA-98DB-411B-A88C-CE6ABC1F65D8", L"WIPE"},
-        {L"fx3", L"FFAudioTransition", L"Audio Crossfade"},
-    };
-    for (const Effect& e : effects)
-        xmlInlineElement(xmlFile, "effect",
-                         AttribList{makeAttrib("id", e.id), makeAttrib("uid", e.uid),
-                                    makeAttrib("name", e.name)});
+    writeEffects();
     for (const AssetRefMap::AssetRefMapRec& a : assetMap.records()) {
         AttribList at{makeAttrib("id", a.id),
                       makeAttrib("src", a.src),

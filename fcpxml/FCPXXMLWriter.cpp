@@ -131,24 +131,28 @@ bool FCPXXMLWriter::writeAllShots(CED2List& shots, CED2List& ghostList) {
     return true;
 }
 
-bool FCPXXMLWriter::registerShot(CED2* shot) {
-    CED2Cell* cel = firstCelOf(shot);
-    EditPtr edit;
-    edit.i_open(shot->cookie);
-
+LightweightString<wchar_t> FCPXXMLWriter::mediaLocator(EditPtr& edit, const CED2Cell* cel) const {
     LightweightString<wchar_t> locator;
     if (edit && options.useTrackOriginFilename) {
         LightweightString<char> name;
         edit->getTrackOriginInfo_Filename(edit->getId(0), name);
         locator = fromUTF8(name);
-    } else {
-        Qv::Ptr<FsysDirectoryEntry> entry;
-        if (cel) entry = SystemCache::findEntryForCookie(cel->cookie);
-        if (entry) locator = entry->getPhysicalFilename(true);
-        if (locator.empty()) {
-            LogBoth("XML export ERROR - FsysDirectoryEntry NULL filename\n");
-            return false;
-        }
+    } else if (cel) {
+        if (Qv::Ptr<FsysDirectoryEntry> entry = SystemCache::findEntryForCookie(cel->cookie))
+            locator = entry->getPhysicalFilename(true);
+    }
+    return locator;
+}
+
+bool FCPXXMLWriter::registerShot(CED2* shot) {
+    CED2Cell* cel = firstCelOf(shot);
+    EditPtr edit;
+    edit.i_open(shot->cookie);
+
+    LightweightString<wchar_t> locator = mediaLocator(edit, cel);
+    if (locator.empty() && !(edit && options.useTrackOriginFilename)) {
+        LogBoth("XML export ERROR - FsysDirectoryEntry NULL filename\n");
+        return false;
     }
     LightweightString<wchar_t> url = locatorURL(locator);
 
@@ -178,11 +182,8 @@ void FCPXXMLWriter::registerSubclip(CED2* ghost) {
                              cel->sourceIn);
 }
 
-void FCPXXMLWriter::writeResources() {
-    for (const VidFormatRefMap::VidFormatRefMapRec& f : formatMap.records())
-        xmlInlineElement(xmlFile, "format",
-                         AttribList{makeAttrib("id", f.id), makeAttrib("name", f.name)});
-
+// The transitions' effects, the same three in every document.
+void FCPXXMLWriter::writeEffects() {
     struct Effect {
         const wchar_t *id, *uid, *name;
     };
@@ -195,6 +196,14 @@ void FCPXXMLWriter::writeResources() {
         xmlInlineElement(xmlFile, "effect",
                          AttribList{makeAttrib("id", e.id), makeAttrib("uid", e.uid),
                                     makeAttrib("name", e.name)});
+}
+
+void FCPXXMLWriter::writeResources() {
+    for (const VidFormatRefMap::VidFormatRefMapRec& f : formatMap.records())
+        xmlInlineElement(xmlFile, "format",
+                         AttribList{makeAttrib("id", f.id), makeAttrib("name", f.name)});
+
+    writeEffects();
 
     for (const AssetRefMap::AssetRefMapRec& a : assetMap.records())
         xmlInlineElement(

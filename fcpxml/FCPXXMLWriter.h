@@ -190,8 +190,13 @@ class FCPXXMLWriter : public XMLWriter {
     };
 
     bool registerShot(CED2* shot);
+    // Where a shot's media is: the file its track came from where the options
+    // ask for that, else the file its first cel's material was found in; ""
+    // when it is not known.
+    LightweightString<wchar_t> mediaLocator(EditPtr& edit, const CED2Cell* cel) const;
     void registerSubclip(CED2* ghost);
     void writeResources();
+    void writeEffects();
     void writeMarker(const Ced2Cue& cue, double base, double rangeStart, double frame);
     void writeSequenceMarkers(double base, double rangeStart, double rangeEnd);
     void writeOneSequence(CED2* sequence, const LightweightString<wchar_t>& formatId);

@@ -349,20 +349,7 @@ void OtioInput::advanceSlowly() {
         current_ = 0;
         return;
     }
-    current_ = static_cast<char>(c);
-    if (inString_) {
-        if (escaped_) {
-            escaped_ = false;
-        } else if (c == '\\') {
-            escaped_ = true;
-        } else if (c == '"') {
-            inString_ = false;
-        }
-    } else if (c == '"') {
-        inString_ = true;
-    } else if (c == 'N' || c == 'I' || c == '-') {
-        lookAtWord();
-    }
+    pass(static_cast<char>(c));
 }
 
 // Outside a string, at an N, an I or a minus sign.

@@ -94,6 +94,15 @@ class JsonWriter {
     bool afterKey_ = false;
 };
 
+// The types an input iterator of characters declares, for nlohmann's parser.
+struct CharInputIterator {
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char*;
+    using reference = const char&;
+};
+
 // Reads a file a block at a time, as the input iterator nlohmann's parser
 // takes: the iterator is a pointer into the block, which is refilled when the
 // pointer reaches its end, so the parser pays one comparison a byte. The
@@ -107,14 +116,8 @@ class BlockInput {
   public:
     explicit BlockInput(std::FILE* file) : file_(file), buffer_(kBlock) {}
 
-    class iterator {
+    class iterator : public CharInputIterator {
       public:
-        using iterator_category = std::input_iterator_tag;
-        using value_type = char;
-        using difference_type = std::ptrdiff_t;
-        using pointer = const char*;
-        using reference = const char&;
-
         iterator() = default;
         const char& operator*() const { return *at_; }
         iterator& operator++() {
@@ -165,14 +168,8 @@ class OtioInput {
   public:
     explicit OtioInput(std::FILE* file);
 
-    class iterator {
+    class iterator : public CharInputIterator {
       public:
-        using iterator_category = std::input_iterator_tag;
-        using value_type = char;
-        using difference_type = std::ptrdiff_t;
-        using pointer = const char*;
-        using reference = const char&;
-
         iterator() = default;
         explicit iterator(OtioInput* input) : input_(input) {}
         const char& operator*() const { return input_->current_; }
@@ -204,8 +201,12 @@ class OtioInput {
             advanceSlowly();
             return;
         }
-        char c = buffer_[pos_++];
         ++consumed_;
+        pass(buffer_[pos_++]);
+    }
+    // Passes `c` on, following strings and their escapes; outside a string,
+    // an N, an I or a minus sign may begin a word to look at.
+    void pass(char c) {
         current_ = c;
         if (inString_) {
             if (escaped_) {

@@ -74,6 +74,12 @@ class Writer {
     LightweightString<char> timecodeAt(double cel) const;
 
     void metadata(const ordered& ours);
+    // `key` with an empty list: effects or markers an item has none of.
+    void emptyArray(const char* key) {
+        json_.key(key);
+        json_.beginArray();
+        json_.endArray();
+    }
     void rationalTime(double value, double rate);
     void timeRange(double start, double duration, double rate);
     void effects(float speed);
@@ -189,23 +195,16 @@ void Writer::timeRange(double start, double duration, double rate) {
 void Writer::effects(float speed) {
     json_.key("effects");
     json_.beginArray();
-    if (speed == 0.0f) {
+    if (speed != 1.0f) {
+        // A still is a freeze frame; any other speed a linear time warp.
+        bool still = speed == 0.0f;
         json_.beginObject();
-        json_.field("OTIO_SCHEMA", "FreezeFrame.1");
+        json_.field("OTIO_SCHEMA", still ? "FreezeFrame.1" : "LinearTimeWarp.1");
         metadata(ordered());
         json_.field("name", "");
-        json_.field("effect_name", "FreezeFrame");
+        json_.field("effect_name", still ? "FreezeFrame" : "LinearTimeWarp");
         json_.fieldBool("enabled", true);
-        json_.fieldNumber("time_scalar", 0.0);
-        json_.endObject();
-    } else if (speed != 1.0f) {
-        json_.beginObject();
-        json_.field("OTIO_SCHEMA", "LinearTimeWarp.1");
-        metadata(ordered());
-        json_.field("name", "");
-        json_.field("effect_name", "LinearTimeWarp");
-        json_.fieldBool("enabled", true);
-        json_.fieldNumber("time_scalar", static_cast<double>(speed));
+        json_.fieldNumber("time_scalar", still ? 0.0 : static_cast<double>(speed));
         json_.endObject();
     }
     json_.endArray();
@@ -330,14 +329,10 @@ void Writer::timeline(CED2* record, const char* kind) {
     metadata(ordered());
     json_.field("name", "tracks");
     json_.fieldNull("source_range");
-    json_.key("effects");
-    json_.beginArray();
-    json_.endArray();
+    emptyArray("effects");
     // A shot's cues are its media's: they go with its clips.
     if (isShotRecord(record)) {
-        json_.key("markers");
-        json_.beginArray();
-        json_.endArray();
+        emptyArray("markers");
     } else {
         markers(record->cues, 0, base);
     }
@@ -404,12 +399,8 @@ void Writer::track(CED2* record, CChannel* channel, const TimeBase& base) {
     metadata(ours);
     json_.field("name", channel->name.view());
     json_.fieldNull("source_range");
-    json_.key("effects");
-    json_.beginArray();
-    json_.endArray();
-    json_.key("markers");
-    json_.beginArray();
-    json_.endArray();
+    emptyArray("effects");
+    emptyArray("markers");
     json_.fieldBool("enabled", true);
     json_.fieldNull("color");
     json_.key("children");
@@ -527,12 +518,8 @@ void Writer::gap(double frames, const TimeBase& base) {
     json_.field("name", "");
     json_.key("source_range");
     timeRange(0, frames, base.fps);
-    json_.key("effects");
-    json_.beginArray();
-    json_.endArray();
-    json_.key("markers");
-    json_.beginArray();
-    json_.endArray();
+    emptyArray("effects");
+    emptyArray("markers");
     json_.fieldBool("enabled", true);
     json_.fieldNull("color");
     json_.endObject();

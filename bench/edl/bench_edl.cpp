@@ -12,15 +12,14 @@
 // ReadOnce reports how far the process's peak memory rose (peak_MB) against
 // the file's size (file_MB).
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
 
+#include "bench/support/BenchFiles.h"
 #include "edl/EdlImport.h"
 #include "edl/EdlList.h"
 #include "edl/EdlWriter.h"
@@ -28,11 +27,6 @@
 #include "host/Edit.h"
 
 namespace {
-
-std::string scratchDir() {
-    char dir[] = "/tmp/qvxml-bench-edl-XXXXXX";
-    return mkdtemp(dir) ? std::string(dir) : std::string();
-}
 
 std::string tc(long long frame) {
     return QvEdl::Timecode::fromFrames(frame, 25, false).text();
@@ -84,19 +78,17 @@ struct Setup {
 };
 
 void BM_Count(benchmark::State& state) {
-    std::string dir = scratchDir();
-    std::string path = writeList(static_cast<int>(state.range(0)), dir);
+    benchsupport::ScratchDir dir;
+    std::string path = writeList(static_cast<int>(state.range(0)), dir.path());
     std::string command = "wc -l '" + path + "' > /dev/null";
     for (auto _ : state)
         if (std::system(command.c_str()) != 0) state.SkipWithError("wc failed");
     state.SetItemsProcessed(state.iterations() * state.range(0));
-    std::remove(path.c_str());
-    rmdir(dir.c_str());
 }
 
 void BM_Parse(benchmark::State& state) {
-    std::string dir = scratchDir();
-    std::string path = writeList(static_cast<int>(state.range(0)), dir);
+    benchsupport::ScratchDir dir;
+    std::string path = writeList(static_cast<int>(state.range(0)), dir.path());
     for (auto _ : state) {
         std::ifstream in(path, std::ios::binary);
         std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -105,14 +97,12 @@ void BM_Parse(benchmark::State& state) {
         benchmark::DoNotOptimize(list.events.data());
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));
-    std::remove(path.c_str());
-    rmdir(dir.c_str());
 }
 
 void BM_Read(benchmark::State& state) {
     static Setup setup;
-    std::string dir = scratchDir();
-    std::string path = writeList(static_cast<int>(state.range(0)), dir);
+    benchsupport::ScratchDir dir;
+    std::string path = writeList(static_cast<int>(state.range(0)), dir.path());
     QvEdl::ReadOptions options;
     options.rate = Qv::eFrameRate25;
     for (auto _ : state) {
@@ -124,14 +114,12 @@ void BM_Read(benchmark::State& state) {
             state.SkipWithError("import failed");
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));
-    std::remove(path.c_str());
-    rmdir(dir.c_str());
 }
 
 void BM_Write(benchmark::State& state) {
     static Setup setup;
-    std::string dir = scratchDir();
-    std::string path = writeList(static_cast<int>(state.range(0)), dir);
+    benchsupport::ScratchDir dir;
+    std::string path = writeList(static_cast<int>(state.range(0)), dir.path());
     EditStore project;
     ScopedCurrentStore scope(project);
     QvEdl::ReadOptions options;
@@ -147,45 +135,28 @@ void BM_Write(benchmark::State& state) {
         benchmark::DoNotOptimize(lists.data());
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));
-    std::remove(path.c_str());
-    rmdir(dir.c_str());
-}
-
-long statusKB(const char* field) {
-    std::ifstream in("/proc/self/status");
-    std::string line;
-    size_t n = std::string(field).size();
-    while (std::getline(in, line))
-        if (line.compare(0, n, field) == 0) return std::atol(line.c_str() + n + 1);
-    return 0;
 }
 
 void BM_ReadOnce(benchmark::State& state) {
     static Setup setup;
-    std::string dir = scratchDir();
-    std::string path = writeList(static_cast<int>(state.range(0)), dir);
+    benchsupport::ScratchDir dir;
+    std::string path = writeList(static_cast<int>(state.range(0)), dir.path());
     struct stat st;
     stat(path.c_str(), &st);
     QvEdl::ReadOptions options;
     options.rate = Qv::eFrameRate25;
     for (auto _ : state) {
-        // Gives back what earlier runs freed, then resets the peak to what
-        // is in use now.
-        malloc_trim(0);
-        std::ofstream("/proc/self/clear_refs") << "5";
-        long before = statusKB("VmRSS:");
+        benchsupport::PeakRise peak;
         EditStore project;
         ScopedCurrentStore scope(project);
         std::string error;
         if (QvEdl::importEdlFile(fromUTF8(path.c_str()), options, LoggerHandle(), error).status !=
             1)
             state.SkipWithError("import failed");
-        state.counters["peak_MB"] = static_cast<double>(statusKB("VmHWM:") - before) / 1024;
+        state.counters["peak_MB"] = peak.megabytes();
     }
     state.counters["file_MB"] = static_cast<double>(st.st_size) / 1e6;
     state.counters["events"] = static_cast<double>(state.range(0));
-    std::remove(path.c_str());
-    rmdir(dir.c_str());
 }
 
 void lengths(benchmark::internal::Benchmark* b) {

@@ -9,15 +9,9 @@
 // channel, half on a sound channel) and the number of distinct shots. The
 // "per_cel" column is the time per cel.
 #include <benchmark/benchmark.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-#include <vector>
-
+#include "bench/support/BenchExport.h"
 #include "bench/support/BenchShots.h"
-#include "export/ExportDriver.h"
 #include "fcpxml/FCPXXMLWriter.h"
 #include "host/Edit.h"
 
@@ -27,111 +21,57 @@ namespace {
 // 2 s, half on V1 and half on A1, playing the shots in turn. Every tenth
 // video cel is a dissolve, every tenth sound cel a crossfade; A1 has a level
 // keyframe in each cel, and the sequence a marker every 20 s.
-struct Timeline {
-    Timeline(int cels, int shots) : scope(store) {
-        std::vector<Cookie> shotCookies;
-        for (int s = 0; s < shots; ++s) {
-            Cookie id = store.newEditCookie();
-            Qv::Ptr<Edit> e = benchsupport::shot(id, s);
-            e->mediaPath = L"/media/shot " + Qv::WStringFromInteger(s) + L".mov";
-            e->videoMetadata.setSize(1920, 1080);
-            e->videoMetadata.setFrameRate(Qv::eFrameRate25);
-            e->videoMetadata.setScanMode(Qv::Image::eScanProgressive);
-            store.add(e);
-            shotCookies.push_back(id);
-        }
-        seq = benchsupport::sequence(store.newEditCookie());
+struct Timeline : benchsupport::Timeline {
+    Timeline(int cels, int shots)
+        : benchsupport::Timeline(shots, dress, {.perChannel = cels / 2, .soundDissolves = true}),
+          cels(cels),
+          shots(shots) {
         int perChannel = cels / 2;
         double length = 2.0 * perChannel;
-        for (unsigned ch = 0; ch < 2; ++ch) {
-            StoredChannel sc;
-            sc.index = ch;
-            sc.type = ch == 0 ? kChanVideo : kChanAudio;
-            sc.name = ch == 0 ? "V1" : "A1";
-            sc.hasTrackLevels = ch == 1;
-            for (int i = 0; i < perChannel; ++i) {
-                CelData cel;
-                cel.editIn = 2.0 * i;
-                cel.editOut = 2.0 * (i + 1);
-                if (i % 10 == 9) {
-                    cel.cookie = ch == 0 ? video_dissolve : audio_dissolve;
-                    cel.editOut = cel.editIn + 0.4;
-                } else {
-                    const Cookie& shot = shotCookies[static_cast<size_t>(i % shots)];
-                    cel.cookie = convertCookie(shot, ch == 0 ? kCookieVideo : kCookieSound,
-                                               static_cast<unsigned char>(ch));
-                    cel.sourceIn = 10.0 + (i % 7);
-                }
-                sc.cels.push_back(cel);
-                if (sc.hasTrackLevels)
-                    sc.levels.push_back({(cel.editIn + 1.0) / length, 0.5f + 0.05f * (i % 10)});
-            }
-            seq->channels.push_back(sc);
-        }
+        StoredChannel& a1 = seq->channels[1];
+        a1.hasTrackLevels = true;
+        for (int i = 0; i < perChannel; ++i)
+            a1.levels.push_back(
+                {(a1.cels[static_cast<size_t>(i)].editIn + 1.0) / length, 0.5f + 0.05f * (i % 10)});
         for (int i = 0; i < perChannel; i += 10)
             seq->cues.push_back(Ced2Cue(L"mark " + Qv::WStringFromInteger(i), L"", 0, 2.0 * i + 0.5,
                                         kChanVideo, 0, kCueOpenEnd));
         store.add(seq);
     }
-    EditStore store;
-    ScopedCurrentStore scope;
-    Qv::Ptr<Edit> seq;
+    // The benchmark's arguments: the number of cels and of distinct shots.
+    explicit Timeline(const benchmark::State& state)
+        : Timeline(static_cast<int>(state.range(0)), static_cast<int>(state.range(1))) {}
+    void count(benchmark::State& state) const {
+        state.SetItemsProcessed(state.iterations() * cels);
+        state.counters["cels"] = cels;
+        state.counters["shots"] = shots;
+        state.counters["per_cel"] = benchmark::Counter(
+            cels, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    }
+    int cels = 0, shots = 0;
+    static void dress(Edit& e, int s) {
+        e.mediaPath = L"/media/shot " + Qv::WStringFromInteger(s) + L".mov";
+        e.videoMetadata.setSize(1920, 1080);
+        e.videoMetadata.setFrameRate(Qv::eFrameRate25);
+        e.videoMetadata.setScanMode(Qv::Image::eScanProgressive);
+    }
 };
-
-void count(benchmark::State& state, int cels, int shots) {
-    state.SetItemsProcessed(state.iterations() * cels);
-    state.counters["cels"] = cels;
-    state.counters["shots"] = shots;
-    state.counters["per_cel"] = benchmark::Counter(
-        cels, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-}
 
 // The whole export through the driver, to a file.
 void BM_Export(benchmark::State& state) {
-    int cels = static_cast<int>(state.range(0));
-    int shots = static_cast<int>(state.range(1));
-    Timeline timeline(cels, shots);
-    char dir[] = "/tmp/qvxml-bench-XXXXXX";
-    if (!mkdtemp(dir)) {
-        state.SkipWithError("no temporary directory");
-        return;
-    }
-    XMLExportOptions options;
-    options.directory = fromUTF8(dir);
-    options.fileName = L"out";
-    options.flavour = XML::XMLFlavourFCPX;
-    options.silent = true;
-    for (auto _ : state) {
-        XML::ExportResult r = XML::XMLExportFiles(timeline.seq->cookie, options, LoggerHandle());
-        if (r.status != 1) state.SkipWithError("export failed");
-    }
-    std::remove((std::string(dir) + "/out.fcpxml").c_str());
-    rmdir(dir);
-    count(state, cels, shots);
+    benchsupport::exportBenchmark<Timeline>(state, XML::XMLFlavourFCPX);
 }
 
 // The writer alone, on lists prepared once: resources, browser clips and the
 // sequence, built in memory.
 void BM_Writer(benchmark::State& state) {
-    int cels = static_cast<int>(state.range(0));
-    int shots = static_cast<int>(state.range(1));
-    Timeline timeline(cels, shots);
-    CED2List seqs, ghosts, deep, shotList;
-    CookieVec cookies;
-    cookies.push_back(timeline.seq->cookie);
-    seqs.PrepareED2ListsForExport(cookies, seqs, ghosts, deep, shotList, false, 0, LoggerHandle(),
-                                  Qv::eFrameRate25, false, false, false, false, false, false);
-    XMLExportOptions options;
-    options.silent = true;
-    for (auto _ : state) {
-        XML::FCPXXMLWriter writer(LoggerHandle(), options, Qv::eFrameRate25);
-        writer.videoMetadata = seqs.firstRecord()->get_shotVideoMetadata();
-        writer.writeHeader();
-        writer.writeAllShots(shotList, ghosts);
-        if (!writer.writeSequence(seqs)) state.SkipWithError("write failed");
-        benchmark::DoNotOptimize(writer.xmlFile.text());
-    }
-    count(state, cels, shots);
+    benchsupport::writerBenchmark<Timeline, XML::FCPXXMLWriter>(
+        state, [](auto& writer, benchsupport::PreparedLists& lists) {
+            writer.videoMetadata = lists.seqs.firstRecord()->get_shotVideoMetadata();
+            writer.writeHeader();
+            writer.writeAllShots(lists.shots, lists.ghosts);
+            return writer.writeSequence(lists.seqs);
+        });
 }
 
 void celsAndShots(benchmark::internal::Benchmark* b) {

@@ -11,16 +11,13 @@
 // Arguments are the number of cels (over a video and an audio channel) and
 // the number of distinct shots they play.
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
-#include <vector>
 
+#include "bench/support/BenchFiles.h"
 #include "bench/support/BenchShots.h"
 #include "host/Edit.h"
 #include "otio/OtioImport.h"
@@ -31,51 +28,19 @@ namespace {
 
 // A store with `shots` shots of 60 s and a sequence of `cels` cels of 2 s,
 // half on a video channel and half on an audio channel, playing the shots in
-// turn; every tenth video cel is a dissolve.
-struct Timeline {
-    Timeline(int cels, int shots) : scope(store) {
-        std::vector<Cookie> shotCookies;
-        for (int s = 0; s < shots; ++s) {
-            Cookie id = store.newEditCookie();
-            Qv::Ptr<Edit> e = benchsupport::shot(id, s);
-            e->historicLocator = L"/media/shot " + Qv::WStringFromInteger(s) + L".mov";
-            e->labels.push_back(EditLabel::fromFrame(900000, Qv::eFrameRate25, false, 103));
-            store.add(e);
-            shotCookies.push_back(id);
-        }
-        seq = benchsupport::sequence(store.newEditCookie());
-        for (unsigned ch = 0; ch < 2; ++ch) {
-            StoredChannel sc;
-            sc.index = ch;
-            sc.type = ch == 0 ? kChanVideo : kChanAudio;
-            sc.name = ch == 0 ? "V1" : "A1";
-            for (int i = 0; i < cels / 2; ++i) {
-                CelData cel;
-                cel.editIn = 2.0 * i;
-                cel.editOut = 2.0 * (i + 1);
-                if (ch == 0 && i % 10 == 9) {
-                    cel.cookie = video_dissolve;
-                } else {
-                    const Cookie& shot = shotCookies[static_cast<size_t>(i % shots)];
-                    cel.cookie = convertCookie(shot, ch == 0 ? kCookieVideo : kCookieSound,
-                                               static_cast<unsigned char>(ch));
-                    cel.sourceIn = 10.0 + (i % 7);
-                }
-                sc.cels.push_back(cel);
-            }
-            seq->channels.push_back(sc);
-        }
+// turn; every tenth video cel is a dissolve as long as its cel.
+struct Timeline : benchsupport::Timeline {
+    Timeline(int cels, int shots)
+        : benchsupport::Timeline(
+              shots,
+              [](Edit& e, int s) {
+                  e.historicLocator = L"/media/shot " + Qv::WStringFromInteger(s) + L".mov";
+                  e.labels.push_back(EditLabel::fromFrame(900000, Qv::eFrameRate25, false, 103));
+              },
+              {.perChannel = cels / 2, .dissolveLength = 0}) {
         store.add(seq);
     }
-    EditStore store;
-    ScopedCurrentStore scope;
-    Qv::Ptr<Edit> seq;
 };
-
-std::string scratchDir() {
-    char dir[] = "/tmp/qvxml-bench-otio-XXXXXX";
-    return mkdtemp(dir) ? std::string(dir) : std::string();
-}
 
 // The document of a timeline, written to a file once.
 std::string writeDocument(int cels, int shots, const std::string& dir) {
@@ -92,8 +57,8 @@ void BM_Write(benchmark::State& state) {
     int cels = static_cast<int>(state.range(0));
     int shots = static_cast<int>(state.range(1));
     Timeline timeline(cels, shots);
-    std::string dir = scratchDir();
-    std::string path = dir + "/out.otio";
+    benchsupport::ScratchDir dir;
+    std::string path = dir.file("out.otio");
     for (auto _ : state) {
         if (QvOtio::exportOtio(timeline.seq->cookie, fromUTF8(path.c_str()),
                                QvOtio::ExportOptions(), LoggerHandle()) != 1)
@@ -103,31 +68,27 @@ void BM_Write(benchmark::State& state) {
     stat(path.c_str(), &st);
     state.SetItemsProcessed(state.iterations() * cels);
     state.counters["MB"] = static_cast<double>(st.st_size) / 1e6;
-    std::remove(path.c_str());
-    rmdir(dir.c_str());
 }
 
 // Parsing alone: the file into the compact model.
 void BM_Parse(benchmark::State& state) {
     int cels = static_cast<int>(state.range(0));
-    std::string dir = scratchDir();
-    std::string path = writeDocument(cels, static_cast<int>(state.range(1)), dir);
+    benchsupport::ScratchDir dir;
+    std::string path = writeDocument(cels, static_cast<int>(state.range(1)), dir.path());
     for (auto _ : state) {
         QvOtio::Document doc;
         if (!QvOtio::parseFile(path, doc).ok) state.SkipWithError("parse failed");
         benchmark::DoNotOptimize(doc.items.data());
     }
     state.SetItemsProcessed(state.iterations() * cels);
-    std::remove(path.c_str());
-    rmdir(dir.c_str());
 }
 
 // The whole import: parse, records, media resolution (every shot offline),
 // references, store.
 void BM_Read(benchmark::State& state) {
     int cels = static_cast<int>(state.range(0));
-    std::string dir = scratchDir();
-    std::string path = writeDocument(cels, static_cast<int>(state.range(1)), dir);
+    benchsupport::ScratchDir dir;
+    std::string path = writeDocument(cels, static_cast<int>(state.range(1)), dir.path());
     for (auto _ : state) {
         EditStore project;
         ScopedCurrentStore scope(project);
@@ -136,17 +97,6 @@ void BM_Read(benchmark::State& state) {
         if (r.status != 1) state.SkipWithError("import failed");
     }
     state.SetItemsProcessed(state.iterations() * cels);
-    std::remove(path.c_str());
-    rmdir(dir.c_str());
-}
-
-long statusKB(const char* field) {
-    std::ifstream in("/proc/self/status");
-    std::string line;
-    size_t n = std::string(field).size();
-    while (std::getline(in, line))
-        if (line.compare(0, n, field) == 0) return std::atol(line.c_str() + n + 1);
-    return 0;
 }
 
 // A large document (about 100 MB) read once: how far the process's peak
@@ -154,33 +104,27 @@ long statusKB(const char* field) {
 void BM_ReadLarge(benchmark::State& state) {
     int cels = static_cast<int>(state.range(0));
     bool parseOnly = state.range(1) != 0;
-    std::string dir = scratchDir();
-    std::string path = writeDocument(cels, 100, dir);
+    benchsupport::ScratchDir dir;
+    std::string path = writeDocument(cels, 100, dir.path());
     struct stat st;
     stat(path.c_str(), &st);
     for (auto _ : state) {
-        // Gives back what earlier runs freed, then resets the peak to what
-        // is in use now.
-        malloc_trim(0);
-        std::ofstream("/proc/self/clear_refs") << "5";
-        long before = statusKB("VmRSS:");
+        benchsupport::PeakRise peak;
         if (parseOnly) {
             QvOtio::Document doc;
             if (!QvOtio::parseFile(path, doc).ok) state.SkipWithError("parse failed");
-            state.counters["peak_MB"] = static_cast<double>(statusKB("VmHWM:") - before) / 1024;
+            state.counters["peak_MB"] = peak.megabytes();
         } else {
             EditStore project;
             ScopedCurrentStore scope(project);
             std::string error;
             if (QvOtio::importOtioFile(fromUTF8(path.c_str()), LoggerHandle(), error).status != 1)
                 state.SkipWithError("import failed");
-            state.counters["peak_MB"] = static_cast<double>(statusKB("VmHWM:") - before) / 1024;
+            state.counters["peak_MB"] = peak.megabytes();
         }
     }
     state.counters["file_MB"] = static_cast<double>(st.st_size) / 1e6;
     state.counters["cels"] = cels;
-    std::remove(path.c_str());
-    rmdir(dir.c_str());
 }
 
 void celsAndShots(benchmark::internal::Benchmark* b) {

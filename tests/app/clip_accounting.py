@@ -39,6 +39,13 @@ import sys
 import tempfile
 import xml.etree.ElementTree as ET
 
+# The readings the corpus scripts share, in tests/support wherever this script
+# stands below tests/ (read without leaving compiled files in the tree).
+_here = os.path.dirname(os.path.abspath(__file__))
+sys.dont_write_bytecode = True
+sys.path.insert(0, os.path.join(_here[:_here.rindex(os.sep + "tests")], "tests", "support"))
+from otio_walk import schema, timelines  # noqa: E402
+
 # The kinds of loss that say a clip's material does not play where its
 # editor put it.
 REPLACING = {"generator", "nested-sequence", "multiclip", "unknown-transition",
@@ -120,10 +127,6 @@ def xmeml_clips(root):
 
 
 # ---- OpenTimelineIO ----
-
-def schema(obj):
-    return obj.get("OTIO_SCHEMA", "").split(".")[0] if isinstance(obj, dict) else ""
-
 
 def frames(t, rate):
     if not isinstance(t, dict) or not t.get("rate"):
@@ -229,14 +232,8 @@ def otio_clips(root):
                 "items": [{"name": n, "start": round(s), "end": round(e)} for s, e, n in spans]})
         sequences.append(listed)
 
-    def visit(obj):
-        if schema(obj) == "Timeline":
-            timeline(obj)
-        elif schema(obj) == "SerializableCollection":
-            for child in obj.get("children") or []:
-                visit(child)
-
-    visit(root)
+    for t in timelines(root):
+        timeline(t)
     return sequences
 
 

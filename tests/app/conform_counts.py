@@ -46,6 +46,13 @@ import sys
 import tempfile
 import xml.etree.ElementTree as ET
 
+# The readings the corpus scripts share, in tests/support wherever this script
+# stands below tests/ (read without leaving compiled files in the tree).
+_here = os.path.dirname(os.path.abspath(__file__))
+sys.dont_write_bytecode = True
+sys.path.insert(0, os.path.join(_here[:_here.rindex(os.sep + "tests")], "tests", "support"))
+from otio_walk import schema, timelines  # noqa: E402
+
 
 # ---- xmeml ----
 
@@ -180,10 +187,6 @@ def xmeml_counts(root):
 
 # ---- OpenTimelineIO ----
 
-def schema(obj):
-    return obj.get("OTIO_SCHEMA", "").split(".")[0] if isinstance(obj, dict) else ""
-
-
 def otio_counts(root):
     sequences, losses = [], collections.Counter()
 
@@ -244,14 +247,8 @@ def otio_counts(root):
             items(track, video, counts)
         sequences.append(counts)
 
-    def visit(obj):
-        if schema(obj) == "Timeline":
-            timeline(obj)
-        elif schema(obj) == "SerializableCollection":
-            for child in obj.get("children") or []:
-                visit(child)
-
-    visit(root)
+    for t in timelines(root):
+        timeline(t)
     return sequences, losses
 
 

@@ -1,3 +1,4 @@
+// Several units at once: the readers and writers on the shared corpus.
 // The lists of the corpus, the examples and the corpus's xmeml documents
 // through the bridge: each list reads as an independent reading of its text
 // says; host to list to host to list is a fixpoint; and what xmeml makes of a
@@ -132,10 +133,16 @@ void expectFixpoint(const Qv::Ptr<Edit>& edit, const QvEdl::ExportOptions& optio
     }
 }
 
+// The names of the corpus's xmeml documents.
+std::vector<std::string> xmemlDocuments() {
+    std::vector<std::string> names;
+    for (const std::string& name : qvtest::listDirectory(corpus() + "/xmeml"))
+        if (name.size() > 4 && name.substr(name.size() - 4) == ".xml") names.push_back(name);
+    return names;
+}
+
 std::vector<Qv::Ptr<Edit>> importXml(const std::string& path, int& status) {
-    ImportFileList files;
-    files.push_back(Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({fromUTF8(path.c_str())})));
-    XML::ImportResult r = XML::XMLImportFiles(files, LoggerHandle());
+    XML::ImportResult r = qvtest::importFile(path);
     status = r.status;
     std::vector<Qv::Ptr<Edit>> out;
     for (const EditModifier& m : r.edits)
@@ -163,8 +170,7 @@ TEST_F(EdlCorpus, CorpusListsAreAFixpointAfterOneCrossing) {
 // corpus, with the audio that goes with it.
 TEST_F(EdlCorpus, EveryXmemlDocumentsFirstVideoTrackIsAFixpoint) {
     int sequences = 0;
-    for (const std::string& name : qvtest::listDirectory(corpus() + "/xmeml")) {
-        if (name.size() < 5 || name.substr(name.size() - 4) != ".xml") continue;
+    for (const std::string& name : xmemlDocuments()) {
         EditStore project;
         ScopedCurrentStore scope(project);
         int status = 0;
@@ -217,8 +223,7 @@ TEST(EdlExamples, TheExamplesAreAFixpoint) {
 // what does not is a loss the writer recorded at that place.
 TEST_F(EdlCorpus, XmemlCutsCrossAListOnTheirFrames) {
     int cels = 0, lost = 0;
-    for (const std::string& name : qvtest::listDirectory(corpus() + "/xmeml")) {
-        if (name.size() < 5 || name.substr(name.size() - 4) != ".xml") continue;
+    for (const std::string& name : xmemlDocuments()) {
         EditStore project;
         ScopedCurrentStore scope(project);
         int status = 0;

@@ -25,34 +25,12 @@ bool havePython() {
     return std::string(QVXML_PYTHON).size() > 0;
 }
 
-namespace {
-
-std::string shellQuote(const std::string& s) {
-    std::string out = "'";
-    for (char c : s)
-        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
-
-}  // namespace
-
 json pythonReading(const std::string& file, Qv::FrameRate rate) {
     char fps[32];
     std::snprintf(fps, sizeof fps, "%.17g", Qv::getFramesPerSecond(rate));
-    std::string command = shellQuote(QVXML_PYTHON) + " " + shellQuote(QVXML_EDL_READING) + " " +
-                          shellQuote(file) + " " + std::to_string(Qv::getTicksPerSecond(rate)) +
-                          " " + fps;
-    std::string out;
-    if (FILE* pipe = ::popen(command.c_str(), "r")) {
-        char buffer[65536];
-        size_t n;
-        while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0)
-            out.append(buffer, n);
-        ::pclose(pipe);
-    }
-    json parsed = json::parse(out, nullptr, false);
-    if (parsed.is_discarded()) ADD_FAILURE() << "the Python reading said: " << out;
-    return parsed;
+    return qvtest::scriptReading(
+        qvtest::shellQuote(QVXML_PYTHON) + " " + qvtest::shellQuote(QVXML_EDL_READING) + " " +
+        qvtest::shellQuote(file) + " " + std::to_string(Qv::getTicksPerSecond(rate)) + " " + fps);
 }
 
 XML::ImportResult readText(const std::string& text, Qv::FrameRate rate, LoggerHandle log) {

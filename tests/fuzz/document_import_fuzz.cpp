@@ -17,29 +17,19 @@
 #include "host/OS.h"
 #include "host/Snapshot.h"
 #include "import/ImportDriver.h"
+#include "tests/fuzz/FuzzSupport.h"
 
 namespace {
 
-void check(bool ok) {
-    if (!ok) __builtin_trap();
-}
+using fuzzsupport::check;
 
 const LightweightString<wchar_t> kPath(L"/qvxml-fuzz/document.xml");
-
-bool setUp() {
-    // Nothing is looked for on the disk: every shot goes offline.
-    prefs().setPreference("Import : Suppress relink existing material", true);
-    set_config_int("media_scanning_behaviour", 0);
-    return true;
-}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static bool ready = setUp();
-    (void)ready;
-    if (size > (1u << 20)) return 0;
-    std::string_view text(reinterpret_cast<const char*>(data), size);
+    std::string_view text;
+    if (!fuzzsupport::importInput(data, size, text)) return 0;
 
 #ifdef QVXML_FUZZ_NATIVE
     // As the command reads a QVXML document: one scan checks it, and tells

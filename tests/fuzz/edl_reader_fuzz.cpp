@@ -12,19 +12,11 @@
 #include "edl/EdlWriter.h"
 #include "host/Config.h"
 #include "host/Edit.h"
+#include "tests/fuzz/FuzzSupport.h"
 
 namespace {
 
-void check(bool ok) {
-    if (!ok) __builtin_trap();
-}
-
-bool setUp() {
-    // Nothing is looked for on the disk.
-    prefs().setPreference("Import : Suppress relink existing material", true);
-    set_config_int("media_scanning_behaviour", 0);
-    return true;
-}
+using fuzzsupport::check;
 
 XML::ImportResult readList(std::string_view text, Qv::FrameRate rate) {
     QvEdl::List list = QvEdl::parseList(text);
@@ -38,10 +30,8 @@ XML::ImportResult readList(std::string_view text, Qv::FrameRate rate) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static bool ready = setUp();
-    (void)ready;
-    if (size > (1u << 20)) return 0;
-    std::string_view text(reinterpret_cast<const char*>(data), size);
+    std::string_view text;
+    if (!fuzzsupport::importInput(data, size, text)) return 0;
     EditStore project;
     ScopedCurrentStore scope(project);
     // The first byte picks a rate, so that drop frame and odd rates are met.

@@ -1,3 +1,5 @@
+// Several units at once: the native writer and readers together, a timeline
+// through a document and back.
 #include <gtest/gtest.h>
 
 #include <cmath>

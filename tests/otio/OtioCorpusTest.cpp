@@ -1,3 +1,4 @@
+// Several units at once: the readers and writers on the shared corpus.
 // The OpenTimelineIO documents of the corpus, and the examples, through the
 // bridge: each reads as an independent reading of its JSON says; what is
 // written from it passes the serialized schema; and host to .otio to host is a
@@ -23,6 +24,26 @@ using qvotio::corpusOtioFiles;
 
 std::string baseName(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
+}
+
+// Writes `edit` to `written`, reads that into a fresh project and writes it
+// again: the two documents are one. Where asked, the first also passes the
+// serialized schema, and the reading of it matches the Python reading.
+void expectFixpoint(const Cookie& edit, const std::string& written, bool schema, bool positions) {
+    std::string text = qvotio::otioText(edit);
+    qvtest::writeFile(written, text);
+    if (schema) {
+        EXPECT_EQ(qvotio::schemaProblems(written), std::vector<std::string>());
+    }
+    EditStore again;
+    ScopedCurrentStore scope(again);
+    XML::ImportResult back = qvotio::importOtio(written);
+    ASSERT_EQ(back.status, 1);
+    ASSERT_EQ(back.edits.size(), 1u);
+    EXPECT_EQ(qvotio::otioText(back.edits[0].getCookie()), text);
+    if (positions) {
+        EXPECT_TRUE(qvotio::matchesPositions(qvotio::pythonPositions(written), back.edits));
+    }
 }
 
 class OtioCorpus : public qvtest::StoreTest {
@@ -57,20 +78,10 @@ TEST_F(OtioCorpus, WrittenDocumentsPassTheSchemaAndAreAFixpoint) {
         ScopedCurrentStore scope(first);
         XML::ImportResult r = qvotio::importOtio(file);
         ASSERT_EQ(r.status, 1);
-        for (size_t i = 0; i < r.edits.size(); ++i) {
-            std::string written = dir.file(baseName(file) + "." + std::to_string(i) + ".otio");
-            std::string text = qvotio::otioText(r.edits[i].getCookie());
-            qvtest::writeFile(written, text);
-            EXPECT_EQ(qvotio::schemaProblems(written), std::vector<std::string>());
-
-            EditStore second;
-            ScopedCurrentStore again(second);
-            XML::ImportResult back = qvotio::importOtio(written);
-            ASSERT_EQ(back.status, 1);
-            ASSERT_EQ(back.edits.size(), 1u);
-            EXPECT_TRUE(qvotio::matchesPositions(qvotio::pythonPositions(written), back.edits));
-            EXPECT_EQ(qvotio::otioText(back.edits[0].getCookie()), text);
-        }
+        for (size_t i = 0; i < r.edits.size(); ++i)
+            expectFixpoint(r.edits[i].getCookie(),
+                           dir.file(baseName(file) + "." + std::to_string(i) + ".otio"), true,
+                           true);
     }
 }
 
@@ -90,29 +101,12 @@ TEST_F(OtioCorpus, EveryXmemlDocumentThatImportsIsAFixpoint) {
         SCOPED_TRACE(document);
         EditStore first;
         ScopedCurrentStore scope(first);
-        ImportFileList files;
-        files.push_back(
-            Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({fromUTF8(document.c_str())})));
-        XML::ImportResult r = XML::XMLImportFiles(files, LoggerHandle());
+        XML::ImportResult r = qvtest::importFile(document);
         if (r.status == 14) GTEST_SKIP() << "this build does not read xmeml yet";
         if (r.status != 1) continue;  // a document the xmeml reader refuses
         for (size_t i = 0; i < r.edits.size(); ++i, ++sequences) {
             SCOPED_TRACE("sequence " + std::to_string(i));
-            std::string written = dir.file("seq.otio");
-            std::string text = qvotio::otioText(r.edits[i].getCookie());
-            qvtest::writeFile(written, text);
-            if (i == 0) {
-                EXPECT_EQ(qvotio::schemaProblems(written), std::vector<std::string>());
-            }
-            EditStore second;
-            ScopedCurrentStore again(second);
-            XML::ImportResult back = qvotio::importOtio(written);
-            ASSERT_EQ(back.status, 1);
-            ASSERT_EQ(back.edits.size(), 1u);
-            if (i == 0) {
-                EXPECT_TRUE(qvotio::matchesPositions(qvotio::pythonPositions(written), back.edits));
-            }
-            EXPECT_EQ(qvotio::otioText(back.edits[0].getCookie()), text);
+            expectFixpoint(r.edits[i].getCookie(), dir.file("seq.otio"), i == 0, i == 0);
         }
     }
     EXPECT_GT(sequences, 100);
@@ -122,30 +116,15 @@ class OtioExamples : public qvtest::StoreTest {
   protected:
     // Writes the edit, reads it into a fresh project, and writes that again.
     void roundTrip(const Cookie& edit, const std::string& name) {
-        std::string text = qvotio::otioText(edit);
-        std::string written = dir.file(name);
-        qvtest::writeFile(written, text);
-        if (!corpus().empty() && qvotio::havePython()) {
-            EXPECT_EQ(qvotio::schemaProblems(written), std::vector<std::string>());
-        }
-        EditStore again;
-        ScopedCurrentStore scope(again);
-        XML::ImportResult back = qvotio::importOtio(written);
-        ASSERT_EQ(back.status, 1);
-        ASSERT_EQ(back.edits.size(), 1u);
-        EXPECT_EQ(qvotio::otioText(back.edits[0].getCookie()), text);
-        if (qvotio::havePython()) {
-            EXPECT_TRUE(qvotio::matchesPositions(qvotio::pythonPositions(written), back.edits));
-        }
+        expectFixpoint(edit, dir.file(name), !corpus().empty() && qvotio::havePython(),
+                       qvotio::havePython());
     }
     qvtest::TempDir dir;
 };
 
 TEST_F(OtioExamples, TheNativeExampleIsAFixpoint) {
     std::string example = std::string(QVXML_SOURCE_DIR) + "/examples/native/interview-cut.xml";
-    ImportFileList files;
-    files.push_back(Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({fromUTF8(example.c_str())})));
-    XML::ImportResult r = XML::XMLImportFiles(files, LoggerHandle());
+    XML::ImportResult r = qvtest::importFile(example);
     ASSERT_EQ(r.status, 1);
     ASSERT_EQ(r.edits.size(), 1u);
     roundTrip(r.edits[0].getCookie(), "interview.otio");
@@ -221,10 +200,7 @@ TEST_F(OtioCorpus, CutsAgreeWithTheImportOfTheXmemlTheyCameFrom) {
         SCOPED_TRACE(name);
         EditStore fromXmeml;
         ScopedCurrentStore scope(fromXmeml);
-        ImportFileList files;
-        files.push_back(
-            Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({fromUTF8(xmeml.c_str())})));
-        XML::ImportResult x = XML::XMLImportFiles(files, LoggerHandle());
+        XML::ImportResult x = qvtest::importFile(xmeml);
         if (x.status == 14) GTEST_SKIP() << "this build does not read xmeml yet";
         ASSERT_EQ(x.status, 1);
         ASSERT_GE(x.edits.size(), 1u);

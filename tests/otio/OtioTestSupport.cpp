@@ -39,41 +39,20 @@ bool havePython() {
 
 namespace {
 
-std::string shellQuote(const std::string& s) {
-    std::string out = "'";
-    for (char c : s) {
-        if (c == '\'')
-            out += "'\\''";
-        else
-            out += c;
-    }
-    return out + "'";
-}
-
 json runPython(const std::string& arguments) {
-    std::string command =
-        shellQuote(QVXML_PYTHON) + " " + shellQuote(QVXML_OTIO_READING) + " " + arguments;
-    std::string out;
-    if (FILE* pipe = ::popen(command.c_str(), "r")) {
-        char buffer[65536];
-        size_t n;
-        while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0)
-            out.append(buffer, n);
-        ::pclose(pipe);
-    }
-    json parsed = json::parse(out, nullptr, false);
-    if (parsed.is_discarded()) ADD_FAILURE() << "the Python reading said: " << out;
-    return parsed;
+    return qvtest::scriptReading(qvtest::shellQuote(QVXML_PYTHON) + " " +
+                                 qvtest::shellQuote(QVXML_OTIO_READING) + " " + arguments);
 }
 
 }  // namespace
 
 json pythonPositions(const std::string& otioFile) {
-    return runPython("positions " + shellQuote(otioFile));
+    return runPython("positions " + qvtest::shellQuote(otioFile));
 }
 
 std::vector<std::string> schemaProblems(const std::string& otioFile) {
-    json result = runPython("check " + shellQuote(otioFile) + " " + shellQuote(schemaDocument()));
+    json result = runPython("check " + qvtest::shellQuote(otioFile) + " " +
+                            qvtest::shellQuote(schemaDocument()));
     std::vector<std::string> problems;
     if (!result.is_object()) return {"no answer from the Python reading"};
     if (result.value("objects", 0) == 0) problems.push_back("no object was checked");

@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 namespace qvtest {
@@ -84,6 +86,33 @@ std::vector<std::string> listDirectory(const std::string& dir) {
     }
     std::sort(names.begin(), names.end());
     return names;
+}
+
+XML::ImportResult importFile(const std::string& path, LoggerHandle log) {
+    ImportFileList files;
+    files.push_back(Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({fromUTF8(path.c_str())})));
+    return XML::XMLImportFiles(files, log);
+}
+
+std::string shellQuote(const std::string& s) {
+    std::string out = "'";
+    for (char c : s)
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+
+nlohmann::json scriptReading(const std::string& command) {
+    std::string out;
+    if (FILE* pipe = ::popen(command.c_str(), "r")) {
+        char buffer[65536];
+        size_t n;
+        while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0)
+            out.append(buffer, n);
+        ::pclose(pipe);
+    }
+    nlohmann::json parsed = nlohmann::json::parse(out, nullptr, false);
+    if (parsed.is_discarded()) ADD_FAILURE() << "the Python reading said: " << out;
+    return parsed;
 }
 
 Qv::Ptr<Edit> addShot(EditStore& store, const std::wstring& name, double rate, double length,

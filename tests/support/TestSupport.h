@@ -4,12 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
 #include "host/Config.h"
 #include "host/Edit.h"
 #include "host/Logger.h"
+#include "import/ImportDriver.h"
 
 namespace qvtest {
 
@@ -35,6 +37,12 @@ std::string withoutHeadComment(const std::string& document);
 void writeFile(const std::string& path, const std::string& content);
 bool exists(const std::string& path);
 std::vector<std::string> listDirectory(const std::string& dir);
+// `s` quoted for the shell, as one word.
+std::string shellQuote(const std::string& s);
+// What `command`, run by the shell, writes on its standard output, read as
+// JSON: an independent reading by a script. A failure with what it wrote
+// when that is not JSON.
+nlohmann::json scriptReading(const std::string& command);
 
 // Each test gets a store of its own, made current, and clean configuration.
 class StoreTest : public ::testing::Test {
@@ -54,6 +62,9 @@ class StoreTest : public ::testing::Test {
   private:
     ScopedCurrentStore scope_;
 };
+
+// Imports the document at `path` through the driver into the current store.
+XML::ImportResult importFile(const std::string& path, LoggerHandle log = LoggerHandle());
 
 // Channel kinds for the builders, in channel order.
 struct ChannelSpec {

@@ -1,3 +1,4 @@
+// Several units at once: the readers and writers on the shared corpus.
 // Every xmeml document of the shared corpus, as other editors wrote them:
 // each imports, and each round trip through qvxml reaches a fixpoint on its
 // second pass, or differs for a reason the formats themselves give.
@@ -40,9 +41,7 @@ struct Imported {
 Imported importInto(EditStore& store, const std::string& path) {
     ScopedCurrentStore scope(store);
     Qv::Ptr<CapturingLogSink> sink(new CapturingLogSink);
-    ImportFileList files;
-    files.push_back(Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({fromUTF8(path.c_str())})));
-    XML::ImportResult r = XML::XMLImportFiles(files, LoggerHandle(Qv::Ptr<iLogSink>(sink)));
+    XML::ImportResult r = qvtest::importFile(path, LoggerHandle(Qv::Ptr<iLogSink>(sink)));
     Imported out;
     out.status = r.status;
     out.warnings = sink->count(LogKind::Warning);

@@ -1,3 +1,4 @@
+// The native writer.
 #include <gtest/gtest.h>
 
 #include "export/ExportDriver.h"

@@ -1,7 +1,11 @@
-// Whole fcpxml documents: the skeleton and resources, the event's browser
-// clips with markers and keywords, shots exported alone, shots whose media is
-// not known, the golden documents compared byte for byte, and validation
-// against Final Cut Pro X's DTD.
+// The fcpxml writer's rational times, and whole fcpxml documents: the
+// skeleton and resources, the event's browser clips with markers and
+// keywords, shots exported alone, shots whose media is not known, the golden
+// documents compared byte for byte, and validation against Final Cut Pro X's
+// DTD.
+#include <cmath>
+
+#include "fcpxml/FCPXXMLWriter.h"
 #include "tests/fcpxml/FcpxmlTestSupport.h"
 
 namespace {
@@ -17,6 +21,31 @@ ShotVideoMetadata picture(int width, int height, Qv::FrameRate rate, Qv::Image::
     m.setFrameRate(rate);
     m.setScanMode(scan);
     return m;
+}
+
+using XML::FCPXXMLWriter;
+
+std::string str(const LightweightString<wchar_t>& s) {
+    return toUTF8(s).str();
+}
+
+TEST(FcpxmlTime, RationalsCountHundredthsOfAFrame) {
+    EXPECT_EQ(str(FCPXXMLWriter::timeToFCPRational(10.0, Qv::eFrameRate25)), "25000/2500s");
+    // 29.97 is cut to a denominator of 2997: a second is 2997/2997s.
+    EXPECT_EQ(str(FCPXXMLWriter::timeToFCPRational(1.0, Qv::eFrameRate29_97)), "2997/2997s");
+    EXPECT_EQ(str(FCPXXMLWriter::timeToFCPRational(0.0, Qv::eFrameRate25)), "0/2500s");
+    EXPECT_EQ(str(FCPXXMLWriter::timeToFCPRational(0.0, Qv::eFrameRate23_976)), "0/2397s");
+    // Rounded to the nearest hundredth of a frame, half up.
+    EXPECT_EQ(str(FCPXXMLWriter::timeToFCPRational(0.0003, Qv::eFrameRate25)), "1/2500s");
+    EXPECT_EQ(str(FCPXXMLWriter::timeToFCPRational(0.0001, Qv::eFrameRate25)), "0/2500s");
+    // Hundredths of a second at one frame a second.
+    EXPECT_EQ(str(FCPXXMLWriter::timeToFCPRationalDouble(10.5, 1.0)), "1050/100s");
+    // The numerator is printed as 32 bits: 2^32 + 7 hundredths shows as 7.
+    EXPECT_EQ(str(FCPXXMLWriter::timeToFCPRationalDouble(42949673.03, 1.0)), "7/100s");
+    // No number, no rate, or out of range: defined, never a crash.
+    EXPECT_EQ(str(FCPXXMLWriter::timeToFCPRational(std::nan(""), Qv::eFrameRate25)), "0/2500s");
+    EXPECT_EQ(str(FCPXXMLWriter::timeToFCPRational(1.0, Qv::eFrameRateNone)), "0/0s");
+    EXPECT_EQ(str(FCPXXMLWriter::timeToFCPRationalDouble(1e300, 1e300)), "-1/2147483647s");
 }
 
 class FcpxmlDocument : public FcpxmlTest {

@@ -1,3 +1,5 @@
+// host/FrameRate, and the rate arithmetic the writers and readers build on it:
+// the writers' rationals (export/XMLWriter) and sample rates (host/Audio).
 #include <gtest/gtest.h>
 
 #include <cmath>

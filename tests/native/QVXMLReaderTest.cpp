@@ -1,3 +1,4 @@
+// The native readers, versions 1.0 and 2.0.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -161,29 +161,6 @@ TEST_F(XmemlDocument, TheGoldenSequenceForEditorsIsWrittenByteForByte) {
                                 QVXML_TEST_DATA "/xmeml/golden_sequence_for_editors.xml")));
 }
 
-// Runs xmllint against the xmeml DTD and answers its complaints, each as
-// "<element or attribute>: <message>" without file and line.
-std::set<std::string> dtdComplaints(const std::string& file, const std::string& dtd,
-                                    const std::string& tempDir) {
-    std::string out = tempDir + "/xmllint.txt";
-    std::string command =
-        "xmllint --noout --dtdvalid '" + dtd + "' '" + file + "' > '" + out + "' 2>&1";
-    int rc = std::system(command.c_str());
-    std::set<std::string> complaints;
-    std::istringstream lines(qvtest::readFile(out));
-    for (std::string line; std::getline(lines, line);) {
-        size_t v = line.find(": validity error : ");
-        if (v == std::string::npos) continue;
-        // "<file>:<line>: element name: validity error : message"
-        size_t colon = line.rfind(": ", v - 1);
-        std::string where = colon == std::string::npos ? "" : line.substr(colon + 2, v - colon - 2);
-        complaints.insert(where + ": " + line.substr(v + 19));
-    }
-    if (rc != 0 && complaints.empty())
-        complaints.insert("xmllint failed: " + qvtest::readFile(out));
-    return complaints;
-}
-
 // What the DTD of Final Cut Pro 7 refuses in the documents this writer
 // writes on purpose: Premiere's marker colours, its transition cut points and
 // the sequence's preview size, which Premiere reads.
