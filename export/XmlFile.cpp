@@ -1,5 +1,6 @@
 #include "export/XmlFile.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -130,6 +131,16 @@ void XmlFile::pushText(const char* utf8) {
     printer.PushText(writable(utf8 ? utf8 : "", scratch), false);
 }
 
+void Printer::grow(std::size_t more) {
+    std::size_t used = held();
+    std::size_t capacity = std::max<std::size_t>({capacity_ * 2, used + more + 1, 4096});
+    auto bigger = std::make_unique<char[]>(capacity);
+    if (used) std::memcpy(bigger.get(), buffer_.get(), used);
+    buffer_ = std::move(bigger);
+    end_ = buffer_.get() + used;
+    capacity_ = capacity;
+}
+
 void Printer::Print(const char* format, ...) {
     // The printer itself writes through Write and Putc; this is here so that
     // nothing it prints can pass the buffer by.
@@ -140,19 +151,19 @@ void Printer::Print(const char* format, ...) {
     int length = std::vsnprintf(nullptr, 0, format, args);
     va_end(args);
     if (length > 0) {
-        std::size_t at = out_.size();
-        out_.resize(at + static_cast<std::size_t>(length) + 1);
-        std::vsnprintf(out_.data() + at, static_cast<std::size_t>(length) + 1, format, again);
-        out_.resize(at + static_cast<std::size_t>(length));
+        std::size_t n = static_cast<std::size_t>(length);
+        if (n >= room()) grow(n);
+        std::vsnprintf(end_, n + 1, format, again);
+        end_ += n;
     }
     va_end(again);
 }
 
 void Printer::flush() {
-    if (!file_ || out_.empty()) return;
-    file_->write(out_.data(), static_cast<unsigned>(out_.size()));
+    if (!file_ || held() == 0) return;
+    file_->write(buffer_.get(), static_cast<unsigned>(held()));
     streamed_ = true;
-    out_.clear();
+    end_ = buffer_.get();
 }
 
 void XmlFile::writeTo(Qv::Ptr<iFile> f) {

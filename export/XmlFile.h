@@ -13,7 +13,9 @@
 
 #include <tinyxml2.h>
 
+#include <cstring>
 #include <initializer_list>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -58,7 +60,11 @@ class Printer : public tinyxml2::XMLPrinter {
     void flush();
     bool streamed() const { return streamed_; }
     // What is held: the whole document when no file was given.
-    const char* text() const { return out_.c_str(); }
+    const char* text() const {
+        if (!buffer_) return "";
+        *end_ = '\0';  // there is always room for it
+        return buffer_.get();
+    }
 
     // What is held in memory at most before it goes to the file.
     static constexpr int kChunk = 1 << 18;
@@ -66,19 +72,37 @@ class Printer : public tinyxml2::XMLPrinter {
   protected:
     using tinyxml2::XMLPrinter::Write;
     void Write(const char* data, size_t size) override {
-        out_.append(data, size);
-        if (file_ && out_.size() > static_cast<std::size_t>(kChunk)) flush();
+        if (size >= room()) grow(size);
+        std::memcpy(end_, data, size);
+        end_ += size;
+        if (file_ && held() > static_cast<std::size_t>(kChunk)) flush();
     }
-    void Putc(char c) override { out_.push_back(c); }
+    void Putc(char c) override {
+        if (room() <= 1) grow(1);
+        *end_++ = c;
+    }
     // The indentation of a line in one piece: four spaces a level, as the
     // printer's own writes them a level at a time.
     void PrintSpace(int depth) override {
-        if (depth > 0) out_.append(4 * static_cast<std::size_t>(depth), ' ');
+        std::size_t n = depth > 0 ? 4 * static_cast<std::size_t>(depth) : 0;
+        if (n >= room()) grow(n);
+        std::memset(end_, ' ', n);
+        end_ += n;
     }
     void Print(const char* format, ...) override;
 
   private:
-    std::string out_;
+    std::size_t held() const {
+        return buffer_ ? static_cast<std::size_t>(end_ - buffer_.get()) : 0;
+    }
+    // Bytes free, one of them kept for the zero after the text.
+    std::size_t room() const { return capacity_ - held(); }
+    // Makes room for `more` bytes and the zero after them.
+    void grow(std::size_t more);
+
+    std::unique_ptr<char[]> buffer_;
+    char* end_ = nullptr;
+    std::size_t capacity_ = 0;
     iFile* file_ = nullptr;
     bool streamed_ = false;
 };

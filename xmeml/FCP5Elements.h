@@ -22,11 +22,13 @@ inline void leaf(XmlFile& f, const char* name, const LightweightString<char>& te
 inline void leaf(XmlFile& f, const char* name, const LightweightString<wchar_t>& text) {
     xmlInlineElement(f, name, text);
 }
-// A leaf with a whole number, in decimal.
+// A leaf with a whole number, in decimal: digits need no cleaning.
 inline void leaf(XmlFile& f, const char* name, int value) {
     char text[16];
     *std::to_chars(text, text + sizeof text - 1, value).ptr = '\0';
-    leaf(f, name, text);
+    f.printer.OpenElement(name, false);
+    f.printer.PushText(text, false);
+    f.printer.CloseElement(false);
 }
 
 // The text of an `id`: `prefix` and then `rest` in UTF-8.
