@@ -88,7 +88,8 @@ TEST(XmemlClipList, ListsTheClipItemsThatNameMediaWhereTheyStand) {
     auto spans = [](const ListedTrack& t) {
         std::string out;
         for (const qvapp::ListedItem& i : t.items)
-            out += i.id + ":" + std::to_string(i.start) + "-" + std::to_string(i.end) + " ";
+            out += std::string(i.id) + ":" + std::to_string(i.start) + "-" + std::to_string(i.end) +
+                   " ";
         return out;
     };
     // -1 is where the transition begins or ends.
