@@ -14,7 +14,6 @@
 #include <tinyxml2.h>
 
 #include <cstring>
-#include <initializer_list>
 #include <memory>
 #include <span>
 #include <string>
