@@ -1,6 +1,9 @@
 #include "export/XmlFile.h"
 
+#include <algorithm>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 
 namespace XML {
 
@@ -12,6 +15,12 @@ void pushAttributes(XmlFile& file, const AttribList& attribs) {
         auto [name, value] = getAttrib(a);
         file.printer.PushAttribute(name.c_str(), file.writable(value.c_str(), scratch));
     }
+}
+
+void pushAttributes(XmlFile& file, std::span<const Attribute> attribs) {
+    std::string scratch;
+    for (const Attribute& a : attribs)
+        file.printer.PushAttribute(a.name, file.writable(a.value ? a.value : "", scratch));
 }
 
 // The character at `s`: the length of its UTF-8 sequence, or 0 where the
@@ -49,6 +58,24 @@ std::size_t character(const unsigned char* s, bool& allowed) {
 }
 
 }  // namespace
+
+void appendUtf8(std::string& out, std::wstring_view text) {
+    std::size_t i = 0;
+    while (i < text.size()) {
+        // Most text is ASCII: a run of it goes over as it is.
+        std::size_t end = i;
+        while (end < text.size() && static_cast<char32_t>(text[end]) < 0x80)
+            ++end;
+        if (end > i) {
+            std::size_t at = out.size();
+            out.resize(at + (end - i));
+            for (std::size_t k = i; k < end; ++k)
+                out[at + (k - i)] = static_cast<char>(text[k]);
+            i = end;
+        }
+        if (i < text.size()) appendUTF8(out, static_cast<char32_t>(text[i++]));
+    }
+}
 
 XmlFile::XmlFile() {
     printer.PushDeclaration("xml version=\"1.0\" encoding=\"UTF-8\"");
@@ -93,16 +120,50 @@ const char* XmlFile::writable(const char* utf8, std::string& scratch) {
     return scratch.c_str();
 }
 
+const char* XmlFile::utf8(std::wstring_view text) {
+    utf8_.clear();
+    appendUtf8(utf8_, text);
+    return utf8_.c_str();
+}
+
+void XmlFile::pushText(const char* utf8) {
+    std::string scratch;
+    printer.PushText(writable(utf8 ? utf8 : "", scratch), false);
+}
+
+void Printer::grow(std::size_t more) {
+    std::size_t used = held();
+    std::size_t capacity = std::max<std::size_t>({capacity_ * 2, used + more + 1, 4096});
+    auto bigger = std::make_unique<char[]>(capacity);
+    if (used) std::memcpy(bigger.get(), buffer_.get(), used);
+    buffer_ = std::move(bigger);
+    end_ = buffer_.get() + used;
+    capacity_ = capacity;
+}
+
+void Printer::Print(const char* format, ...) {
+    // The printer itself writes through Write and Putc; this is here so that
+    // nothing it prints can pass the buffer by.
+    va_list args;
+    va_start(args, format);
+    va_list again;
+    va_copy(again, args);
+    int length = std::vsnprintf(nullptr, 0, format, args);
+    va_end(args);
+    if (length > 0) {
+        std::size_t n = static_cast<std::size_t>(length);
+        if (n >= room()) grow(n);
+        std::vsnprintf(end_, n + 1, format, again);
+        end_ += n;
+    }
+    va_end(again);
+}
+
 void Printer::flush() {
-    if (!file_) return;
-    // The printer's size counts its terminating zero, which is not written.
-    const int size = CStrSize() - 1;
-    if (size <= 0) return;
-    file_->write(CStr(), static_cast<unsigned>(size));
+    if (!file_ || held() == 0) return;
+    file_->write(buffer_.get(), static_cast<unsigned>(held()));
     streamed_ = true;
-    // The first element was written long ago (the declaration): the printer
-    // goes on as it would have.
-    ClearBuffer(false);
+    end_ = buffer_.get();
 }
 
 void XmlFile::writeTo(Qv::Ptr<iFile> f) {
@@ -125,15 +186,34 @@ xmlElement::xmlElement(XmlFile& file, const char* name, const AttribList& attrib
     pushAttributes(file_, attribs);
 }
 
+xmlElement::xmlElement(XmlFile& file, const char* name, const Attribute& attribute)
+    : xmlElement(file, name, std::span<const Attribute>(&attribute, 1)) {}
+
+xmlElement::xmlElement(XmlFile& file, const char* name, std::span<const Attribute> attribs)
+    : file_(file) {
+    file_.printer.OpenElement(name, false);
+    pushAttributes(file_, attribs);
+}
+
 xmlElement::~xmlElement() {
     file_.printer.CloseElement(false);
 }
 
 xmlInlineElement::xmlInlineElement(XmlFile& file, const char* name, const wchar_t* text) {
     file.printer.OpenElement(name, false);
-    std::string scratch;
-    file.printer.PushText(
-        file.writable(toUTF8(std::wstring_view(text ? text : L"")).c_str(), scratch), false);
+    file.pushText(file.utf8(std::wstring_view(text ? text : L"")));
+    file.printer.CloseElement(false);
+}
+
+xmlInlineElement::xmlInlineElement(XmlFile& file, const char* name, const char* text) {
+    file.printer.OpenElement(name, false);
+    file.pushText(text);
+    file.printer.CloseElement(false);
+}
+
+xmlInlineElement::xmlInlineElement(XmlFile& file, const char* name, const Attribute& attribute) {
+    file.printer.OpenElement(name, false);
+    pushAttributes(file, std::span<const Attribute>(&attribute, 1));
     file.printer.CloseElement(false);
 }
 

@@ -5,13 +5,19 @@
 // document is never held whole in memory; before that (and in tests, which
 // open no file) it stays in the printer. Elements close at the end of their
 // scope, so that the nesting of the code is
-// the nesting of the XML. Attributes are handed over as ready-made strings of
-// the form name="value"; the printer escapes the value when it writes it.
+// the nesting of the XML. Texts and attributes are handed to the printer in
+// UTF-8, and it escapes them as it writes them; wide texts are turned into
+// UTF-8 on the way, into a buffer the file keeps for that. Attributes may also
+// be handed over as ready-made wide strings of the form name="value".
 #pragma once
 
 #include <tinyxml2.h>
 
+#include <cstring>
+#include <memory>
+#include <span>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -24,10 +30,22 @@ namespace XML {
 
 using AttribList = std::vector<LightweightString<wchar_t>>;
 
+// One attribute in UTF-8; a null value counts as empty.
+struct Attribute {
+    const char* name;
+    const char* value;
+};
+
+// Appends `text` to `out` in UTF-8. What is no Unicode character (a
+// surrogate, a value past U+10FFFF) becomes U+FFFD, as toUTF8 has it.
+void appendUtf8(std::string& out, std::wstring_view text);
+
 // The printer, made safe against closing more elements than were opened (the
 // root of a document that no writer began, say): such a close does nothing.
-// Given a file (streamTo), it hands the file what it has made whenever that
-// passes a chunk, and keeps only the rest.
+// What it makes goes into a buffer of its own rather than the printer's, so
+// that each small piece costs an append. Given a file (streamTo), it hands
+// the file what it has made whenever that passes a chunk, and keeps only the
+// rest.
 class Printer : public tinyxml2::XMLPrinter {
   public:
     Printer() : tinyxml2::XMLPrinter(nullptr, false, 0) {}
@@ -40,6 +58,12 @@ class Printer : public tinyxml2::XMLPrinter {
     // Hands the file what is held; true when anything went to it so far.
     void flush();
     bool streamed() const { return streamed_; }
+    // What is held: the whole document when no file was given.
+    const char* text() const {
+        if (!buffer_) return "";
+        *end_ = '\0';  // there is always room for it
+        return buffer_.get();
+    }
 
     // What is held in memory at most before it goes to the file.
     static constexpr int kChunk = 1 << 18;
@@ -47,11 +71,37 @@ class Printer : public tinyxml2::XMLPrinter {
   protected:
     using tinyxml2::XMLPrinter::Write;
     void Write(const char* data, size_t size) override {
-        tinyxml2::XMLPrinter::Write(data, size);
-        if (file_ && CStrSize() > kChunk) flush();
+        if (size >= room()) grow(size);
+        std::memcpy(end_, data, size);
+        end_ += size;
+        if (file_ && held() > static_cast<std::size_t>(kChunk)) flush();
     }
+    void Putc(char c) override {
+        if (room() <= 1) grow(1);
+        *end_++ = c;
+    }
+    // The indentation of a line in one piece: four spaces a level, as the
+    // printer's own writes them a level at a time.
+    void PrintSpace(int depth) override {
+        std::size_t n = depth > 0 ? 4 * static_cast<std::size_t>(depth) : 0;
+        if (n >= room()) grow(n);
+        std::memset(end_, ' ', n);
+        end_ += n;
+    }
+    void Print(const char* format, ...) override;
 
   private:
+    std::size_t held() const {
+        return buffer_ ? static_cast<std::size_t>(end_ - buffer_.get()) : 0;
+    }
+    // Bytes free, one of them kept for the zero after the text.
+    std::size_t room() const { return capacity_ - held(); }
+    // Makes room for `more` bytes and the zero after them.
+    void grow(std::size_t more);
+
+    std::unique_ptr<char[]> buffer_;
+    char* end_ = nullptr;
+    std::size_t capacity_ = 0;
     iFile* file_ = nullptr;
     bool streamed_ = false;
 };
@@ -75,7 +125,7 @@ class XmlFile {
 
     // The document so far, for tests, which open no file (with a file, only
     // what has not gone to it yet).
-    const char* text() const { return printer.CStr(); }
+    const char* text() const { return printer.text(); }
 
     // From now on, text and attribute values that hold characters XML 1.0
     // cannot carry (control characters such as ESC or BEL, bytes that are no
@@ -86,12 +136,17 @@ class XmlFile {
     // `utf8` as it may be written: itself, or the cleaned copy kept in
     // `scratch`.
     const char* writable(const char* utf8, std::string& scratch);
+    // `text` in UTF-8, held until the next call.
+    const char* utf8(std::wstring_view text);
+    // A text of the element just opened, in UTF-8 (null counts as empty).
+    void pushText(const char* utf8);
 
     Qv::Ptr<iFile> file;
     Printer printer;
 
   private:
     bool replacing_ = false;
+    std::string utf8_;  // what utf8() made last
     LoggerHandle log_;
     std::unordered_set<std::string> reported_;
 };
@@ -100,6 +155,8 @@ class xmlElement {
   public:
     xmlElement(XmlFile& file, const char* name);
     xmlElement(XmlFile& file, const char* name, const AttribList& attribs);
+    xmlElement(XmlFile& file, const char* name, const Attribute& attribute);
+    xmlElement(XmlFile& file, const char* name, std::span<const Attribute> attribs);
     ~xmlElement();
     xmlElement(const xmlElement&) = delete;
     xmlElement& operator=(const xmlElement&) = delete;
@@ -116,8 +173,11 @@ class xmlInlineElement {
     xmlInlineElement(XmlFile& file, const char* name, const wchar_t* text);
     xmlInlineElement(XmlFile& file, const char* name, const LightweightString<wchar_t>& text)
         : xmlInlineElement(file, name, text.c_str()) {}
+    // UTF-8 text; a null text counts as empty.
+    xmlInlineElement(XmlFile& file, const char* name, const char* text);
     // Attributes and no content: a self-closed element.
     xmlInlineElement(XmlFile& file, const char* name, const AttribList& attribs);
+    xmlInlineElement(XmlFile& file, const char* name, const Attribute& attribute);
     // Attributes and UTF-8 text.
     xmlInlineElement(XmlFile& file, const char* name, const char* text, const AttribList& attribs);
 };

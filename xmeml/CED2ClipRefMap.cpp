@@ -2,7 +2,6 @@
 #include <cstring>
 
 #include "host/Edit.h"
-#include "host/Paths.h"
 #include "xmeml/FCP5XMLWriter.h"
 
 namespace XML {
@@ -42,20 +41,6 @@ void CED2ClipRefMapRec::dropMarks() {
 
 void CED2ClipRefMap::addRef(LightweightString<wchar_t> ref, CED2* ced2, bool isGhost) {
     CED2ClipRefMapRec rec(ref, ced2, isGhost);
-    // MXF media is told by the extension of the first cel's file, in either
-    // of its two usual spellings only.
-    if (ced2) {
-        for (CChannel* ch : each<CChannel>(ced2->channels)) {
-            CED2Cell* cel = ch->firstCel();
-            if (!cel) continue;
-            LightweightString<wchar_t> ext =
-                getExtension(SystemCache::getPhysicalHighResMedia(cel->cookie), false);
-            if (ext == L"mxf" || ext == L"MXF") {
-                rec.isMxf = true;
-                break;
-            }
-        }
-    }
     std::size_t at = records_.size();
     records_.push_back(std::move(rec));
     auto [it, fresh] = index_.try_emplace(records_.back().ref, Chain{at, at});

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <charconv>
+#include <string>
+#include <string_view>
 
 #include "export/XmlFile.h"
 #include "host/Cookie.h"
@@ -11,7 +13,7 @@ namespace XML::fcp5 {
 
 // A leaf with UTF-8 text.
 inline void leaf(XmlFile& f, const char* name, const char* text) {
-    xmlInlineElement(f, name, text, AttribList{});
+    xmlInlineElement(f, name, text);
 }
 inline void leaf(XmlFile& f, const char* name, const LightweightString<char>& text) {
     leaf(f, name, text.c_str());
@@ -20,16 +22,26 @@ inline void leaf(XmlFile& f, const char* name, const LightweightString<char>& te
 inline void leaf(XmlFile& f, const char* name, const LightweightString<wchar_t>& text) {
     xmlInlineElement(f, name, text);
 }
-// A leaf with a whole number, in decimal.
+// A leaf with a whole number, in decimal: digits need no cleaning.
 inline void leaf(XmlFile& f, const char* name, int value) {
     char text[16];
     *std::to_chars(text, text + sizeof text - 1, value).ptr = '\0';
-    leaf(f, name, text);
+    f.printer.OpenElement(name, false);
+    f.printer.PushText(text, false);
+    f.printer.CloseElement(false);
 }
 
-// An element whose only attribute is `id`.
-inline AttribList idAttrib(const LightweightString<wchar_t>& id) {
-    return AttribList{makeAttrib("id", id)};
+// The text of an `id`: `prefix` and then `rest` in UTF-8.
+inline std::string idText(const char* prefix, std::wstring_view rest) {
+    std::string text(prefix);
+    appendUtf8(text, rest);
+    return text;
+}
+// The same with a number after the prefix, in decimal.
+inline std::string idText(const char* prefix, long number) {
+    char digits[24];
+    *std::to_chars(digits, digits + sizeof digits - 1, number).ptr = '\0';
+    return std::string(prefix) + digits;
 }
 
 // The text under which a cel's material is registered: the cookie of the edit

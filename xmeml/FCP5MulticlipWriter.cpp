@@ -1,5 +1,8 @@
 // The xmeml writer: a sequence that is one multi-angle group, written as one
 // clip carrying a multiclip with an angle per member of the group.
+#include <algorithm>
+#include <string>
+
 #include "host/Edit.h"
 #include "xmeml/FCP5Elements.h"
 #include "xmeml/FCP5XMLWriter.h"
@@ -51,7 +54,7 @@ bool FCP5XMLWriter::writeMulticlipGroup(AlternatesList& group) {
                 celTimeToFrames(master->get_editLength() - (subStart + length), master->rate));
     };
 
-    xmlElement clip(xmlFile, "clip", idAttrib(L"GRP_" + c0));
+    xmlElement clip(xmlFile, "clip", Attribute{"id", idText("GRP_", c0).c_str()});
     printMasterClipHeader(shot->get_editName() + L"_GRP", length, shot->rate, masterId);
 
     int counter = 1;
@@ -68,16 +71,19 @@ bool FCP5XMLWriter::writeMulticlipGroup(AlternatesList& group) {
             xmlElement video(xmlFile, "video");
             xmlElement track(xmlFile, "track");
             xmlElement clipitem(xmlFile, "clipitem",
-                                idAttrib(L"clipitem-" + Qv::WStringFromInteger(counter++)));
+                                Attribute{"id", idText("clipitem-", counter++).c_str()});
             leaf(xmlFile, "name", shot->get_editName());
             leaf(xmlFile, "masterclipid", masterId);
             printRateElement(shot->rate);
             subclipInfo();
-            if (!printFileElement(master, false, ref, 0, false)) return false;
+            if (!printFileElement(master, false, ref)) return false;
 
-            xmlElement multiclip(xmlFile, "multiclip", idAttrib(L"multiclip1"));
-            xmlInlineElement(xmlFile, "name",
-                             AttribList{makeAttrib("id", shot->get_editName() + L" - multi")});
+            xmlElement multiclip(xmlFile, "multiclip", Attribute{"id", "multiclip1"});
+            // The id ends before a double quote in the name: the value this
+            // writer has always given it.
+            std::string multiName = idText("", shot->get_editName()) + " - multi";
+            multiName.resize(std::min(multiName.find('"'), multiName.size()));
+            xmlInlineElement(xmlFile, "name", Attribute{"id", multiName.c_str()});
             leaf(xmlFile, "collapsed", "FALSE");
             leaf(xmlFile, "synctype", "1");
             bool firstAngle = true;
@@ -108,11 +114,11 @@ bool FCP5XMLWriter::writeMulticlipGroup(AlternatesList& group) {
             if (ch->chanType == kChanAudio) {
                 xmlElement track(xmlFile, "track");
                 xmlElement clipitem(xmlFile, "clipitem",
-                                    idAttrib(L"clipitem-" + Qv::WStringFromInteger(counter++)));
+                                    Attribute{"id", idText("clipitem-", counter++).c_str()});
                 leaf(xmlFile, "masterclipid", masterId);
                 leaf(xmlFile, "syncoffset", "0");
                 subclipInfo();
-                if (!printFileElement(master, false, ref, 0, false)) return false;
+                if (!printFileElement(master, false, ref)) return false;
                 {
                     xmlElement sourcetrack(xmlFile, "sourcetrack");
                     leaf(xmlFile, "mediatype", "audio");
@@ -129,7 +135,7 @@ bool FCP5XMLWriter::writeMulticlipGroup(AlternatesList& group) {
 bool FCP5XMLWriter::printAngle(CED2* shot, bool isGhost, LightweightString<wchar_t>& id,
                                LightweightString<wchar_t>& masterId, int offset, int& counter) {
     if (!shot) return false;
-    xmlElement clip(xmlFile, "clip", idAttrib(id));
+    xmlElement clip(xmlFile, "clip", Attribute{"id", xmlFile.utf8(id)});
     double rate = shot->rate;
     double length = shot->get_editLength();
     printMasterClipHeader(shot->get_editName(), length, rate, masterId);
@@ -149,12 +155,12 @@ bool FCP5XMLWriter::printAngle(CED2* shot, bool isGhost, LightweightString<wchar
     xmlElement video(xmlFile, "video");
     xmlElement track(xmlFile, "track");
     xmlElement clipitem(xmlFile, "clipitem",
-                        idAttrib(L"clipitem-" + Qv::WStringFromInteger(counter++)));
+                        Attribute{"id", idText("clipitem-", counter++).c_str()});
     leaf(xmlFile, "masterclipid", masterId);
     printRateElement(shot->rate);
     leaf(xmlFile, "mediadelay", offset);
     // Inside an angle the file's id is the bare reference.
-    return printFileElement(shot, false, id, 0, false);
+    return printFileElement(shot, false, id);
 }
 
 }  // namespace XML

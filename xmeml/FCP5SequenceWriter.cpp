@@ -58,19 +58,20 @@ bool FCP5XMLWriter::writeSequence(CED2List& sequences) {
 }
 
 bool FCP5XMLWriter::writeOneSequence(CED2* seq, unsigned int& counter) {
-    LightweightString<wchar_t> id = L"seq_" + seq->cookie.asWString();
-    AttribList attribs{makeAttrib("id", id)};
+    std::string id = idText("seq_", seq->cookie.asWString());
     EditPtr edit;
     edit.i_open(seq->cookie);
+    // The frame size of the sequence, when it has an edit to tell it.
+    std::string height, width;
     if (edit) {
         const ShotVideoMetadata& vm = edit->getVideoMetadata();
-        attribs.push_back(makeAttrib("MZ.Sequence.PreviewFrameSizeHeight",
-                                     Qv::WStringFromInteger(vm.getHeight())));
-        attribs.push_back(
-            makeAttrib("MZ.Sequence.PreviewFrameSizeWidth", Qv::WStringFromInteger(vm.getWidth())));
+        height = std::to_string(vm.getHeight());
+        width = std::to_string(vm.getWidth());
     }
-
-    xmlElement sequence(xmlFile, "sequence", attribs);
+    const Attribute attribs[] = {{"id", id.c_str()},
+                                 {"MZ.Sequence.PreviewFrameSizeHeight", height.c_str()},
+                                 {"MZ.Sequence.PreviewFrameSizeWidth", width.c_str()}};
+    xmlElement sequence(xmlFile, "sequence", std::span<const Attribute>(attribs, edit ? 3 : 1));
     leaf(xmlFile, "name", seq->get_editName());
     // Losses are placed in the sequence whose tracks are being written.
     LightweightString<char> outerName = sequenceName_;
@@ -130,7 +131,7 @@ bool FCP5XMLWriter::printNestedSequence(CED2* seq, unsigned int& counter) {
     // Premiere and Final Cut Pro define a nested sequence once, in the first
     // clip item that uses it, and refer to it by its id after.
     if (sequencesWritten_.count(id)) {
-        xmlInlineElement(xmlFile, "sequence", idAttrib(id));
+        xmlInlineElement(xmlFile, "sequence", Attribute{"id", xmlFile.utf8(id)});
         return true;
     }
     sequencesWritten_.insert(id);
@@ -588,7 +589,7 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
             afterBlack = false;
 
         xmlElement clipitem(xmlFile, "clipitem",
-                            idAttrib(L"clipitem-" + Qv::WStringFromInteger(counter)));
+                            Attribute{"id", idText("clipitem-", counter).c_str()});
         ++counter;
         leaf(xmlFile, "name", shot->get_editName());
         if (legacy) {
@@ -629,8 +630,7 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
             // that each of its clip items repeated the file in full.
             LightweightString<wchar_t> ref =
                 legacy ? plan.rec->getFileElementRef(cel->cookie.channel) : plan.masterText + L"_0";
-            if (!printFileElement(master, plan.defined, ref, cel->cookie.channel, plan.rec->isMxf))
-                return false;
+            if (!printFileElement(master, plan.defined, ref)) return false;
         }
         if (std::fabs(static_cast<double>(cel->speed) - 1.0) >= 1e-6)
             printTimeRemap(cel->speed, plan.still, plan.reverse, channel->chanType == kChanVideo);

@@ -108,9 +108,8 @@ void FCP5XMLWriter::printSampleCharacteristics(const ShotVideoMetadata& metadata
     }
 }
 
-bool FCP5XMLWriter::printFileElement(CED2* shot, bool defined, LightweightString<wchar_t>& ref,
-                                     unsigned char, bool) {
-    xmlElement file(xmlFile, "file", idAttrib(L"file_" + ref));
+bool FCP5XMLWriter::printFileElement(CED2* shot, bool defined, LightweightString<wchar_t>& ref) {
+    xmlElement file(xmlFile, "file", Attribute{"id", idText("file_", ref).c_str()});
     if (!shot || defined) return true;
 
     leaf(xmlFile, "name", shot->get_editName());
@@ -268,7 +267,7 @@ bool FCP5XMLWriter::writeShotOnly(CED2List& first, CED2List& second) {
     xmlElement project(xmlFile, "project");
     xmlElement children(xmlFile, "children");
     // The clip's id repeats the prefix that masterId already has.
-    xmlElement clipElement(xmlFile, "clip", idAttrib(L"master_" + masterId));
+    xmlElement clipElement(xmlFile, "clip", Attribute{"id", idText("master_", masterId).c_str()});
     printMasterClipHeader(clip->get_editName(), length, rate, masterId);
 
     if (isSubclip) {
@@ -290,10 +289,10 @@ bool FCP5XMLWriter::writeShotOnly(CED2List& first, CED2List& second) {
         xmlElement mediaElement(xmlFile, "media");
         xmlElement video(xmlFile, "video");
         xmlElement track(xmlFile, "track");
-        xmlElement clipitem(xmlFile, "clipitem", idAttrib(L"clipitem-1"));
+        xmlElement clipitem(xmlFile, "clipitem", Attribute{"id", "clipitem-1"});
         leaf(xmlFile, "masterclipid", masterId);
         printRateElement(rate);
-        ok = printFileElement(media, false, mediaRef, 0, false);
+        ok = printFileElement(media, false, mediaRef);
     }
     if (ok) writeMarkers(clip);
     return ok;

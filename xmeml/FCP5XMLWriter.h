@@ -39,7 +39,6 @@ class CED2ClipRefMapRec {
     std::unique_ptr<unsigned char[]> chanDefined;
     std::size_t chanCount = 0;
     LightweightString<wchar_t> ref;  // the shot's cookie text, the key
-    bool isMxf = false;              // one of the channels plays MXF media
 
   private:
     friend class CED2ClipRefMap;
@@ -109,9 +108,8 @@ class FCP5XMLWriter : public XMLWriter {
                               const LightweightString<wchar_t>& reelName);
     // `file` with the id "file_" + ref: the whole definition, or the id alone
     // when `defined` is set or there is no shot. False on a reel identifier
-    // that other systems would choke on. The channel and MXF mark are not used.
-    bool printFileElement(CED2* shot, bool defined, LightweightString<wchar_t>& ref,
-                          unsigned char channel, bool mxf);
+    // that other systems would choke on.
+    bool printFileElement(CED2* shot, bool defined, LightweightString<wchar_t>& ref);
     // Frames at the rate of the shot that `cookie` plays; 1 for an unknown
     // shot. Drops the file marks of that shot.
     int cookieCelTimeToFrames(double time, Cookie cookie);

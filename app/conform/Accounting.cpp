@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <unordered_map>
 #include <unordered_set>
 
 #include "app/checks/XmlText.h"
@@ -61,14 +60,14 @@ bool is(std::string_view name, const char (&what)[N]) {
     return name.size() == N - 1 && std::memcmp(name.data(), what, N - 1) == 0;
 }
 
-// The text of a leaf element: as it stands, unless it holds references or
-// markup.
-std::string textOf(std::string_view inner) {
+// The text of a leaf element, kept in `texts`: as it stands, unless it holds
+// references or markup.
+std::string_view keptText(ListedTexts& texts, std::string_view inner) {
     if (inner.empty()) return {};
     if (!std::memchr(inner.data(), '&', inner.size()) &&
         !std::memchr(inner.data(), '<', inner.size()))
-        return std::string(inner);
-    return leafText(inner);
+        return texts.keep(inner);
+    return texts.keep(leafText(inner));
 }
 
 // The id attribute of a start tag's text after its name, decoded.
@@ -91,6 +90,26 @@ std::string idOf(std::string_view attributes) {
 }
 
 }  // namespace
+
+std::string_view ListedTexts::keep(std::string_view text) {
+    if (text.empty()) return {};
+    if (text.size() > kBlock / 4) {
+        // A long text has a block of its own, kept before the block in use.
+        auto own = std::make_unique<char[]>(text.size());
+        std::memcpy(own.get(), text.data(), text.size());
+        std::string_view kept(own.get(), text.size());
+        blocks_.insert(blocks_.empty() ? blocks_.end() : blocks_.end() - 1, std::move(own));
+        return kept;
+    }
+    if (kBlock - used_ < text.size()) {
+        blocks_.push_back(std::make_unique<char[]>(kBlock));
+        used_ = 0;
+    }
+    char* at = blocks_.back().get() + used_;
+    std::memcpy(at, text.data(), text.size());
+    used_ += text.size();
+    return {at, text.size()};
+}
 
 // ---- xmeml ----
 
@@ -128,11 +147,50 @@ struct XmemlClipLister::State {
     std::string masterClip;
     Event open;
     std::unordered_set<std::string> masterClips;
-    // The clip items that name media, by id, where they stand.
+    // The clip items that name media, by id, where they stand: a table of
+    // open addressing over `definers`, whose keys are read from the listed
+    // items themselves. A long document defines an item for each of its
+    // clips, and the table lives through the import.
     struct Where {
-        std::size_t sequence, track, item;
+        std::uint32_t sequence, track, item;
     };
-    std::unordered_map<std::string, Where> namingItems;
+    std::vector<Where> definers;
+    std::vector<std::uint32_t> byId;  // 1 + a place in definers; 0 for a free slot
+
+    const ListedItem& itemAt(const Where& w) const {
+        const ListedSequence& s =
+            w.sequence < out.sequences.size() ? out.sequences[w.sequence] : current;
+        return s.tracks[w.track].items[w.item];
+    }
+
+    // The slot of the item of that id, or the free slot where it goes.
+    std::size_t slotOf(std::string_view id) const {
+        std::size_t mask = byId.size() - 1;
+        for (std::size_t i = std::hash<std::string_view>{}(id)&mask;; i = (i + 1) & mask)
+            if (byId[i] == 0 || itemAt(definers[byId[i] - 1]).id == id) return i;
+    }
+
+    const Where* definerOf(std::string_view id) const {
+        if (byId.empty()) return nullptr;
+        std::uint32_t entry = byId[slotOf(id)];
+        return entry ? &definers[entry - 1] : nullptr;
+    }
+
+    // The item at `w` names media by `id`, in place of any before it.
+    void define(std::string_view id, Where w) {
+        if ((definers.size() + 1) * 2 > byId.size()) {
+            byId.assign(std::max<std::size_t>(64, byId.size() * 2), 0);
+            for (std::size_t k = 0; k < definers.size(); ++k)
+                byId[slotOf(itemAt(definers[k]).id)] = static_cast<std::uint32_t>(k + 1);
+        }
+        std::uint32_t& entry = byId[slotOf(id)];
+        if (entry) {
+            definers[entry - 1] = w;
+        } else {
+            definers.push_back(w);
+            entry = static_cast<std::uint32_t>(definers.size());
+        }
+    }
     std::vector<ByMasterClip> byMasterClip;
 
     bool at(int depth, int parent, std::string_view parentName) const {
@@ -184,7 +242,7 @@ struct XmemlClipLister::State {
             names = hasChildren = false;
             masterClip.clear();
             open = Event();
-            if (isClip) open.item.id = idOf(attributes);
+            if (isClip) open.item.id = out.texts->keep(idOf(attributes));
         }
     }
 
@@ -203,7 +261,7 @@ struct XmemlClipLister::State {
                 } else if (is(name, "end")) {
                     open.end = frameNumber(inner, 0);
                 } else if (isClip && is(name, "name")) {
-                    open.item.name = textOf(inner);
+                    open.item.name = keptText(*out.texts, inner);
                 } else if (isClip && is(name, "masterclipid")) {
                     masterClip = leafText(inner);
                 }
@@ -273,13 +331,10 @@ struct XmemlClipLister::State {
         for (std::size_t i = 0; i < events.size(); ++i) {
             Event& e = events[i];
             if (e.bare) {
-                auto earlier = namingItems.find(e.item.id);
-                if (earlier == namingItems.end()) continue;
-                const Where& w = earlier->second;
-                const ListedSequence& s =
-                    w.sequence < out.sequences.size() ? out.sequences[w.sequence] : current;
-                ListedItem copy = s.tracks[w.track].items[w.item];
-                t.items.push_back(std::move(copy));
+                const Where* earlier = definerOf(e.item.id);
+                if (!earlier) continue;
+                ListedItem copy = itemAt(*earlier);
+                t.items.push_back(copy);
                 continue;
             }
             if (!e.listed) continue;
@@ -291,15 +346,17 @@ struct XmemlClipLister::State {
             e.item.start = e.start;
             e.item.end = e.end;
             if (e.defines)
-                namingItems.insert_or_assign(
-                    e.item.id,
-                    Where{out.sequences.size(), current.tracks.size() - 1, t.items.size()});
+                define(e.item.id, Where{static_cast<std::uint32_t>(out.sequences.size()),
+                                        static_cast<std::uint32_t>(current.tracks.size() - 1),
+                                        static_cast<std::uint32_t>(t.items.size())});
             if (!e.masterClip.empty())
                 byMasterClip.push_back({out.sequences.size(), current.tracks.size() - 1,
                                         t.items.size(), std::move(e.masterClip)});
             t.items.push_back(std::move(e.item));
         }
         events.clear();
+        // The list stays through the import: no room to spare.
+        t.items.shrink_to_fit();
     }
 
     void endSequence() {
@@ -310,6 +367,8 @@ struct XmemlClipLister::State {
         if (current.name.empty()) current.name = "NoName";
         if (!current.tracks.empty()) out.sequences.push_back(std::move(current));
         current = ListedSequence();
+        // The room the longest track took goes back now, not with the list.
+        events = std::vector<Event>();
     }
 };
 
@@ -452,7 +511,7 @@ DocumentClips listOtioClips(const QvOtio::Document& doc) {
                 if (!std::isfinite(length)) length = 0;
                 if (item.kind == ItemKind::Clip || item.kind == ItemKind::Stack ||
                     item.kind == ItemKind::Track)
-                    spans.push_back({at, at + length, {item.name, "", 0, 0}});
+                    spans.push_back({at, at + length, {out.texts->keep(item.name), "", 0, 0}});
                 at += length;
             }
             // A track of a stack shows the window its source range gives,
@@ -658,8 +717,8 @@ class Checker {
             l.timecode =
                 frameToTimecode(framesPlus(s.startFrame, i.start), ticks, s.dropFrame).str();
         }
-        l.detail = inQuotes(i.name);
-        if (!i.id.empty()) l.detail += " (" + i.id + ")";
+        l.detail = inQuotes(std::string(i.name));
+        if (!i.id.empty()) l.detail += " (" + std::string(i.id) + ")";
         l.detail += noSequence ? ": its sequence is not in the import"
                     : t.video  ? " plays black"
                                : " plays silence";

@@ -31,8 +31,25 @@ struct Document;
 
 namespace qvapp {
 
+// The texts of a list's items, each kept once in blocks that never move, so
+// that an item holds two views (16 bytes each) instead of two strings of its
+// own: a long document lists hundreds of thousands of items, and the list
+// lives through the whole import.
+class ListedTexts {
+  public:
+    // A lasting copy of `text`.
+    std::string_view keep(std::string_view text);
+
+  private:
+    static constexpr std::size_t kBlock = 1 << 16;
+    std::vector<std::unique_ptr<char[]>> blocks_;
+    std::size_t used_ = kBlock;  // in the last block of kBlock bytes
+};
+
 struct ListedItem {
-    std::string name, id;             // as the document names it; the id may be empty
+    // As the document names it, kept by the list's texts (or a literal); the
+    // id may be empty.
+    std::string_view name, id;
     std::int64_t start = 0, end = 0;  // record frames from the sequence's start
 };
 
@@ -55,6 +72,8 @@ struct ListedSequence {
 
 struct DocumentClips {
     std::vector<ListedSequence> sequences;
+    // What the items' names and ids view; copies of the list share it.
+    std::shared_ptr<ListedTexts> texts = std::make_shared<ListedTexts>();
 };
 
 // Lists the clip items of an xmeml document as a scan of its bytes sees its

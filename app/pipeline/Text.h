@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 
 #include "host/LightweightString.h"
 #include "host/Paths.h"
@@ -15,8 +16,23 @@ namespace qvapp {
 inline LightweightString<wchar_t> wide(const std::string& s) {
     return fromUTF8(s.c_str());
 }
+// toUTF8's bytes, made in one string: runs of ASCII, as most names are,
+// are copied a character at a time without a call for each.
 inline std::string narrow(const LightweightString<wchar_t>& s) {
-    return toUTF8(s).str();
+    std::wstring_view text = s.view();
+    std::string out(text.size(), '\0');
+    std::size_t n = 0, i = 0;
+    for (; i < text.size() && static_cast<char32_t>(text[i]) < 0x80; ++i)
+        out[n++] = static_cast<char>(text[i]);
+    out.resize(n);
+    for (; i < text.size(); ++i) {
+        char32_t c = static_cast<char32_t>(text[i]);
+        if (c < 0x80)
+            out.push_back(static_cast<char>(c));
+        else
+            appendUTF8(out, c);
+    }
+    return out;
 }
 // Paths are bytes: these keep them whole on the way through the host, even
 // where they are not UTF-8.

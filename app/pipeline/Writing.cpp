@@ -6,6 +6,7 @@
 
 #include "app/commands/Commands.h"
 #include "app/pipeline/AroundPlugin.h"
+#include "app/pipeline/Pipeline.h"
 #include "app/pipeline/Text.h"
 #include "host/Edit.h"
 #include "host/OS.h"
@@ -138,6 +139,8 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
         if (tick >= 5)
             console_->status(std::string("exporting ") + label + " " + spinner[tick % 4]);
     QvExport::ExportResult r = task->wait();
+    // The writer and its lists of the edit are gone.
+    releaseFreedMemory();
     console_->clearProgress();
     // The paths the pipeline reported lie in the staging folder.
     console_->takeWrittenPaths();

@@ -88,7 +88,8 @@ TEST(XmemlClipList, ListsTheClipItemsThatNameMediaWhereTheyStand) {
     auto spans = [](const ListedTrack& t) {
         std::string out;
         for (const qvapp::ListedItem& i : t.items)
-            out += i.id + ":" + std::to_string(i.start) + "-" + std::to_string(i.end) + " ";
+            out += std::string(i.id) + ":" + std::to_string(i.start) + "-" + std::to_string(i.end) +
+                   " ";
         return out;
     };
     // -1 is where the transition begins or ends.
@@ -98,6 +99,40 @@ TEST(XmemlClipList, ListsTheClipItemsThatNameMediaWhereTheyStand) {
     // that one stands.
     EXPECT_EQ(spans(s.tracks[2]), "a:0-40 a:0-40 ");
     EXPECT_EQ(s.tracks[0].items[0].name, "a");
+}
+
+TEST(XmemlClipList, ALongTrackFindsEachBareReferenceAndKeepsLongNames) {
+    // Enough items that the table of ids grows several times; a bare
+    // reference to each third item, in reverse, after them all; one id
+    // defined twice, where the later definition counts.
+    std::string longName(70000, 'n');
+    std::string items, refs, expected;
+    for (int i = 0; i < 600; ++i)
+        items += item("c" + std::to_string(i), i, i + 1, "<file id=\"f\"/>");
+    items += item("c6", 700, 701, "<file id=\"f\"/>");
+    items += "<clipitem id=\"long\"><name>" + longName + "</name><start>701</start><end>702</end>" +
+             file("g") + "</clipitem>";
+    for (int i = 597; i >= 0; i -= 3) {
+        refs += "<clipitem id=\"c" + std::to_string(i) + "\"/>";
+        int at = i == 6 ? 700 : i;
+        expected += "c" + std::to_string(i) + "@" + std::to_string(at) + " ";
+    }
+    refs += "<clipitem id=\"long\"/>";
+    expected += "long@701 ";
+    DocumentClips clips = xmemlClips(
+        "<xmeml version=\"5\"><sequence><name>S</name><media><video>"
+        "<track>" +
+        items + "</track><track>" + refs + "</track></video></media></sequence></xmeml>");
+    ASSERT_EQ(clips.sequences.size(), 1u);
+    const auto& tracks = clips.sequences[0].tracks;
+    ASSERT_EQ(tracks.size(), 2u);
+    ASSERT_EQ(tracks[0].items.size(), 602u);
+    std::string found;
+    for (const qvapp::ListedItem& i : tracks[1].items)
+        found += std::string(i.id) + "@" + std::to_string(i.start) + " ";
+    EXPECT_EQ(found, expected);
+    EXPECT_EQ(tracks[1].items.back().name, longName);
+    EXPECT_EQ(tracks[0].items[599].name, "c599");
 }
 
 class Check : public qvtest::StoreTest {

@@ -36,6 +36,68 @@ TEST(XmlFile, ElementsNestByScopeAndEscape) {
     EXPECT_NE(text.find("</root>"), std::string::npos);
 }
 
+TEST(XmlFile, Utf8AttributesAndTextsAreWrittenAsTheyStandAndEscaped) {
+    XmlFile f;
+    {
+        const Attribute several[] = {{"a", "1"}, {"b", "x<&\"y"}, {"c", nullptr}};
+        xmlElement root(f, "root", std::span<const Attribute>(several));
+        xmlInlineElement(f, "one", Attribute{"id", "Sn\xC3\xB8"});
+        xmlInlineElement(f, "text", "a & <b>");
+        xmlInlineElement(f, "none", static_cast<const char*>(nullptr));
+    }
+    std::string text = f.text();
+    EXPECT_NE(text.find("<root a=\"1\" b=\"x&lt;&amp;&quot;y\" c=\"\">"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("<one id=\"Sn\xC3\xB8\"/>"), std::string::npos) << text;
+    EXPECT_NE(text.find("<text>a &amp; &lt;b&gt;</text>"), std::string::npos) << text;
+    EXPECT_NE(text.find("<none></none>"), std::string::npos) << text;
+}
+
+TEST(XmlFile, WideTextBecomesTheBytesTheHostGivesIt) {
+    // ASCII runs between other characters, characters of every length,
+    // and values that are no character (a lone surrogate, past U+10FFFF,
+    // negative): each as toUTF8 makes it.
+    const std::wstring texts[] = {L"",
+                                  L"plain",
+                                  L"\u00f8 at start",
+                                  L"end \u00f8",
+                                  L"a\u00f8b\u20acc\U0001F3ACd",
+                                  std::wstring(1, wchar_t(0xD800)),
+                                  std::wstring(1, wchar_t(0x110000)) + L"x",
+                                  std::wstring(1, wchar_t(-1)) + L"y",
+                                  std::wstring(L"nul\0in", 6)};
+    for (const std::wstring& t : texts) {
+        std::string made = "prefix ";
+        appendUtf8(made, t);
+        EXPECT_EQ(made, "prefix " + toUTF8(std::wstring_view(t)).str());
+    }
+}
+
+// The printer's own buffer holds what tinyxml2's printer would: deep
+// indentation, long texts that make it grow, and escaping.
+TEST(XmlFile, ThePrinterWritesWhatTinyxml2Would) {
+    auto write = [](tinyxml2::XMLPrinter& p) {
+        p.PushDeclaration("xml version=\"1.0\"");
+        for (int depth = 0; depth < 40; ++depth) {
+            p.OpenElement("level", false);
+            p.PushAttribute("n", depth);
+        }
+        p.OpenElement("long", false);
+        p.PushText(std::string(10000, 'x').c_str(), false);
+        p.CloseElement(false);
+        p.OpenElement("empty", false);
+        p.CloseElement(false);
+        p.PushComment("a & b");
+        for (int depth = 0; depth < 40; ++depth)
+            p.CloseElement(false);
+    };
+    tinyxml2::XMLPrinter plain(nullptr, false, 0);
+    write(plain);
+    Printer ours;
+    write(ours);
+    EXPECT_EQ(std::string(ours.text()), std::string(plain.CStr()));
+}
+
 TEST(XmlFile, CharactersXmlCannotCarryAreReplacedAndToldOncePerText) {
     Qv::Ptr<CapturingLogSink> sink(new CapturingLogSink);
     XmlFile f;
