@@ -22,11 +22,11 @@ TEST(Batch, AJobThatThrowsFailsAloneAndTheOthersGoOn) {
         Batch batch(jobs, "converting", false);
         std::vector<JobResult> results = batch.run(
             labels,
-            [&](std::size_t i, std::FILE* out, std::FILE*) -> int {
+            [&](std::size_t i, std::FILE* out, std::FILE*) -> qvapp::Outcome {
                 if (i == 1) throw std::runtime_error("type_error.302: type must be string");
                 if (i == 3) throw std::bad_alloc();
                 std::fputs((labels[i] + " written\n").c_str(), out);
-                return 0;
+                return qvapp::Outcome();
             },
             false);
         ASSERT_EQ(results.size(), 4u);
@@ -43,19 +43,27 @@ TEST(Batch, AJobThatThrowsFailsAloneAndTheOthersGoOn) {
     }
 }
 
-// Outside a batch the same guard stands around one document; what it says
-// is shown, never obeyed.
+// Outside a batch the same guard stands around one document. A failure the
+// job gives back untold is told once, and one it told is not told again;
+// what it says is shown, never obeyed.
 TEST(Batch, AGuardedJobSaysWhatStoppedIt) {
     char* text = nullptr;
     std::size_t size = 0;
     std::FILE* err = ::open_memstream(&text, &size);
     ASSERT_NE(err, nullptr);
-    EXPECT_EQ(qvapp::guardedJob("cut\x1b[2J.xml", err, [] { return 3; }), 3);
-    EXPECT_EQ(
-        qvapp::guardedJob("cut\x1b[2J.xml", err, []() -> int { throw std::logic_error("odd"); }),
-        qvapp::kExitFailed);
+    qvapp::Outcome untold = qvapp::guardedJob(
+        "cut.xml", err, [] { return qvapp::Outcome(3, "\"cut\x1b[2J.xml\" is no document"); });
+    EXPECT_EQ(untold.status(), 3);
+    EXPECT_EQ(untold.sentence(), "");
+    EXPECT_EQ(qvapp::guardedJob("cut.xml", err, [] { return qvapp::Outcome::told(5); }).status(),
+              5);
+    EXPECT_EQ(qvapp::guardedJob("cut\x1b[2J.xml", err,
+                                []() -> qvapp::Outcome { throw std::logic_error("odd"); })
+                  .status(),
+              qvapp::kExitFailed);
     std::fclose(err);
     EXPECT_EQ(std::string(text, size),
+              "qvxml: \"cut\\x1b[2J.xml\" is no document\n"
               "qvxml: \"cut\\x1b[2J.xml\" failed at a fault qvxml did not foresee: odd\n");
     std::free(text);
 }

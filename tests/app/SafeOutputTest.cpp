@@ -12,9 +12,9 @@
 namespace {
 
 using qvapp::InputFiles;
+using qvapp::Outcome;
 using qvapp::SafeOutput;
 using qvapp::StagingFolder;
-using qvapp::WriteResult;
 
 ino_t inodeOf(const std::string& path) {
     struct stat st;
@@ -29,9 +29,10 @@ class SafeOutputTest : public qvtest::StoreTest {
 
 TEST_F(SafeOutputTest, ANewFileIsWrittenWholeAndNothingElseStays) {
     SafeOutput out(inputs, false);
-    WriteResult w = out.write(dir.file("a.json"), "{}\n");
-    ASSERT_TRUE(w) << w.sentence;
-    EXPECT_FALSE(w.replaced);
+    bool replaced = true;
+    Outcome w = out.write(dir.file("a.json"), "{}\n", &replaced);
+    ASSERT_TRUE(w.ok()) << w.sentence();
+    EXPECT_FALSE(replaced);
     EXPECT_EQ(qvtest::readFile(dir.file("a.json")), "{}\n");
     EXPECT_EQ(qvtest::listDirectory(dir.path()), std::vector<std::string>{"a.json"});
 }
@@ -41,17 +42,18 @@ TEST_F(SafeOutputTest, AnExistingFileIsKeptUnlessReplacingIsAsked) {
     ::chmod(dir.file("a.json").c_str(), 0640);
     {
         SafeOutput keep(inputs, false);
-        WriteResult w = keep.write(dir.file("a.json"), "new");
-        EXPECT_EQ(w.code, qvapp::kExitNotWritable);
-        EXPECT_EQ(w.sentence, "\"" + dir.file("a.json") +
-                                  "\" exists already and is kept (--overwrite replaces it)");
+        Outcome w = keep.write(dir.file("a.json"), "new");
+        EXPECT_EQ(w.status(), qvapp::kExitNotWritable);
+        EXPECT_EQ(w.sentence(), "\"" + dir.file("a.json") +
+                                    "\" exists already and is kept (--overwrite replaces it)");
         EXPECT_EQ(qvtest::readFile(dir.file("a.json")), "old");
     }
     ino_t before = inodeOf(dir.file("a.json"));
     SafeOutput replace(inputs, true);
-    WriteResult w = replace.write(dir.file("a.json"), "new");
-    ASSERT_TRUE(w) << w.sentence;
-    EXPECT_TRUE(w.replaced);
+    bool replaced = false;
+    Outcome w = replace.write(dir.file("a.json"), "new", &replaced);
+    ASSERT_TRUE(w.ok()) << w.sentence();
+    EXPECT_TRUE(replaced);
     EXPECT_EQ(qvtest::readFile(dir.file("a.json")), "new");
     // Replaced by a rename: a reader holding the old file keeps it whole.
     EXPECT_NE(inodeOf(dir.file("a.json")), before);
@@ -71,12 +73,12 @@ TEST_F(SafeOutputTest, NoInputIsWrittenOverByAnyName) {
     SafeOutput out(inputs, true);
     for (const std::string& name : {dir.file("in.xml"), dir.file("sub/../in.xml"),
                                     dir.file("hard.xml"), dir.file("soft.xml")}) {
-        WriteResult w = out.write(name, "output");
-        EXPECT_EQ(w.code, qvapp::kExitNotWritable) << name;
-        EXPECT_NE(w.sentence.find("it is an input of this run, and qvxml never writes over its "
-                                  "inputs"),
+        Outcome w = out.write(name, "output");
+        EXPECT_EQ(w.status(), qvapp::kExitNotWritable) << name;
+        EXPECT_NE(w.sentence().find("it is an input of this run, and qvxml never writes over its "
+                                    "inputs"),
                   std::string::npos)
-            << w.sentence;
+            << w.sentence();
     }
     EXPECT_EQ(qvtest::readFile(dir.file("in.xml")), "input");
 }
@@ -84,19 +86,19 @@ TEST_F(SafeOutputTest, NoInputIsWrittenOverByAnyName) {
 TEST_F(SafeOutputTest, FoldersThatAreNotThereOrAreFiles) {
     qvtest::writeFile(dir.file("file"), "x");
     SafeOutput out(inputs, false);
-    WriteResult w = out.write(dir.file("missing/s.json"), "{}");
-    EXPECT_EQ(w.code, qvapp::kExitNoFolder);
-    EXPECT_EQ(w.sentence, "the folder \"" + dir.file("missing") + "\" does not exist");
+    Outcome w = out.write(dir.file("missing/s.json"), "{}");
+    EXPECT_EQ(w.status(), qvapp::kExitNoFolder);
+    EXPECT_EQ(w.sentence(), "the folder \"" + dir.file("missing") + "\" does not exist");
     w = out.write(dir.file("file/s.json"), "{}");
-    EXPECT_EQ(w.code, qvapp::kExitNoFolder);
-    EXPECT_EQ(w.sentence, "a file is in the way of the folder \"" + dir.file("file") + "\"");
+    EXPECT_EQ(w.status(), qvapp::kExitNoFolder);
+    EXPECT_EQ(w.sentence(), "a file is in the way of the folder \"" + dir.file("file") + "\"");
     w = out.write(dir.file("file/deeper/s.json"), "{}");
-    EXPECT_EQ(w.sentence, "a file, \"" + dir.file("file") + "\", is in the way of the folder \"" +
-                              dir.file("file/deeper") + "\"");
+    EXPECT_EQ(w.sentence(), "a file, \"" + dir.file("file") + "\", is in the way of the folder \"" +
+                                dir.file("file/deeper") + "\"");
     ASSERT_EQ(::mkdir(dir.file("taken.json").c_str(), 0755), 0);
     w = out.write(dir.file("taken.json"), "{}");
-    EXPECT_EQ(w.code, qvapp::kExitNotWritable);
-    EXPECT_NE(w.sentence.find("a folder of that name is in the way"), std::string::npos);
+    EXPECT_EQ(w.status(), qvapp::kExitNotWritable);
+    EXPECT_NE(w.sentence().find("a folder of that name is in the way"), std::string::npos);
 }
 
 // Only a regular file (or none yet) is a destination: a pipe would hold the
@@ -121,11 +123,11 @@ TEST_F(SafeOutputTest, WhatIsNoRegularFileIsRefused) {
     for (bool overwrite : {false, true}) {
         SafeOutput out(inputs, overwrite);
         for (const auto& [path, says] : cases) {
-            WriteResult checked = out.check(path);
-            EXPECT_EQ(checked.code, qvapp::kExitNotWritable) << path;
-            EXPECT_NE(checked.sentence.find(says), std::string::npos) << checked.sentence;
-            WriteResult w = out.write(path, "{}");
-            EXPECT_EQ(w.code, qvapp::kExitNotWritable) << path;
+            Outcome checked = out.check(path);
+            EXPECT_EQ(checked.status(), qvapp::kExitNotWritable) << path;
+            EXPECT_NE(checked.sentence().find(says), std::string::npos) << checked.sentence();
+            Outcome w = out.write(path, "{}");
+            EXPECT_EQ(w.status(), qvapp::kExitNotWritable) << path;
         }
     }
     struct stat st;
@@ -149,7 +151,7 @@ TEST_F(SafeOutputTest, ANamelessExportStaysInsideTheDestination) {
     ASSERT_EQ(::mkdir(dir.file("out").c_str(), 0755), 0);
 
     StagingFolder staging(dir.file("out"));
-    ASSERT_FALSE(staging.path().empty()) << staging.error().sentence;
+    ASSERT_FALSE(staging.path().empty()) << staging.made().sentence();
     EXPECT_EQ(staging.prefix().back(), '/');
     XMLExportOptions o;
     o.directory = pathFromBytes(staging.prefix());
@@ -160,7 +162,7 @@ TEST_F(SafeOutputTest, ANamelessExportStaysInsideTheDestination) {
     EXPECT_TRUE(made[0].ends_with("..xml")) << made[0];
 
     SafeOutput out(inputs, false);
-    ASSERT_TRUE(out.commit(staging.path() + "/" + made[0], dir.file("out/" + made[0])));
+    ASSERT_TRUE(out.commit(staging.path() + "/" + made[0], dir.file("out/" + made[0])).ok());
     EXPECT_EQ(qvtest::listDirectory(dir.path()), std::vector<std::string>{"out"});
 
     // Handed the folder as a user names it, the plug-in writes beside it.
@@ -181,8 +183,8 @@ TEST_F(SafeOutputTest, AStagingFolderLeavesNothingBehind) {
     EXPECT_TRUE(qvtest::listDirectory(dir.path()).empty());
     StagingFolder nowhere(dir.file("missing"));
     EXPECT_TRUE(nowhere.path().empty());
-    EXPECT_EQ(nowhere.error().code, qvapp::kExitNotWritable);
-    EXPECT_NE(nowhere.error().sentence.find("no such file or directory"), std::string::npos);
+    EXPECT_EQ(nowhere.made().status(), qvapp::kExitNotWritable);
+    EXPECT_NE(nowhere.made().sentence().find("no such file or directory"), std::string::npos);
 }
 
 }  // namespace
