@@ -111,7 +111,7 @@ std::string sequenceSvg(const DocumentInfo& d, const SequenceInfo& s) {
     if (seconds / step > 12) step = std::ceil(seconds / 12 / 3600) * 3600;
     svg += "<g class=\"ruler\">\n";
     for (double t = 0; s.ticks > 0 && t <= seconds + 1e-9; t += step) {
-        std::int64_t f = truncateToInt64(t * s.ticks + 0.5);
+        std::int64_t f = frameAsWritten(t * s.ticks);
         svg += "<line class=\"tick\" x1=\"" + num(x(f)) + "\" y1=\"" + num(kRuler - 8) +
                "\" x2=\"" + num(x(f)) + "\" y2=\"" + num(kRuler) + "\"/>";
         // A label that would run off the right edge is left out.
