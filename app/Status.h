@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 namespace qvapp {
 
@@ -19,6 +20,27 @@ enum ExitCode {
     kExitNotAvailable = 8,     // what was asked for is not built yet, or switched off
     kExitRefused = 9,          // a document is not well formed, or nests past any real one
     kExitUntrusted = 10,       // what was read has times that cannot be trusted
+};
+
+// What became of a step of the command: ok, or the exit status it fails with
+// and one sentence that says why. Every step of the command that can fail
+// gives one. A failure is told once, as "qvxml: SENTENCE" on standard error,
+// by the code that stops passing it on (Commands::tell); what is passed on
+// after that keeps its status and has no sentence left to tell.
+class Outcome {
+  public:
+    Outcome() = default;
+    Outcome(int status, std::string sentence) : status_(status), sentence_(std::move(sentence)) {}
+    // A failure that was told already.
+    static Outcome told(int status) { return Outcome(status, {}); }
+
+    bool ok() const { return status_ == kExitOK; }
+    int status() const { return status_; }
+    const std::string& sentence() const { return sentence_; }
+
+  private:
+    int status_ = kExitOK;
+    std::string sentence_;
 };
 
 }  // namespace qvapp

@@ -633,7 +633,7 @@ void EdlReader::Builder::resolveMedia() {
                 unsigned labelTicks = Qv::getTicksPerSecond(tc.get_rate());
                 s.origin =
                     labelTicks
-                        ? std::round(static_cast<double>(tc.get_start()) * ticks_ / labelTicks)
+                        ? nearestCount(static_cast<double>(tc.get_start()) * ticks_ / labelTicks)
                         : 0;
             }
             length = media->getEndTime();

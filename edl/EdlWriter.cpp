@@ -214,9 +214,9 @@ int Writer::prepare(const Cookie& edit, std::string& error) {
     drop_ = label ? label->isDropFrame() && dropCounts : dropCounts && Qv::has1001Factor(rate_);
     if (label) {
         unsigned t = Qv::getTicksPerSecond(label->get_rate());
-        start_ = t ? static_cast<std::int64_t>(
-                         std::llround(static_cast<double>(label->get_start()) * ticks_ / t))
-                   : 0;
+        start_ =
+            t ? truncateToInt64(nearestCount(static_cast<double>(label->get_start()) * ticks_ / t))
+              : 0;
     }
     if (!options_.track.empty()) {
         bool found = false;
@@ -246,13 +246,13 @@ double Writer::originOf(CED2* shot) {
     double origin = 0;
     if (label) {
         unsigned t = Qv::getTicksPerSecond(label->get_rate());
-        if (t) origin = std::round(static_cast<double>(label->get_start()) * ticks_ / t);
+        if (t) origin = nearestCount(static_cast<double>(label->get_start()) * ticks_ / t);
     }
     double shotFps = shot->rate > 0 ? shot->rate : fps_;
     if (Qv::getTicksPerSecond(Qv::getCelQVFrameRateFromFrameRateDouble(shotFps)) != ticks_)
         loss("source-rate", "", -1,
              "\"" + toUTF8(shot->get_editName()).str() + "\" runs at " +
-                 std::to_string(static_cast<int>(std::round(shotFps))) +
+                 std::to_string(truncateToInt32(timebaseOf(shotFps))) +
                  " fps; its source timecode is counted at the list's rate");
     origins_.emplace(shot, origin);
     return origin;
@@ -356,7 +356,7 @@ std::int64_t Writer::frames(double cel) const {
     // A place past a trillion frames is no place a list can name; it is kept
     // where sums of places cannot overflow.
     constexpr std::int64_t kFar = std::int64_t(1) << 40;
-    return std::clamp<std::int64_t>(truncateToInt64(std::floor(cel * ticks_ + 0.5)), -kFar, kFar);
+    return std::clamp<std::int64_t>(truncateToInt64(nearestFrame(cel * ticks_)), -kFar, kFar);
 }
 
 // A cel that plays material, from the record frame `p.start` on; `into` is
@@ -559,9 +559,8 @@ EditLine Writer::editOf(const Piece& p, Channels channels) const {
     e.channels = channels;
     e.effect = "C";
     std::int64_t length = p.end - p.start;
-    double first = std::floor(p.source + 0.5);
-    double used =
-        p.speed == 0 ? 1 : std::floor(std::fabs(p.speed) * static_cast<double>(length) + 0.5);
+    double first = nearestFrame(p.source);
+    double used = p.speed == 0 ? 1 : nearestFrame(std::fabs(p.speed) * static_cast<double>(length));
     if (length == 0) used = 0;
     e.sourceIn = Timecode::fromFrames(truncateToInt64(first), ticks_, drop_);
     e.sourceOut = Timecode::fromFrames(truncateToInt64(first + used), ticks_, drop_);
@@ -752,7 +751,7 @@ bool Writer::listOf(const std::vector<Track>& tracks, const std::string& suffix,
     if (markers) {
         for (const Ced2Cue& cue : top_->cues) {
             std::int64_t frame =
-                std::clamp<std::int64_t>(truncateToInt64(std::floor(cue.in * ticks_ + 0.5)),
+                std::clamp<std::int64_t>(truncateToInt64(nearestFrame(cue.in * ticks_)),
                                          -(std::int64_t(1) << 40), std::int64_t(1) << 40);
             const AvidColour& colour = nearestColour(cue.colour);
             std::string text = oneLine(toUTF8(cue.name).str());

@@ -60,7 +60,7 @@ LightweightString<wchar_t> FCPXXMLWriter::frameTime(std::int64_t frames, Qv::Fra
 }
 
 std::int64_t FCPXXMLWriter::frames(double celTime) const {
-    double f = std::floor(celTime * static_cast<double>(Qv::getTicksPerSecond(seqRate)) + 0.5);
+    double f = nearestFrame(celTime * static_cast<double>(Qv::getTicksPerSecond(seqRate)));
     // A time that is no number, or lies before the start, counts no frames.
     if (!std::isfinite(f) || f < 0) return 0;
     return static_cast<std::int64_t>(std::min(f, 1e12));
@@ -68,7 +68,7 @@ std::int64_t FCPXXMLWriter::frames(double celTime) const {
 
 std::int64_t FCPXXMLWriter::assetFrames(const AssetRefMap::AssetRefMapRec& asset,
                                         double real) const {
-    double f = std::floor(real * Qv::getFramesPerSecond(asset.grid) + 0.5);
+    double f = nearestFrame(real * Qv::getFramesPerSecond(asset.grid));
     if (!std::isfinite(f)) return 0;
     return static_cast<std::int64_t>(std::clamp(f, -1e12, 1e12));
 }
@@ -349,8 +349,8 @@ std::int64_t FCPXXMLWriter::labelFrames(const EditLabel& label, Qv::FrameRate la
     if (Qv::getTicksPerSecond(labelRate) == Qv::getTicksPerSecond(rate))
         return std::max(0, label.get_start());
     // Another rate: the same moment, to the nearest frame.
-    double f = std::floor(
-        label.get_start() / Qv::getFramesPerSecond(labelRate) * Qv::getFramesPerSecond(rate) + 0.5);
+    double f = nearestFrame(label.get_start() / Qv::getFramesPerSecond(labelRate) *
+                            Qv::getFramesPerSecond(rate));
     return std::isfinite(f) && f > 0 ? static_cast<std::int64_t>(std::min(f, 1e12)) : 0;
 }
 
@@ -596,7 +596,7 @@ std::int64_t FCPXXMLWriter::localFrames(const Item& item, std::int64_t at) const
         // A compound clip's time is its sequence's, from its timecode.
         auto base = compoundStarts_.find(item.nested);
         std::int64_t start = base == compoundStarts_.end() ? 0 : base->second;
-        double f = std::floor(real * Qv::getFramesPerSecond(localGrid(item)) + 0.5);
+        double f = nearestFrame(real * Qv::getFramesPerSecond(localGrid(item)));
         return start + static_cast<std::int64_t>(std::isfinite(f) ? std::clamp(f, -1e12, 1e12) : 0);
     }
     return at - item.in;

@@ -179,7 +179,7 @@ double mPosn_Xlate(double position, MediumRollMedium, MediumRollMedium to,
     Qv::FrameRate rate = getFrameRatefromMedium(to);
     unsigned ticks = Qv::getTicksPerSecond(rate);
     if (ticks == 0 || !std::isfinite(position)) return position;
-    return std::floor(position * ticks + 0.5) / ticks;
+    return nearestFrame(position * ticks) / ticks;
 }
 
 std::int32_t truncateToInt32(double value) {

@@ -6,6 +6,7 @@
 // 30 and 29.97, so that an NTSC cel second holds 30 frames.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 
 #include "host/LightweightString.h"
@@ -107,10 +108,40 @@ struct MPosn_Xlate_Params {
 double mPosn_Xlate(double position, MediumRollMedium from, MediumRollMedium to,
                    const MPosn_Xlate_Params& params);
 
+// Frame rounding: one rule for each purpose. nearestFrame and nearestCount
+// leave NaN and infinities as they are; truncateToInt32/64 below make whole
+// numbers of them.
+//
+// A position in frames (a time times a rate) to the nearest whole frame. A
+// half goes to the later frame, before zero as after it, so that positions a
+// whole number of frames apart round alike, and a length (out minus in)
+// does not depend on where it lies.
+inline double nearestFrame(double frames) {
+    return std::floor(frames + 0.5);
+}
+// A count of frames (a start or a length, read from a document or brought
+// from another rate) to the nearest whole count. A half goes away from zero,
+// so that a count and its negative round alike.
+inline double nearestCount(double frames) {
+    return std::round(frames);
+}
+// The whole number of frames a second that a rate is counted in: 30 for
+// 29.97, 24 for 23.976.
+inline double timebaseOf(double framesPerSecond) {
+    return std::round(framesPerSecond);
+}
+
 // Double to 32- and 64-bit integers, cut toward zero, defined for every input:
 // NaN gives 0 and values out of range give the nearest end of the range.
 std::int32_t truncateToInt32(double value);
 std::int64_t truncateToInt64(double value);
+// A position in frames as xmeml counts it when written: the nearest frame
+// after zero, and toward zero before it (-2.75 gives -2). What describes an
+// edit as it will be written (info, draw, the loss report) counts so, to
+// agree with the file. NaN gives 0, values out of range the nearest end.
+inline std::int64_t frameAsWritten(double frames) {
+    return truncateToInt64(frames + 0.5);
+}
 // Double to float, with values beyond float's range going to infinity, as the
 // hardware does, rather than being undefined.
 float narrowToFloat(double value);

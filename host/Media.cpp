@@ -74,7 +74,7 @@ MaterialImporter::Result MaterialImporter::importFile() {
     // Cel time counts whole-number timebases: a 29.97 picture's frames are
     // thirtieths of a cel second.
     if (takeVideo && ticks > 0 && probe.frameRate > 0) {
-        double frames = std::floor(probe.duration * probe.frameRate + 0.5);
+        double frames = nearestFrame(probe.duration * probe.frameRate);
         shot->length = frames / ticks;
     } else {
         shot->length = probe.duration;

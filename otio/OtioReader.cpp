@@ -300,7 +300,7 @@ void OtioReader::buildTimeline(std::size_t index) {
     place_.dropFrame = dropsFrames(rate);
     if (item.kind == ItemKind::Timeline && item.globalStart.valid())
         place_.startFrame = static_cast<long long>(
-            std::round(std::clamp(framesOf(item.globalStart, base), -1e15, 1e15)));
+            nearestCount(std::clamp(framesOf(item.globalStart, base), -1e15, 1e15)));
 
     std::string kind = textOf(item.qvxml, "kind");
     bool subclip = kind == "subclip";
@@ -317,7 +317,7 @@ void OtioReader::buildTimeline(std::size_t index) {
         record->rate = r->get<double>();
     readRecordFields(item.qvxml, *record, fieldProblems_);
     if (record->labelCount == 0 && item.kind == ItemKind::Timeline && item.globalStart.valid()) {
-        double frames = std::round(framesOf(item.globalStart, base));
+        double frames = nearestCount(framesOf(item.globalStart, base));
         EditLabel label = editLabFrom(truncateToInt32(frames), Qv::Image::eScanProgressive, rate,
                                       dropsFrames(rate));
         if (label.is_valid()) {
@@ -917,7 +917,7 @@ void OtioReader::finishShots() {
         shot->rate = fps;
         Qv::FrameRate celRate = Qv::getCelQVFrameRateFromFrameRateDouble(fps);
         double ticks =
-            Qv::isKnownFrameRate(celRate) ? Qv::getTicksPerSecond(celRate) : std::round(fps);
+            Qv::isKnownFrameRate(celRate) ? Qv::getTicksPerSecond(celRate) : timebaseOf(fps);
         if (!(ticks > 0)) ticks = 1;
         // A length the document gives as infinite is kept: it was so where
         // the document was written.
@@ -931,8 +931,8 @@ void OtioReader::finishShots() {
         if (shot->labelCount == 0 && media.available.start.valid() &&
             media.available.start.value != 0 && Qv::isKnownFrameRate(celRate)) {
             double frames =
-                std::round(rescale(media.available.start.value, media.available.start.rate,
-                                   Qv::getFramesPerSecond(celRate)));
+                nearestCount(rescale(media.available.start.value, media.available.start.rate,
+                                     Qv::getFramesPerSecond(celRate)));
             EditLabel label = editLabFrom(truncateToInt32(frames), Qv::Image::eScanProgressive,
                                           celRate, dropsFrames(celRate));
             if (label.is_valid()) shot->addLabel(label);

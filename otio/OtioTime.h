@@ -29,7 +29,7 @@ struct TimeBase {
 
     // Cel time to the nearest whole frame, halves up, before zero as after
     // it, so that a position read back from its frames gives those frames.
-    double frames(double cel) const { return std::floor(cel * ticks + 0.5); }
+    double frames(double cel) const { return nearestFrame(cel * ticks); }
     double cel(double frames) const { return frames / ticks; }
 };
 

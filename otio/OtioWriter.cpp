@@ -573,7 +573,7 @@ const ordered& Writer::shotReference(CED2* shot) {
 
     double fps = shot->rate > 0 ? shot->rate : topBase_.fps;
     Qv::FrameRate celRate = Qv::getCelQVFrameRateFromFrameRateDouble(fps);
-    double ticks = Qv::isKnownFrameRate(celRate) ? Qv::getTicksPerSecond(celRate) : std::round(fps);
+    double ticks = Qv::isKnownFrameRate(celRate) ? Qv::getTicksPerSecond(celRate) : timebaseOf(fps);
     double start = 0;
     double duration = tidyFrames(shot->get_editLength() * ticks);
     double rangeFps = fps;

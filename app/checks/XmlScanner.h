@@ -1,6 +1,11 @@
 // The scan behind checkXml, as a template on what watches it, so that a
 // watcher of a known type (the QVXML audit) is called without an indirect
 // call per element. Only app/checks/WellFormed.cpp and app/checks/NativeAudit.cpp use it.
+//
+// Longer than the command's other files: the scan is one pass over the
+// bytes, and each kind of markup (tags, attributes, references, comments,
+// processing instructions, CDATA, the declaration) is read where the pass
+// meets it, with the limits checked on the way.
 #pragma once
 
 #include <algorithm>

@@ -16,20 +16,16 @@ namespace qvapp {
 namespace {
 
 // KEY=VALUE: preferences take true or false, configuration keys numbers.
-bool applySetting(const std::string& setting, std::string& error) {
+Outcome applySetting(const std::string& setting) {
     size_t eq = setting.find('=');
-    if (eq == std::string::npos || eq == 0) {
-        error = "--set wants KEY=VALUE, not \"" + setting + "\"";
-        return false;
-    }
+    if (eq == std::string::npos || eq == 0)
+        return Outcome(kExitUsage, "--set wants KEY=VALUE, not \"" + setting + "\"");
     std::string key = setting.substr(0, eq), value = setting.substr(eq + 1);
     if (key == "Import : Suppress relink existing material") {
-        if (value != "true" && value != "false" && value != "1" && value != "0") {
-            error = "\"" + key + "\" is true or false";
-            return false;
-        }
+        if (value != "true" && value != "false" && value != "1" && value != "0")
+            return Outcome(kExitUsage, "\"" + key + "\" is true or false");
         prefs().setPreference(key.c_str(), value == "true" || value == "1");
-        return true;
+        return {};
     }
     static const char* const known[] = {"enableXml", "suppress_FCP7XML_multiclip_group",
                                         "xml_export_limit_to_6dB", "media_scanning_behaviour",
@@ -37,22 +33,17 @@ bool applySetting(const std::string& setting, std::string& error) {
     bool isKnown = false;
     for (const char* k : known)
         isKnown |= key == k;
-    if (!isKnown) {
-        error = "\"" + key + "\" is no configuration key qvxml knows";
-        return false;
-    }
+    if (!isKnown) return Outcome(kExitUsage, "\"" + key + "\" is no configuration key qvxml knows");
     char* end = nullptr;
     long v = std::strtol(value.c_str(), &end, 10);
-    if (value.empty() || *end != '\0' || v < INT32_MIN || v > INT32_MAX) {
-        error = "\"" + key + "\" takes a whole number, not \"" + value + "\"";
-        return false;
-    }
+    if (value.empty() || *end != '\0' || v < INT32_MIN || v > INT32_MAX)
+        return Outcome(kExitUsage, "\"" + key + "\" takes a whole number, not \"" + value + "\"");
     set_config_int(key.c_str(), static_cast<int>(v));
-    return true;
+    return {};
 }
 
 // FROM=TO, with a destination that is a relative path taken from here.
-bool addPathRule(const std::string& text, PathMap& map, std::string& error) {
+Outcome addPathRule(const std::string& text, PathMap& map) {
     PathRule rule;
     std::string given = text;
     size_t eq = given.find('=');
@@ -64,19 +55,20 @@ bool addPathRule(const std::string& text, PathMap& map, std::string& error) {
             if (::getcwd(here, sizeof here)) given = given.substr(0, eq + 1) + here + "/" + to;
         }
     }
-    if (!PathMap::parseRule(given, rule, error)) return false;
+    if (std::string error; !PathMap::parseRule(given, rule, error))
+        return Outcome(kExitUsage, error);
     map.add(rule);
-    return true;
+    return {};
 }
 
 }  // namespace
 
-int usageError(const std::string& sentence) {
+Outcome usageError(const std::string& sentence) {
     std::fprintf(stderr, "qvxml: %s\nRun 'qvxml --help' for usage.\n", shown(sentence).c_str());
-    return kExitUsage;
+    return Outcome::told(kExitUsage);
 }
 
-std::optional<int> parseArguments(const std::vector<std::string>& args, Arguments& parsed) {
+std::optional<Outcome> parseArguments(const std::vector<std::string>& args, Arguments& parsed) {
     parsed.command = args[0];
     const std::string& command = parsed.command;
     const char* help = helpFor(command);
@@ -95,10 +87,10 @@ std::optional<int> parseArguments(const std::vector<std::string>& args, Argument
             into = args[++i];
             return true;
         };
-        std::string setting, error;
+        std::string setting;
         if (a == "--help" || a == "-h") {
             std::printf("%s\noptions of every command:\n%s", help, kCommonOptions);
-            return kExitOK;
+            return Outcome();
         } else if (a == "--to") {
             if (!value(o.to))
                 return usageError("--to wants a format: native, xmeml, fcpxml, otio or edl");
@@ -122,7 +114,8 @@ std::optional<int> parseArguments(const std::vector<std::string>& args, Argument
         } else if (a == "--map-path" && command != "rate") {
             std::string rule;
             if (!value(rule)) return usageError("--map-path wants FROM=TO");
-            if (!addPathRule(rule, paths, error)) return usageError(error);
+            if (Outcome added = addPathRule(rule, paths); !added.ok())
+                return usageError(added.sentence());
         } else if (a == "--search" && command == "relink") {
             std::string dir;
             if (!value(dir)) return usageError("--search wants a folder");
@@ -175,9 +168,10 @@ std::optional<int> parseArguments(const std::vector<std::string>& args, Argument
             o.verbosity = Verbosity::Verbose;
         } else if (a == "--set") {
             if (!value(setting)) return usageError("--set wants KEY=VALUE");
-            if (!applySetting(setting, error)) return usageError(error);
+            if (Outcome set = applySetting(setting); !set.ok()) return usageError(set.sentence());
         } else if (a.rfind("--set=", 0) == 0) {
-            if (!applySetting(a.substr(6), error)) return usageError(error);
+            if (Outcome set = applySetting(a.substr(6)); !set.ok())
+                return usageError(set.sentence());
         } else if (a.size() > 1 && a[0] == '-') {
             return usageError("\"" + a + "\" is no option of " + command);
         } else {

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "app/Status.h"
 #include "app/cli/Options.h"
 #include "host/FrameRate.h"
 #include "host/PathMap.h"
@@ -19,12 +20,12 @@ struct Arguments {
 };
 
 // Reads a command's arguments, `args[0]` being the command. --set is applied
-// as it is read. Gives an exit status when the run ends here (a command's
+// as it is read. Gives what the run ends with when it ends here (a command's
 // help was printed, or the command line is wrong and was told), nothing when
 // the command is to run.
-std::optional<int> parseArguments(const std::vector<std::string>& args, Arguments& parsed);
+std::optional<Outcome> parseArguments(const std::vector<std::string>& args, Arguments& parsed);
 
-// Tells a wrong command line on standard error.
-int usageError(const std::string& sentence);
+// Tells a wrong command line on standard error, with where to find the usage.
+Outcome usageError(const std::string& sentence);
 
 }  // namespace qvapp

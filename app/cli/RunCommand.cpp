@@ -53,7 +53,7 @@ int runGuarded(int argc, char** argv) {
         return kExitOK;
     }
     Arguments parsed;
-    if (std::optional<int> ended = parseArguments(args, parsed)) return *ended;
+    if (std::optional<Outcome> ended = parseArguments(args, parsed)) return ended->status();
     const Options& o = parsed.options;
     const std::string& command = parsed.command;
 
@@ -64,9 +64,9 @@ int runGuarded(int argc, char** argv) {
         setApplicationLog(Qv::Ptr<iLogSink>(new ApplicationLog(console)));
 
     PluginLoader plugin;
-    if (!plugin.load(PluginLoader::defaultPath())) {
-        std::fprintf(stderr, "qvxml: %s\n", shown(plugin.error()).c_str());
-        return kExitPlugin;
+    if (Outcome loaded = plugin.load(PluginLoader::defaultPath()); !loaded.ok()) {
+        std::fprintf(stderr, "qvxml: %s\n", shown(loaded.sentence()).c_str());
+        return loaded.status();
     }
     Commands commands(plugin, console);
     commands.setListRate(parsed.listRate);
@@ -74,14 +74,15 @@ int runGuarded(int argc, char** argv) {
     // those documents, in one sentence (convert and info guard each document
     // of a batch on its own, and go on past it).
     int code = guardedJob(o.inputs.empty() ? command : o.inputs.front(), stderr, [&] {
-        if (command == "convert") return commands.convert(o);
-        if (command == "import") return commands.import(o);
-        if (command == "export") return commands.exportSnapshot(o);
-        if (command == "info") return commands.info(o);
-        if (command == "draw") return commands.draw(o);
-        if (command == "relink") return commands.relink(o);
-        return commands.rate(o);
-    });
+                   Outcome done = command == "convert"  ? commands.convert(o)
+                                  : command == "import" ? commands.import(o)
+                                  : command == "export" ? commands.exportSnapshot(o)
+                                  : command == "info"   ? commands.info(o)
+                                  : command == "draw"   ? commands.draw(o)
+                                  : command == "relink" ? commands.relink(o)
+                                                        : commands.rate(o);
+                   return commands.tell(done);
+               }).status();
     setApplicationLog(nullptr);
     // What went to standard output is written, or the run says it was not
     // (a full disk, a file size limit).

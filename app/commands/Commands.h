@@ -37,13 +37,17 @@ class Commands {
     ~Commands();
     Commands(Commands&&) noexcept;
 
-    int convert(const Options& o);
-    int import(const Options& o);
-    int exportSnapshot(const Options& o);
-    int rate(const Options& o);
-    int info(const Options& o);    // commands/Info.cpp
-    int relink(const Options& o);  // commands/Relink.cpp
-    int draw(const Options& o);    // commands/Draw.cpp
+    Outcome convert(const Options& o);
+    Outcome import(const Options& o);
+    Outcome exportSnapshot(const Options& o);
+    Outcome rate(const Options& o);
+    Outcome info(const Options& o);    // commands/Info.cpp
+    Outcome relink(const Options& o);  // commands/Relink.cpp
+    Outcome draw(const Options& o);    // commands/Draw.cpp
+
+    // Tells a failure's sentence on the command's standard error, if it was
+    // not told yet, and gives the failure back told.
+    Outcome tell(const Outcome& outcome);
 
     // The rate edit decision lists are read at (--rate); none to tell it
     // from each list.
@@ -62,26 +66,27 @@ class Commands {
         bool otio = false;  // OpenTimelineIO: written by the command, not the plug-in
         bool edl = false;   // edit decision lists: written by the command too
     };
-    // A --to value as a flavour, or a failure already reported.
-    bool flavourOf(const std::string& to, Flavour& out, int& exitCode);
+    // A --to value as a flavour.
+    Outcome flavourOf(const std::string& to, Flavour& out);
     // Imports documents into the current project. The sequences made are
     // appended to `made`. A document whose result cannot be trusted is
     // imported all the same, and added to `untrusted_`. What reading each
     // document lost is appended to `read_`, once the import is checked for
     // clip items that play nothing and that no loss names.
-    int importDocuments(const std::vector<std::string>& inputs, std::vector<Qv::Ptr<Edit>>& made,
-                        bool lenient);
+    Outcome importDocuments(const std::vector<std::string>& inputs,
+                            std::vector<Qv::Ptr<Edit>>& made, bool lenient);
     // Refuses a document that is not well formed (unless `lenient`) or that
     // nests past the limits, and tells what its readers will pass over.
     // `observer`, if any, sees the document's elements in the same scan.
-    int checkDocument(const std::string& input, std::string_view bytes, const DocumentHead& head,
-                      bool lenient, bool& untrusted, XmlObserver* observer = nullptr);
+    Outcome checkDocument(const std::string& input, std::string_view bytes,
+                          const DocumentHead& head, bool lenient, bool& untrusted,
+                          XmlObserver* observer = nullptr);
     // Reads a document's bytes and checks them (checkDocument). A document
     // declared in ISO-8859-1 or Windows-1252 is checked as UTF-8: its
     // converted text is left in `converted` (empty otherwise), to be handed
     // to the plug-in (MendedVersion), and `head` is read again from it.
-    int readAndCheck(const std::string& input, DocumentHead& head, bool lenient, bool& untrusted,
-                     XmlObserver* observer, std::string& converted);
+    Outcome readAndCheck(const std::string& input, DocumentHead& head, bool lenient,
+                         bool& untrusted, XmlObserver* observer, std::string& converted);
     // The losses of reading a document: what the reader recorded, and the
     // clip items of `clips` that the check cannot account for, which it
     // also tells in warnings.
@@ -95,47 +100,47 @@ class Commands {
     // Says that an older file was replaced.
     void replaced(const std::string& path, const Options& o);
     // Writes a whole file through the run's safe output (reports, pictures,
-    // snapshots): reports a failure and returns its exit status.
-    int writeFile(const std::string& path, std::string_view bytes, const Options& o);
-    // Moves a finished export out of its staging folder into place.
-    WriteResult commitFile(const std::string& finished, const std::string& path);
+    // snapshots).
+    Outcome writeFile(const std::string& path, std::string_view bytes, const Options& o);
+    // Moves a finished export out of its staging folder into place, and
+    // says so if it replaced an older file.
+    Outcome commitFile(const std::string& finished, const std::string& path, const Options& o);
     // Exports one edit; prints the path of each file written.
-    int exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
-                   const std::string& fileName);
+    Outcome exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
+                       const std::string& fileName);
     // A name for a file from `stem` that no earlier export of this run used,
     // shortened to what the file system takes with its extension.
     std::string uniqueStem(const LightweightString<wchar_t>& stem, const std::string& extension);
     // Writes an edit as an OpenTimelineIO file.
-    int exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName);
+    Outcome exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName);
     std::string extensionOf(const Flavour& flavour);
     // Edit decision lists (commands/Edl.cpp): a list read into the current
     // project, an edit written as lists, a list's rate, and the names of the
     // lists the last export wrote.
-    int importList(const std::string& input, std::vector<Qv::Ptr<Edit>>& made);
-    int exportEdl(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName);
-    int rateOfList(const std::string& input);
+    Outcome importList(const std::string& input, std::vector<Qv::Ptr<Edit>>& made);
+    Outcome exportEdl(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName);
+    Outcome rateOfList(const std::string& input);
     std::vector<std::string> takeListNames();
-    int fail(int code, const std::string& sentence);
     // A job of a batch: its own console and streams, this run's files.
     Commands jobOf(const Options& o, std::FILE* out, std::FILE* err);
     // Converts the documents, side by side with -j, each with its loss
     // report (commands/Convert.cpp).
-    int convertAll(const Options& o, const Flavour& flavour, const std::string& extension);
-    int convertDocument(std::size_t job, const std::string& input, const Options& o,
-                        const Flavour& flavour, const std::string& extension, class Turns* turns,
-                        DocumentLosses& losses);
+    Outcome convertAll(const Options& o, const Flavour& flavour, const std::string& extension);
+    Outcome convertDocument(std::size_t job, const std::string& input, const Options& o,
+                            const Flavour& flavour, const std::string& extension,
+                            class Turns* turns, DocumentLosses& losses);
     // Exports an edit of a snapshot and reports what did not cross.
-    int exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
-                         const std::string& fileName, const std::string& input);
+    Outcome exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
+                             const std::string& fileName, const std::string& input);
     // Reads a document or snapshot into a project of its own and describes
     // it (commands/Info.cpp).
-    int lookAt(const std::string& input, bool lenient, DocumentInfo& d);
+    Outcome lookAt(const std::string& input, bool lenient, DocumentInfo& d);
     // Describes one document for `info` (commands/Info.cpp).
-    int infoDocument(const std::string& input, const Options& o, std::string& json);
+    Outcome infoDocument(const std::string& input, const Options& o, std::string& json);
     // Reads a document or snapshot into the current store: the sequences it
     // made, what the store held before, and its format.
-    int readForLooking(const std::string& input, std::vector<Qv::Ptr<Edit>>& sequences,
-                       std::string& format, bool lenient);
+    Outcome readForLooking(const std::string& input, std::vector<Qv::Ptr<Edit>>& sequences,
+                           std::string& format, bool lenient);
     LoggerHandle log() const { return LoggerHandle(Qv::Ptr<iLogSink>(console_)); }
 
     PluginLoader& plugin_;

@@ -52,18 +52,16 @@ class ThreadAppLog {
 
 }  // namespace
 
-int Commands::convert(const Options& o) {
+Outcome Commands::convert(const Options& o) {
     Flavour flavour;
-    int code = kExitOK;
-    if (!flavourOf(o.to, flavour, code)) return code;
-    if (o.inputs.empty()) return fail(kExitUsage, "say which documents to convert");
-    if (WriteResult w = checkFolder(o.outputDir, "the output folder"); !w)
-        return fail(w.code, w.sentence);
+    if (Outcome r = flavourOf(o.to, flavour); !r.ok()) return r;
+    if (o.inputs.empty()) return Outcome(kExitUsage, "say which documents to convert");
+    if (Outcome w = checkFolder(o.outputDir, "the output folder"); !w.ok()) return w;
     usedDir_ = absolute(o.outputDir);
     std::string extension = extensionOf(flavour);
     startRun(o.inputs, o.overwrite);
     if (!o.report.empty())
-        if (WriteResult w = run_->output->check(o.report); !w) return fail(w.code, w.sentence);
+        if (Outcome w = run_->output->check(o.report); !w.ok()) return w;
     // A file written never takes the place of a document read: its name goes
     // to the next number.
     for (const std::string& input : o.inputs)
@@ -71,9 +69,9 @@ int Commands::convert(const Options& o) {
     return convertAll(o, flavour, extension);
 }
 
-int Commands::convertDocument(std::size_t job, const std::string& input, const Options& o,
-                              const Flavour& flavour, const std::string& extension, Turns* turns,
-                              DocumentLosses& losses) {
+Outcome Commands::convertDocument(std::size_t job, const std::string& input, const Options& o,
+                                  const Flavour& flavour, const std::string& extension,
+                                  Turns* turns, DocumentLosses& losses) {
     // Each document goes into a fresh project of its own.
     EditStore project;
     ScopedCurrentStore scope(project);
@@ -84,14 +82,13 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
     losses.target = flavour.name;
 
     std::vector<Qv::Ptr<Edit>> made;
-    int imported = importDocuments({input}, made, o.lenient);
-    if (imported != kExitOK) return imported;
+    if (Outcome r = importDocuments({input}, made, o.lenient); !r.ok()) return r;
     const bool untrusted = !untrusted_.empty();
     if (untrusted && !o.lenient)
-        return fail(kExitUntrusted, inQuotes(input) +
-                                        " cannot be trusted: its times are wrong or lost (see "
-                                        "the warnings above), so nothing is written for it "
-                                        "(--lenient writes it)");
+        return Outcome(kExitUntrusted, inQuotes(input) +
+                                           " cannot be trusted: its times are wrong or lost (see "
+                                           "the warnings above), so nothing is written for it "
+                                           "(--lenient writes it)");
     mapImportedLocators({});
     losses.read = true;
     std::string format = documentFormat(input);
@@ -105,7 +102,7 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
     if (toWrite.empty()) {
         std::fprintf(err_, "qvxml: %s holds no sequences and no shots; nothing to write\n",
                      shown(inQuotes(input)).c_str());
-        return kExitOK;
+        return {};
     }
     // Names are chosen in the order of the inputs, so that a run names its
     // files the same way whatever the number of jobs.
@@ -116,7 +113,8 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
                                                                : uniqueStem(e->name, extension));
     turn.pass();
 
-    int result = kExitOK;
+    // A failed export is told as it happens, and the next edit written.
+    Outcome result;
     for (std::size_t i = 0; i < toWrite.size(); ++i) {
         const Qv::Ptr<Edit>& e = toWrite[i];
         // A sequence without tracks (in xmeml, a use of a nested sequence
@@ -129,10 +127,11 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
             continue;
         }
         console_->takeLosses();
-        int exported = exportEdit(e, flavour, o, stems[i] + extension);
+        Outcome exported = exportEdit(e, flavour, o, stems[i] + extension);
         std::vector<LossRecord> records = console_->takeLosses();
-        if (exported != kExitOK) {
-            if (result == kExitOK) result = exported;
+        if (!exported.ok()) {
+            Outcome told = tell(exported);
+            if (result.ok()) result = told;
             continue;
         }
         if (flavour.edl)
@@ -151,13 +150,14 @@ int Commands::convertDocument(std::size_t job, const std::string& input, const O
     }
     losses.warnings = console_->warnings();
     // The summary speaks for files written; a failure has said its own.
-    if (o.verbosity != Verbosity::Quiet && result == kExitOK)
+    if (o.verbosity != Verbosity::Quiet && result.ok())
         std::fprintf(err_, "qvxml: %s\n", shown(lossSummary(losses)).c_str());
     if (untrusted) {
-        int code = fail(kExitUntrusted, inQuotes(input) +
-                                            " was written as --lenient asks, but its times cannot "
-                                            "be trusted (see the warnings above)");
-        if (result == kExitOK) result = code;
+        Outcome told =
+            tell(Outcome(kExitUntrusted, inQuotes(input) +
+                                             " was written as --lenient asks, but its times cannot "
+                                             "be trusted (see the warnings above)"));
+        if (result.ok()) result = told;
     }
     return result;
 }
@@ -171,12 +171,15 @@ Commands Commands::jobOf(const Options& o, std::FILE* out, std::FILE* err) {
     return job;
 }
 
-int Commands::convertAll(const Options& o, const Flavour& flavour, const std::string& extension) {
+Outcome Commands::convertAll(const Options& o, const Flavour& flavour,
+                             const std::string& extension) {
     std::vector<DocumentLosses> losses(o.inputs.size());
-    int result = kExitOK;
+    // Each document's failure is told as its job ends; the run ends with the
+    // status of the first.
+    Outcome result;
     if (o.inputs.size() == 1) {
         result = guardedJob(o.inputs[0], err_, [&] {
-            return convertDocument(0, o.inputs[0], o, flavour, extension, nullptr, losses[0]);
+            return tell(convertDocument(0, o.inputs[0], o, flavour, extension, nullptr, losses[0]));
         });
     } else {
         Turns turns;
@@ -186,15 +189,15 @@ int Commands::convertAll(const Options& o, const Flavour& flavour, const std::st
             o.inputs,
             [&](std::size_t i, std::FILE* out, std::FILE* err) {
                 Commands job = jobOf(o, out, err);
-                return job.convertDocument(i, o.inputs[i], o, flavour, extension, &turns,
-                                           losses[i]);
+                return job.tell(
+                    job.convertDocument(i, o.inputs[i], o, flavour, extension, &turns, losses[i]));
             },
             true);
         std::vector<std::string> failed;
         for (std::size_t i = 0; i < results.size(); ++i)
             if (results[i].status != kExitOK) {
                 failed.push_back(o.inputs[i]);
-                if (result == kExitOK) result = results[i].status;
+                if (result.ok()) result = Outcome::told(results[i].status);
             }
         if (o.verbosity != Verbosity::Quiet || !failed.empty()) {
             std::string summary = "converted " + std::to_string(o.inputs.size() - failed.size()) +
@@ -208,19 +211,21 @@ int Commands::convertAll(const Options& o, const Flavour& flavour, const std::st
         }
     }
     if (!o.report.empty())
-        if (int failed = writeFile(o.report, lossReportText(losses, "convert"), o);
-            failed && result == kExitOK)
-            result = failed;
+        if (Outcome written = writeFile(o.report, lossReportText(losses, "convert"), o);
+            !written.ok()) {
+            Outcome told = tell(written);
+            if (result.ok()) result = told;
+        }
     return result;
 }
 
-int Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
-                               const std::string& fileName, const std::string& input) {
+Outcome Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour,
+                                   const Options& o, const std::string& fileName,
+                                   const std::string& input) {
     Qv::Ptr<ApplicationLog> appLog(new ApplicationLog(console_, o.verbosity == Verbosity::Verbose));
     ThreadAppLog appScope(appLog);
     console_->takeLosses();
-    int code = exportEdit(edit, flavour, o, fileName);
-    if (code != kExitOK) return code;
+    if (Outcome r = exportEdit(edit, flavour, o, fileName); !r.ok()) return r;
     DocumentLosses losses;
     losses.read = true;
     losses.input = input;
@@ -243,7 +248,7 @@ int Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour
     if (o.verbosity != Verbosity::Quiet)
         std::fprintf(err_, "qvxml: %s\n", shown(lossSummary(losses)).c_str());
     if (!o.report.empty()) return writeFile(o.report, lossReportText({losses}, "export"), o);
-    return kExitOK;
+    return {};
 }
 
 }  // namespace qvapp

@@ -111,7 +111,7 @@ std::string sequenceSvg(const DocumentInfo& d, const SequenceInfo& s) {
     if (seconds / step > 12) step = std::ceil(seconds / 12 / 3600) * 3600;
     svg += "<g class=\"ruler\">\n";
     for (double t = 0; s.ticks > 0 && t <= seconds + 1e-9; t += step) {
-        std::int64_t f = truncateToInt64(t * s.ticks + 0.5);
+        std::int64_t f = frameAsWritten(t * s.ticks);
         svg += "<line class=\"tick\" x1=\"" + num(x(f)) + "\" y1=\"" + num(kRuler - 8) +
                "\" x2=\"" + num(x(f)) + "\" y2=\"" + num(kRuler) + "\"/>";
         // A label that would run off the right edge is left out.
@@ -269,23 +269,23 @@ std::string page(const DocumentInfo& d, const std::vector<Loss>& losses) {
 
 }  // namespace
 
-int Commands::draw(const Options& o) {
-    if (o.inputs.size() != 1) return fail(kExitUsage, "say which one document to draw");
+Outcome Commands::draw(const Options& o) {
+    if (o.inputs.size() != 1) return Outcome(kExitUsage, "say which one document to draw");
     if (!o.outputGiven)
-        return fail(kExitUsage, "say where the picture goes with -o FILE.svg or -o FILE.html");
+        return Outcome(kExitUsage, "say where the picture goes with -o FILE.svg or -o FILE.html");
     const std::string& output = o.outputDir;
     bool html = output.size() > 5 && (output.ends_with(".html") || output.ends_with(".htm"));
     if (!html && !output.ends_with(".svg"))
-        return fail(kExitUsage, "-o names an .svg or an .html file, not " + inQuotes(output));
+        return Outcome(kExitUsage, "-o names an .svg or an .html file, not " + inQuotes(output));
     const std::string& input = o.inputs[0];
     // Where the picture goes is settled before any work is done.
     startRun({input}, o.overwrite);
-    if (WriteResult w = run_->output->check(output); !w) return fail(w.code, w.sentence);
+    if (Outcome w = run_->output->check(output); !w.ok()) return w;
 
     DocumentInfo d;
-    if (int code = lookAt(input, o.lenient, d)) return code;
+    if (Outcome r = lookAt(input, o.lenient, d); !r.ok()) return r;
     if (d.sequences.empty())
-        return fail(kExitFailed, inQuotes(input) + " holds no sequence to draw");
+        return Outcome(kExitFailed, inQuotes(input) + " holds no sequence to draw");
 
     std::string content;
     if (html) {
@@ -310,9 +310,9 @@ int Commands::draw(const Options& o) {
             num(kWidth) + "\" height=\"" + num(y) + "\" viewBox=\"0 0 " + num(kWidth) + " " +
             num(y) + "\">\n" + body + "</svg>\n";
     }
-    if (int failed = writeFile(output, content, o)) return failed;
+    if (Outcome r = writeFile(output, content, o); !r.ok()) return r;
     std::fprintf(out_, "%s\n", shown(absolute(output)).c_str());
-    return kExitOK;
+    return {};
 }
 
 }  // namespace qvapp

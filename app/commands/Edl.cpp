@@ -36,7 +36,7 @@ bool isListInput(const std::string& input) {
     return QvEdl::isEdlDocument(pathFromBytes(absolute(input)));
 }
 
-int Commands::importList(const std::string& input, std::vector<Qv::Ptr<Edit>>& made) {
+Outcome Commands::importList(const std::string& input, std::vector<Qv::Ptr<Edit>>& made) {
     EditStore& project = EditStore::current();
     std::set<const Edit*> before;
     for (const Qv::Ptr<Edit>& e : project.edits())
@@ -54,36 +54,37 @@ int Commands::importList(const std::string& input, std::vector<Qv::Ptr<Edit>>& m
         for (const Qv::Ptr<Edit>& e : project.edits())
             if (!before.count(e.get())) fresh.push_back(e);
         if (warnUnusable(fresh)) untrusted_.push_back(input);
-        return kExitOK;
+        return {};
     }
     if (r.status == XML::kStatusUnreadable)
-        return fail(kExitUnreadable, "cannot read " + inQuotes(input));
-    return fail(kExitUnknownDocument,
-                inQuotes(input) + " cannot be read as an edit decision list: " + why);
+        return Outcome(kExitUnreadable, "cannot read " + inQuotes(input));
+    return Outcome(kExitUnknownDocument,
+                   inQuotes(input) + " cannot be read as an edit decision list: " + why);
 }
 
-int Commands::rateOfList(const std::string& input) {
+Outcome Commands::rateOfList(const std::string& input) {
     QvEdl::ReadOptions options;
     options.rate = listRate_;
     std::string how;
     Qv::FrameRate rate = QvEdl::edlFrameRate(pathFromBytes(absolute(input)), options, how);
     if (rate == Qv::eFrameRateNone)
-        return fail(kExitUnknownDocument,
-                    "the frame rate of " + inQuotes(input) +
-                        " cannot be told: it holds no event that can be read");
+        return Outcome(kExitUnknownDocument,
+                       "the frame rate of " + inQuotes(input) +
+                           " cannot be told: it holds no event that can be read");
     std::fprintf(out_, "%s\n", narrow(Qv::getPlainString(rate)).c_str());
     std::fflush(out_);
     if (!Qv::isKnownFrameRate(listRate_))
         log().WarningOut("%s does not say its rate: %s; --rate gives another", input.c_str(),
                          how.c_str());
-    return kExitOK;
+    return {};
 }
 
 std::vector<std::string> Commands::takeListNames() {
     return std::move(listNames_);
 }
 
-int Commands::exportEdl(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName) {
+Outcome Commands::exportEdl(const Qv::Ptr<Edit>& edit, const Options& o,
+                            const std::string& fileName) {
     listNames_.clear();
     std::string label =
         edit->name.empty() ? std::string("the nameless edit") : inQuotes(narrow(edit->name));
@@ -95,19 +96,20 @@ int Commands::exportEdl(const Qv::Ptr<Edit>& edit, const Options& o, const std::
     std::string why;
     int status = QvEdl::writeEdl(edit->cookie, options, log(), lists, why);
     if (status == 4)
-        return fail(kExitUsage, "--edl-track " + o.edlTrack + ": " + label + " " + why);
+        return Outcome(kExitUsage, "--edl-track " + o.edlTrack + ": " + label + " " + why);
     if (status == 0 || (status == XML::kStatusOK && lists.empty())) {
         std::fprintf(out_, "%s: nothing to write\n", shown(label).c_str());
         std::fflush(out_);
-        return kExitOK;
+        return {};
     }
     if (status != XML::kStatusOK)
-        return fail(kExitFailed, label + " could not be exported as edl (see the messages above)");
+        return Outcome(kExitFailed,
+                       label + " could not be exported as edl (see the messages above)");
 
     // Each list is written in a staging folder and moved into place, as the
     // plug-in's exports are: "NAME V1.edl", "NAME V2.edl".
     StagingFolder staging(usedDir_);
-    if (staging.path().empty()) return fail(staging.error().code, staging.error().sentence);
+    if (staging.path().empty()) return staging.made();
     std::string stem = pathBytes(stripExtension(pathFromBytes(fileName)));
     for (const QvEdl::WrittenList& list : lists) {
         std::string name =
@@ -125,19 +127,17 @@ int Commands::exportEdl(const Qv::Ptr<Edit>& edit, const Options& o, const std::
                          list.text.size()) {
             file = nullptr;
             if (int failure = takeFileWriteFailure(path))
-                return fail(kExitNotWritable,
-                            "cannot write " + inQuotes(destination) + ": " + reasonOf(failure));
-            return fail(kExitNotWritable, "cannot write " + inQuotes(destination));
+                return Outcome(kExitNotWritable,
+                               "cannot write " + inQuotes(destination) + ": " + reasonOf(failure));
+            return Outcome(kExitNotWritable, "cannot write " + inQuotes(destination));
         }
         file = nullptr;
-        WriteResult w = commitFile(staged, destination);
-        if (!w) return fail(w.code, w.sentence);
-        if (w.replaced) replaced(destination, o);
+        if (Outcome w = commitFile(staged, destination, o); !w.ok()) return w;
         std::fprintf(out_, "%s\n", shown(destination).c_str());
         listNames_.push_back(name);
     }
     std::fflush(out_);
-    return kExitOK;
+    return {};
 }
 
 }  // namespace qvapp

@@ -12,8 +12,8 @@
 
 namespace qvapp {
 
-int Commands::import(const Options& o) {
-    if (o.inputs.empty()) return fail(kExitUsage, "say which documents to import");
+Outcome Commands::import(const Options& o) {
+    if (o.inputs.empty()) return Outcome(kExitUsage, "say which documents to import");
     EditStore& project = EditStore::current();
     IdentitySet before = identitiesOf(project);
 
@@ -21,11 +21,10 @@ int Commands::import(const Options& o) {
     startRun(o.inputs, o.overwrite);
     for (const std::string* out : {&o.snapshot, &o.report})
         if (!out->empty())
-            if (WriteResult w = run_->output->check(*out); !w) return fail(w.code, w.sentence);
+            if (Outcome w = run_->output->check(*out); !w.ok()) return w;
 
     std::vector<Qv::Ptr<Edit>> made;
-    int code = importDocuments(o.inputs, made, o.lenient);
-    if (code != kExitOK) return code;
+    if (Outcome r = importDocuments(o.inputs, made, o.lenient); !r.ok()) return r;
 
     int imported = 0, offline = 0, subclips = 0;
     for (const Qv::Ptr<Edit>& e : project.edits()) {
@@ -65,28 +64,28 @@ int Commands::import(const Options& o) {
                                                             d.input) == untrusted_.end()))
                 std::fprintf(err_, "qvxml: %s\n", shown(lossSummary(d)).c_str());
     if (!o.report.empty())
-        if (int failed = writeFile(o.report, lossReportText(read_, "import"), o)) return failed;
+        if (Outcome r = writeFile(o.report, lossReportText(read_, "import"), o); !r.ok()) return r;
 
     std::string untrusted;
     for (const std::string& input : untrusted_)
         untrusted += (untrusted.empty() ? "" : ", ") + inQuotes(input);
     if (!untrusted.empty() && !o.lenient)
-        return fail(kExitUntrusted, untrusted + " cannot be trusted: times are wrong or lost " +
-                                        "(see the warnings above)" +
-                                        (o.snapshot.empty() ? std::string()
-                                                            : ", so no snapshot is written "
-                                                              "(--lenient writes it)"));
+        return Outcome(kExitUntrusted, untrusted + " cannot be trusted: times are wrong or lost " +
+                                           "(see the warnings above)" +
+                                           (o.snapshot.empty() ? std::string()
+                                                               : ", so no snapshot is written "
+                                                                 "(--lenient writes it)"));
     if (!o.snapshot.empty()) {
-        if (int failed = writeFile(o.snapshot, Snapshot::dump(project), o)) return failed;
+        if (Outcome r = writeFile(o.snapshot, Snapshot::dump(project), o); !r.ok()) return r;
         if (!isStandardOutput(o.snapshot)) {
             std::printf("snapshot written to %s\n", shown(o.snapshot).c_str());
             std::fflush(stdout);
         }
     }
     if (!untrusted.empty())
-        return fail(kExitUntrusted, untrusted + " cannot be trusted: times are wrong or lost " +
-                                        "(see the warnings above)");
-    return kExitOK;
+        return Outcome(kExitUntrusted, untrusted + " cannot be trusted: times are wrong or lost " +
+                                           "(see the warnings above)");
+    return {};
 }
 
 }  // namespace qvapp

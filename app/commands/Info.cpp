@@ -219,60 +219,60 @@ std::string infoText(const DocumentInfo& d, bool clips, bool mediaList, bool mar
     return t;
 }
 
-int Commands::readForLooking(const std::string& input, std::vector<Qv::Ptr<Edit>>& sequences,
-                             std::string& format, bool lenient) {
+Outcome Commands::readForLooking(const std::string& input, std::vector<Qv::Ptr<Edit>>& sequences,
+                                 std::string& format, bool lenient) {
     struct stat st;
     if (::stat(input.c_str(), &st) != 0)
-        return fail(kExitUnreadable, "cannot read " + inQuotes(input) + ": there is no such file");
+        return Outcome(kExitUnreadable,
+                       "cannot read " + inQuotes(input) + ": there is no such file");
     if (isSnapshot(input)) {
         format = "snapshot";
         Snapshot::Result loaded = Snapshot::loadFile(EditStore::current(), input);
-        if (!loaded.ok) return fail(kExitUnknownDocument, inQuotes(input) + ": " + loaded.error);
+        if (!loaded.ok) return Outcome(kExitUnknownDocument, inQuotes(input) + ": " + loaded.error);
         mapSnapshotLocators();
         for (const Qv::Ptr<Edit>& e : EditStore::current().edits())
             if (e->logType == kLogTypeSequence) sequences.push_back(e);
-        return kExitOK;
+        return {};
     }
     // The shots keep the locators their document gave, so that what was
     // moved by --map-path can be told; only what is written is moved.
-    int code = importDocuments({input}, sequences, lenient);
-    if (code != kExitOK) return code;
+    if (Outcome r = importDocuments({input}, sequences, lenient); !r.ok()) return r;
     format = documentFormat(input);
-    return kExitOK;
+    return {};
 }
 
-int Commands::lookAt(const std::string& input, bool lenient, DocumentInfo& d) {
+Outcome Commands::lookAt(const std::string& input, bool lenient, DocumentInfo& d) {
     EditStore project;
     ScopedCurrentStore scope(project);
     std::vector<Qv::Ptr<Edit>> sequences;
     std::string format;
-    int code = readForLooking(input, sequences, format, lenient);
-    if (code != kExitOK) return code;
+    if (Outcome r = readForLooking(input, sequences, format, lenient); !r.ok()) return r;
     // Times that cannot be trusted are not described as if they could be.
     if (!untrusted_.empty() && !lenient)
-        return fail(kExitUntrusted, inQuotes(input) +
-                                        " cannot be trusted: times are wrong or lost (see the "
-                                        "warnings above; --lenient reads it all the same)");
+        return Outcome(kExitUntrusted, inQuotes(input) +
+                                           " cannot be trusted: times are wrong or lost (see the "
+                                           "warnings above; --lenient reads it all the same)");
     d = describe(sequences, {}, input, format, resolutionsFrom(console_->takeInfoLines()));
     if (format != "snapshot" && !read_.empty()) d.losses = read_.back().counts();
-    return kExitOK;
+    return {};
 }
 
-int Commands::infoDocument(const std::string& input, const Options& o, std::string& text) {
+Outcome Commands::infoDocument(const std::string& input, const Options& o, std::string& text) {
     DocumentInfo d;
-    if (int code = lookAt(input, o.lenient, d)) return code;
+    if (Outcome r = lookAt(input, o.lenient, d); !r.ok()) return r;
     text = o.json ? infoJson(d).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
                   : infoText(d, o.listClips, o.listMedia, o.listMarkers);
-    return kExitOK;
+    return {};
 }
 
-int Commands::info(const Options& o) {
-    if (o.inputs.empty()) return fail(kExitUsage, "say which documents to look at");
+Outcome Commands::info(const Options& o) {
+    if (o.inputs.empty()) return Outcome(kExitUsage, "say which documents to look at");
     std::vector<std::string> texts(o.inputs.size());
     std::vector<int> status(o.inputs.size(), kExitOK);
     if (o.inputs.size() == 1) {
-        status[0] =
-            guardedJob(o.inputs[0], err_, [&] { return infoDocument(o.inputs[0], o, texts[0]); });
+        status[0] = guardedJob(o.inputs[0], err_, [&] {
+                        return tell(infoDocument(o.inputs[0], o, texts[0]));
+                    }).status();
     } else {
         Batch batch(Batch::jobsFor(o.jobs, o.inputs.size()), "reading",
                     o.verbosity != Verbosity::Quiet);
@@ -280,11 +280,11 @@ int Commands::info(const Options& o) {
             o.inputs,
             [&](std::size_t i, std::FILE* out, std::FILE* err) {
                 Commands job = jobOf(o, out, err);
-                int code = job.infoDocument(o.inputs[i], o, texts[i]);
+                Outcome looked = job.tell(job.infoDocument(o.inputs[i], o, texts[i]));
                 // Text goes out in order as the jobs end; JSON as one
                 // document at the end.
-                if (code == kExitOK && !o.json) std::fputs(texts[i].c_str(), out);
-                return code;
+                if (looked.ok() && !o.json) std::fputs(texts[i].c_str(), out);
+                return looked;
             },
             !o.json);
         for (std::size_t i = 0; i < results.size(); ++i) {
@@ -316,7 +316,8 @@ int Commands::info(const Options& o) {
         std::fprintf(err_, "qvxml: read %zu of %s%s\n", o.inputs.size() - failed,
                      counted(static_cast<long>(o.inputs.size()), "document").c_str(),
                      failed ? ("; " + std::to_string(failed) + " failed").c_str() : "");
-    return result;
+    // Each document's failure was told as its job ended.
+    return Outcome::told(result);
 }
 
 }  // namespace qvapp

@@ -11,30 +11,31 @@
 
 namespace qvapp {
 
-int Commands::rate(const Options& o) {
-    if (o.inputs.size() != 1) return fail(kExitUsage, "say which one document to look at");
+Outcome Commands::rate(const Options& o) {
+    if (o.inputs.size() != 1) return Outcome(kExitUsage, "say which one document to look at");
     const std::string& input = o.inputs[0];
     struct stat st;
     if (::stat(input.c_str(), &st) != 0)
-        return fail(kExitUnreadable, "cannot read " + inQuotes(input) + ": there is no such file");
+        return Outcome(kExitUnreadable,
+                       "cannot read " + inQuotes(input) + ": there is no such file");
     iXMLResource* resource = plugin_.resource();
-    if (!resource) return fail(kExitPlugin, "the XML plug-in offers no XML resource");
+    if (!resource) return Outcome(kExitPlugin, "the XML plug-in offers no XML resource");
     const LightweightString<wchar_t> path = widePath(absolute(input));
     if (QvOtio::isOtioDocument(path)) {
         Qv::FrameRate rate = QvOtio::otioFrameRate(path);
         if (rate == Qv::eFrameRateNone)
-            return fail(kExitUnknownDocument, "the frame rate of " + inQuotes(input) +
-                                                  " cannot be told: it holds no OpenTimelineIO "
-                                                  "timeline qvxml can read");
+            return Outcome(kExitUnknownDocument, "the frame rate of " + inQuotes(input) +
+                                                     " cannot be told: it holds no OpenTimelineIO "
+                                                     "timeline qvxml can read");
         std::printf("%s\n", narrow(Qv::getPlainString(rate)).c_str());
-        return kExitOK;
+        return {};
     }
     if (isListInput(input)) return rateOfList(input);
     DocumentHead head = readDocumentHead(input);
     std::string converted;
     bool untrusted = false;
-    if (int refused = readAndCheck(input, head, o.lenient, untrusted, nullptr, converted))
-        return refused;
+    if (Outcome r = readAndCheck(input, head, o.lenient, untrusted, nullptr, converted); !r.ok())
+        return r;
     Qv::FrameRate r;
     {
         MendedVersion mended(input, head, path, log(), std::move(converted));
@@ -46,25 +47,26 @@ int Commands::rate(const Options& o) {
                       head.firstValue[0] <= '5') ||
                      (head.kind == DocumentHead::Kind::Native && head.firstAttribute == "Version" &&
                       (head.firstValue == "1.0" || head.firstValue == "2.0"));
-        if (!known) return fail(kExitUnknownDocument, whyUnreadable(input, head));
+        if (!known) return Outcome(kExitUnknownDocument, whyUnreadable(input, head));
         // A rate whose text is damaged is told as such, as import tells it:
         // the import says which element and line, and the answer is untrusted.
         if (!o.lenient) {
             EditStore project;
             ScopedCurrentStore scope(project);
             std::vector<Qv::Ptr<Edit>> sequences;
-            if (int code = importDocuments({input}, sequences, false)) return code;
+            if (Outcome read = importDocuments({input}, sequences, false); !read.ok()) return read;
             if (!untrusted_.empty())
-                return fail(kExitUntrusted, "the frame rate of " + inQuotes(input) +
-                                                " cannot be trusted: it is damaged (see the "
-                                                "warnings above)");
+                return Outcome(kExitUntrusted, "the frame rate of " + inQuotes(input) +
+                                                   " cannot be trusted: it is damaged (see the "
+                                                   "warnings above)");
         }
-        return fail(kExitUnknownDocument, "the frame rate of " + inQuotes(input) +
-                                              " cannot be told: its first sequence names no rate "
-                                              "qvxml knows");
+        return Outcome(kExitUnknownDocument,
+                       "the frame rate of " + inQuotes(input) +
+                           " cannot be told: its first sequence names no rate "
+                           "qvxml knows");
     }
     std::printf("%s\n", narrow(Qv::getPlainString(r)).c_str());
-    return kExitOK;
+    return {};
 }
 
 }  // namespace qvapp

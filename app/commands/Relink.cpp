@@ -172,17 +172,18 @@ void say(std::FILE* to, const std::string& line) {
 
 }  // namespace
 
-int Commands::relink(const Options& o) {
-    if (o.inputs.size() != 1) return fail(kExitUsage, "say which one snapshot to relink");
+Outcome Commands::relink(const Options& o) {
+    if (o.inputs.size() != 1) return Outcome(kExitUsage, "say which one snapshot to relink");
     if (o.searchDirs.empty())
-        return fail(kExitUsage, "say where to look for the media with --search DIR");
+        return Outcome(kExitUsage, "say where to look for the media with --search DIR");
     const std::string& input = o.inputs[0];
     struct stat st;
     if (::stat(input.c_str(), &st) != 0)
-        return fail(kExitUnreadable, "cannot read " + inQuotes(input) + ": there is no such file");
+        return Outcome(kExitUnreadable,
+                       "cannot read " + inQuotes(input) + ": there is no such file");
     for (const std::string& dir : o.searchDirs)
         if (!isDirectory(wide(dir)))
-            return fail(kExitNoFolder, "the folder " + inQuotes(dir) + " does not exist");
+            return Outcome(kExitNoFolder, "the folder " + inQuotes(dir) + " does not exist");
     // The snapshot read is never written over: the relinked one goes beside
     // it, as NAME.relinked.json, unless -o says where.
     std::string output = o.outputGiven ? o.outputDir : relinkedName(input);
@@ -191,12 +192,12 @@ int Commands::relink(const Options& o) {
     if (!o.dryRun && isStandardOutput(output)) out_ = err_;
     startRun({input}, o.overwrite);
     if (!o.dryRun)
-        if (WriteResult w = run_->output->check(output); !w) return fail(w.code, w.sentence);
+        if (Outcome w = run_->output->check(output); !w.ok()) return w;
 
     EditStore project;
     ScopedCurrentStore scope(project);
     Snapshot::Result loaded = Snapshot::loadFile(project, input);
-    if (!loaded.ok) return fail(kExitUnknownDocument, inQuotes(input) + ": " + loaded.error);
+    if (!loaded.ok) return Outcome(kExitUnknownDocument, inQuotes(input) + ": " + loaded.error);
     mapSnapshotLocators();
 
     FileIndex files(o.searchDirs);
@@ -275,10 +276,10 @@ int Commands::relink(const Options& o) {
     std::fprintf(out_, "%s: %d %s, %d still offline\n", counted(offline, "offline shot").c_str(),
                  linked, o.dryRun ? "would be linked" : "linked", offline - linked);
     std::fflush(out_);
-    if (o.dryRun) return kExitOK;
-    if (int failed = writeFile(output, Snapshot::dump(project), o)) return failed;
+    if (o.dryRun) return {};
+    if (Outcome r = writeFile(output, Snapshot::dump(project), o); !r.ok()) return r;
     if (!isStandardOutput(output)) say(out_, "snapshot written to " + output);
-    return kExitOK;
+    return {};
 }
 
 }  // namespace qvapp

@@ -42,7 +42,7 @@ std::string sourceTimecode(const Edit& shot, double celTime) {
     unsigned ticks = Qv::getTicksPerSecond(rate);
     if (ticks == 0) ticks = 25;
     std::int64_t start = label.is_valid() ? label.get_start() : 0;
-    std::int64_t frame = framesPlus(start, truncateToInt64(celTime * ticks + 0.5));
+    std::int64_t frame = framesPlus(start, frameAsWritten(celTime * ticks));
     return frameToTimecode(frame, ticks, label.is_valid() && label.isDropFrame()).str();
 }
 
@@ -78,7 +78,9 @@ class Describer {
         s.frameRate = e->getFrameRate();
         s.rate = narrow(Qv::getPlainString(s.frameRate));
         s.ticks = Qv::getTicksPerSecond(s.frameRate);
-        if (s.ticks == 0) s.ticks = e->rate > 0 ? static_cast<unsigned>(e->rate + 0.5) : 25;
+        if (s.ticks == 0)
+            s.ticks =
+                e->rate > 0 ? static_cast<unsigned>(truncateToInt32(timebaseOf(e->rate))) : 25;
         EditLabel label = e->getVideoTimecodeLabel();
         if (label.is_valid()) {
             s.startFrame = label.get_start();
@@ -297,7 +299,7 @@ class Describer {
 }  // namespace
 
 std::int64_t SequenceInfo::frameOf(double celTime) const {
-    return truncateToInt64(celTime * ticks + 0.5);
+    return frameAsWritten(celTime * ticks);
 }
 
 std::string SequenceInfo::timecode(std::int64_t frame) const {

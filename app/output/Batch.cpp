@@ -43,14 +43,17 @@ class MemoryStream {
 
 }  // namespace
 
-int guardedJob(const std::string& input, std::FILE* err, const std::function<int()>& job) {
+Outcome guardedJob(const std::string& input, std::FILE* err, const std::function<Outcome()>& job) {
     std::string why;
     try {
-        return job();
+        Outcome done = job();
+        if (done.sentence().empty()) return done;
+        std::fprintf(err, "qvxml: %s\n", shown(done.sentence()).c_str());
+        return Outcome::told(done.status());
     } catch (const std::bad_alloc&) {
         std::fprintf(err, "qvxml: there is not enough memory for %s\n",
                      shown(inQuotes(input)).c_str());
-        return kExitUnreadable;
+        return Outcome::told(kExitUnreadable);
     } catch (const std::exception& e) {
         why = e.what();
     } catch (...) {
@@ -59,7 +62,7 @@ int guardedJob(const std::string& input, std::FILE* err, const std::function<int
     std::fprintf(
         err, "qvxml: %s\n",
         shown(inQuotes(input) + " failed at a fault qvxml did not foresee: " + why).c_str());
-    return kExitFailed;
+    return Outcome::told(kExitFailed);
 }
 
 Batch::Batch(int jobs, std::string verb, bool showBar)
@@ -77,7 +80,7 @@ int Batch::jobsFor(int requested, std::size_t inputs) {
 
 std::vector<JobResult> Batch::run(
     const std::vector<std::string>& labels,
-    const std::function<int(std::size_t, std::FILE*, std::FILE*)>& work, bool stream) {
+    const std::function<Outcome(std::size_t, std::FILE*, std::FILE*)>& work, bool stream) {
     const std::size_t count = labels.size();
     std::vector<JobResult> results(count);
     std::vector<bool> finished(count, false);
@@ -136,8 +139,9 @@ std::vector<JobResult> Batch::run(
                 drawBar();
             }
             MemoryStream out, err;
-            int status =
-                guardedJob(labels[i], err.file(), [&] { return work(i, out.file(), err.file()); });
+            int status = guardedJob(labels[i], err.file(), [&] {
+                             return work(i, out.file(), err.file());
+                         }).status();
             std::lock_guard<std::mutex> lock(mutex);
             results[i].status = status;
             results[i].out = out.take();

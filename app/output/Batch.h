@@ -12,18 +12,21 @@
 #include <string>
 #include <vector>
 
+#include "app/Status.h"
+
 namespace qvapp {
 
 struct JobResult {
-    int status = 0;
+    int status = 0;        // the exit status of its outcome
     std::string out, err;  // what the job wrote
 };
 
 // Runs one document's job so that nothing it throws escapes it: a fault
 // becomes one sentence on `err` naming the document, and the status of an
 // import or export that failed on its way (of an unreadable document when
-// memory ran out). Every job of a batch runs so.
-int guardedJob(const std::string& input, std::FILE* err, const std::function<int()>& job);
+// memory ran out). A failure the job gives back untold is told on `err`.
+// What comes back is told. Every job of a batch runs so.
+Outcome guardedJob(const std::string& input, std::FILE* err, const std::function<Outcome()>& job);
 
 class Batch {
   public:
@@ -31,13 +34,13 @@ class Batch {
     // the bar; it is drawn only when standard error is a terminal.
     Batch(int jobs, std::string verb, bool showBar);
 
-    // Runs work(i, out, err) for each label; the status it returns is the
-    // job's. With `stream`, each job's output goes to standard output and
-    // standard error as soon as the jobs before it have shown theirs;
-    // without, it is kept in the results for the caller.
-    std::vector<JobResult> run(const std::vector<std::string>& labels,
-                               const std::function<int(std::size_t, std::FILE*, std::FILE*)>& work,
-                               bool stream);
+    // Runs work(i, out, err) for each label, guarded (guardedJob); the
+    // status of what it gives is the job's. With `stream`, each job's output goes to standard
+    // output and standard error as soon as the jobs before it have shown theirs; without, it is
+    // kept in the results for the caller.
+    std::vector<JobResult> run(
+        const std::vector<std::string>& labels,
+        const std::function<Outcome(std::size_t, std::FILE*, std::FILE*)>& work, bool stream);
 
     // The number of jobs to run side by side: the -j value, or the number of
     // processors when it is 0.

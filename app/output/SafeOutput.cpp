@@ -30,15 +30,8 @@ std::string folderOf(const std::string& path) {
     return path.substr(0, slash);
 }
 
-WriteResult failed(int code, std::string sentence) {
-    WriteResult r;
-    r.code = code;
-    r.sentence = std::move(sentence);
-    return r;
-}
-
-WriteResult cannotWrite(const std::string& path, int error) {
-    return failed(kExitNotWritable, "cannot write " + inQuotes(path) + ": " + reasonOf(error));
+Outcome cannotWrite(const std::string& path, int error) {
+    return Outcome(kExitNotWritable, "cannot write " + inQuotes(path) + ": " + reasonOf(error));
 }
 
 bool writeAll(int fd, std::string_view bytes, int& error) {
@@ -134,11 +127,11 @@ std::string reasonOf(int error) {
     return reason;
 }
 
-WriteResult checkFolder(const std::string& folder, const std::string& role) {
+Outcome checkFolder(const std::string& folder, const std::string& role) {
     struct stat st;
     if (::stat(folder.c_str(), &st) == 0) {
         if (S_ISDIR(st.st_mode)) return {};
-        return failed(kExitNoFolder, "a file is in the way of " + role + " " + inQuotes(folder));
+        return Outcome(kExitNoFolder, "a file is in the way of " + role + " " + inQuotes(folder));
     }
     int error = errno;
     if (error == ENOTDIR) {
@@ -147,14 +140,15 @@ WriteResult checkFolder(const std::string& folder, const std::string& role) {
              at = folder.find('/', at + 1)) {
             std::string prefix = folder.substr(0, at);
             if (::stat(prefix.c_str(), &st) == 0 && !S_ISDIR(st.st_mode))
-                return failed(kExitNoFolder, "a file, " + inQuotes(prefix) + ", is in the way of " +
-                                                 role + " " + inQuotes(folder));
+                return Outcome(kExitNoFolder, "a file, " + inQuotes(prefix) +
+                                                  ", is in the way of " + role + " " +
+                                                  inQuotes(folder));
         }
     }
     if (error == ENOENT || error == ENOTDIR)
-        return failed(kExitNoFolder, role + " " + inQuotes(folder) + " does not exist");
-    return failed(kExitNoFolder,
-                  role + " " + inQuotes(folder) + " cannot be used: " + reasonOf(error));
+        return Outcome(kExitNoFolder, role + " " + inQuotes(folder) + " does not exist");
+    return Outcome(kExitNoFolder,
+                   role + " " + inQuotes(folder) + " cannot be used: " + reasonOf(error));
 }
 
 SafeOutput::SafeOutput(const InputFiles& inputs, bool overwrite)
@@ -173,16 +167,16 @@ SafeOutput::~SafeOutput() {
     }
 }
 
-WriteResult SafeOutput::check(const std::string& path) const {
+Outcome SafeOutput::check(const std::string& path) const {
     struct stat st;
     if (isStandardOutput(path)) {
         if (::fstat(STDOUT_FILENO, &st) != 0)
-            return failed(kExitNotWritable,
-                          "cannot write " + inQuotes(path) + ": standard output is closed");
+            return Outcome(kExitNotWritable,
+                           "cannot write " + inQuotes(path) + ": standard output is closed");
         if (S_ISREG(st.st_mode) && inputs_.contains(st))
-            return failed(kExitNotWritable, "will not write " + inQuotes(path) +
-                                                ": standard output is an input of this run, and "
-                                                "qvxml never writes over its inputs");
+            return Outcome(kExitNotWritable, "will not write " + inQuotes(path) +
+                                                 ": standard output is an input of this run, and "
+                                                 "qvxml never writes over its inputs");
         return {};
     }
     // Anything but a regular file is refused before any work: a pipe would
@@ -190,39 +184,39 @@ WriteResult SafeOutput::check(const std::string& path) const {
     // keeps nothing, and a name of the process's own streams would be
     // replaced by a file.
     if (namesAStream(path))
-        return failed(kExitNotWritable, "will not write " + inQuotes(path) +
-                                            ": it is a stream of the process, not a regular file "
-                                            "(- names standard output)");
+        return Outcome(kExitNotWritable, "will not write " + inQuotes(path) +
+                                             ": it is a stream of the process, not a regular file "
+                                             "(- names standard output)");
     std::string folder = folderOf(path);
-    if (WriteResult r = checkFolder(folder, "the folder"); !r) return r;
+    if (Outcome r = checkFolder(folder, "the folder"); !r.ok()) return r;
     if (::stat(path.c_str(), &st) != 0) return {};
     if (S_ISDIR(st.st_mode))
-        return failed(kExitNotWritable,
-                      "cannot write " + inQuotes(path) + ": a folder of that name is in the way");
+        return Outcome(kExitNotWritable,
+                       "cannot write " + inQuotes(path) + ": a folder of that name is in the way");
     if (inputs_.contains(st))
-        return failed(kExitNotWritable, "will not write " + inQuotes(path) +
-                                            ": it is an input of this run, and qvxml never "
-                                            "writes over its inputs");
+        return Outcome(kExitNotWritable, "will not write " + inQuotes(path) +
+                                             ": it is an input of this run, and qvxml never "
+                                             "writes over its inputs");
     if (!S_ISREG(st.st_mode))
-        return failed(kExitNotWritable, "will not write " + inQuotes(path) + ": it is " +
-                                            kindOf(st.st_mode) + ", not a regular file");
+        return Outcome(kExitNotWritable, "will not write " + inQuotes(path) + ": it is " +
+                                             kindOf(st.st_mode) + ", not a regular file");
     if (!overwrite_)
-        return failed(kExitNotWritable,
-                      inQuotes(path) + " exists already and is kept (--overwrite replaces it)");
+        return Outcome(kExitNotWritable,
+                       inQuotes(path) + " exists already and is kept (--overwrite replaces it)");
     return {};
 }
 
-WriteResult SafeOutput::writeToStandardOutput(const std::string& path, std::string_view bytes) {
+Outcome SafeOutput::writeToStandardOutput(const std::string& path, std::string_view bytes) {
     // Standard output is written as it stands, wherever it goes: there is
     // nothing to rename. What the command printed before goes first.
     std::fflush(stdout);
     int error = 0;
     bool ok = writeAll(STDOUT_FILENO, bytes, error) && flush(STDOUT_FILENO, error);
-    return ok ? WriteResult{} : cannotWrite(path, error);
+    return ok ? Outcome() : cannotWrite(path, error);
 }
 
-WriteResult SafeOutput::write(const std::string& path, std::string_view bytes) {
-    if (WriteResult r = check(path); !r) return r;
+Outcome SafeOutput::write(const std::string& path, std::string_view bytes, bool* replaced) {
+    if (Outcome r = check(path); !r.ok()) return r;
     if (isStandardOutput(path)) return writeToStandardOutput(path, bytes);
     struct stat st;
     bool existed = ::stat(path.c_str(), &st) == 0;
@@ -231,8 +225,8 @@ WriteResult SafeOutput::write(const std::string& path, std::string_view bytes) {
     std::string temporary = folder + "/.qvxml-XXXXXX";
     int fd = ::mkstemp(temporary.data());
     if (fd < 0)
-        return failed(kExitNotWritable,
-                      "cannot write in the folder " + inQuotes(folder) + ": " + reasonOf(errno));
+        return Outcome(kExitNotWritable,
+                       "cannot write in the folder " + inQuotes(folder) + ": " + reasonOf(errno));
     ::fchmod(fd, existed ? (st.st_mode & 07777) : fileMode_);
     int error = 0;
     bool ok = writeAll(fd, bytes, error) && flush(fd, error);
@@ -250,11 +244,11 @@ WriteResult SafeOutput::write(const std::string& path, std::string_view bytes) {
         ::unlink(temporary.c_str());
         return cannotWrite(path, error);
     }
-    return publish(temporary, path, existed);
+    return publish(temporary, path, existed, replaced);
 }
 
-WriteResult SafeOutput::commit(const std::string& finished, const std::string& path) {
-    if (WriteResult r = check(path); !r) return r;
+Outcome SafeOutput::commit(const std::string& finished, const std::string& path, bool* replaced) {
+    if (Outcome r = check(path); !r.ok()) return r;
     // The plug-in does not look at what its write returned; the host
     // remembers a write that the system refused.
     if (int failure = takeFileWriteFailure(pathFromBytes(finished)))
@@ -276,11 +270,11 @@ WriteResult SafeOutput::commit(const std::string& finished, const std::string& p
     }
     struct stat existing;
     bool existed = ::stat(path.c_str(), &existing) == 0;
-    return publish(finished, path, existed);
+    return publish(finished, path, existed, replaced);
 }
 
-WriteResult SafeOutput::publish(const std::string& temporary, const std::string& path,
-                                bool existed) {
+Outcome SafeOutput::publish(const std::string& temporary, const std::string& path, bool existed,
+                            bool* replaced) {
     int error = 0;
     bool placed = false;
     if (overwrite_) {
@@ -303,14 +297,14 @@ WriteResult SafeOutput::publish(const std::string& temporary, const std::string&
     if (!placed) {
         ::unlink(temporary.c_str());
         if (error == EEXIST)
-            return failed(kExitNotWritable,
-                          inQuotes(path) + " exists already and is kept (--overwrite replaces it)");
+            return Outcome(
+                kExitNotWritable,
+                inQuotes(path) + " exists already and is kept (--overwrite replaces it)");
         return cannotWrite(path, error);
     }
     folders_.insert(folderOf(path));
-    WriteResult r;
-    r.replaced = existed;
-    return r;
+    if (replaced) *replaced = existed;
+    return {};
 }
 
 StagingFolder::StagingFolder(const std::string& destination) {
@@ -318,9 +312,8 @@ StagingFolder::StagingFolder(const std::string& destination) {
     if (::mkdtemp(pattern.data())) {
         path_ = pattern;
     } else {
-        error_.code = kExitNotWritable;
-        error_.sentence =
-            "cannot write in the folder " + inQuotes(destination) + ": " + reasonOf(errno);
+        made_ = Outcome(kExitNotWritable, "cannot write in the folder " + inQuotes(destination) +
+                                              ": " + reasonOf(errno));
     }
 }
 

@@ -23,16 +23,9 @@
 #include <utility>
 #include <vector>
 
-namespace qvapp {
+#include "app/Status.h"
 
-// What became of a write: `code` is 0 when the file was written, and an exit
-// status with a sentence that says why not otherwise.
-struct WriteResult {
-    int code = 0;
-    std::string sentence;
-    bool replaced = false;  // an older file of that name was replaced
-    explicit operator bool() const { return code == 0; }
-};
+namespace qvapp {
 
 // The files a run reads.
 class InputFiles {
@@ -56,7 +49,7 @@ bool isStandardOutput(const std::string& path);
 
 // A folder that files are to go into: it must exist and be a folder. `role`
 // names it in the sentence ("the output folder").
-WriteResult checkFolder(const std::string& folder, const std::string& role);
+Outcome checkFolder(const std::string& folder, const std::string& role);
 
 class SafeOutput {
   public:
@@ -68,16 +61,18 @@ class SafeOutput {
     SafeOutput& operator=(const SafeOutput&) = delete;
 
     // Whether a file may be written at `path`, asked before any work is done.
-    WriteResult check(const std::string& path) const;
-    // Writes `bytes` at `path`, whole or not at all.
-    WriteResult write(const std::string& path, std::string_view bytes);
+    Outcome check(const std::string& path) const;
+    // Writes `bytes` at `path`, whole or not at all. `replaced`, if given,
+    // says whether an older file of that name was replaced.
+    Outcome write(const std::string& path, std::string_view bytes, bool* replaced = nullptr);
     // Moves a finished file that lies in a folder inside the destination's
     // folder (a staging folder) to `path`, once it is flushed and checked.
-    WriteResult commit(const std::string& finished, const std::string& path);
+    Outcome commit(const std::string& finished, const std::string& path, bool* replaced = nullptr);
 
   private:
-    WriteResult publish(const std::string& temporary, const std::string& path, bool existed);
-    WriteResult writeToStandardOutput(const std::string& path, std::string_view bytes);
+    Outcome publish(const std::string& temporary, const std::string& path, bool existed,
+                    bool* replaced);
+    Outcome writeToStandardOutput(const std::string& path, std::string_view bytes);
 
     const InputFiles& inputs_;
     bool overwrite_;
@@ -95,9 +90,9 @@ class StagingFolder {
     StagingFolder(const StagingFolder&) = delete;
     StagingFolder& operator=(const StagingFolder&) = delete;
 
-    // Empty when the folder could not be made; `error` then says why.
+    // Empty when the folder could not be made; `made` then says why.
     const std::string& path() const { return path_; }
-    const WriteResult& error() const { return error_; }
+    const Outcome& made() const { return made_; }
     // The folder with a separator at its end: whatever is appended to it
     // (even a name without one) lands inside it.
     std::string prefix() const { return path_ + "/"; }
@@ -106,7 +101,7 @@ class StagingFolder {
 
   private:
     std::string path_;
-    WriteResult error_;
+    Outcome made_;
 };
 
 }  // namespace qvapp

@@ -15,29 +15,26 @@ PluginLoader::~PluginLoader() {
     // The shared object stays mapped: its statics are torn down at exit.
 }
 
-bool PluginLoader::load(const std::string& path) {
+Outcome PluginLoader::load(const std::string& path) {
     handle_ = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!handle_) {
         const char* why = ::dlerror();
-        error_ =
-            "cannot load the XML plug-in \"" + path + "\"" + (why ? std::string(": ") + why : "");
-        return false;
+        return Outcome(kExitPlugin, "cannot load the XML plug-in \"" + path + "\"" +
+                                        (why ? std::string(": ") + why : ""));
     }
     auto entry = reinterpret_cast<QvPluginInstanceFunction>(::dlsym(handle_, "qvPluginInstance"));
     if (!entry) {
-        error_ = "\"" + path + "\" is no plug-in: it has no qvPluginInstance";
-        return false;
+        return Outcome(kExitPlugin, "\"" + path + "\" is no plug-in: it has no qvPluginInstance");
     }
     QvPluginBase* plugin = nullptr;
     entry(&plugin);
     if (!plugin || !plugin->postLoadInitialization()) {
-        error_ = "the XML plug-in in \"" + path + "\" did not start";
-        return false;
+        return Outcome(kExitPlugin, "the XML plug-in in \"" + path + "\" did not start");
     }
     plugin_ = plugin;
     QvDeviceDriverManager::theDeviceDriverManager().registerPlugin(plugin_);
     plugin_->postEnumerationInitialization();
-    return true;
+    return {};
 }
 
 iXMLResource* PluginLoader::resource() const {

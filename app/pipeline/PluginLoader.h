@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "app/Status.h"
 #include "host/Plugin.h"
 #include "plugin/iXMLResource.h"
 
@@ -16,10 +17,8 @@ class PluginLoader {
     PluginLoader(const PluginLoader&) = delete;
     PluginLoader& operator=(const PluginLoader&) = delete;
 
-    // Loads the shared object and brings the plug-in up. False, with a
-    // sentence in error(), if it cannot.
-    bool load(const std::string& path);
-    const std::string& error() const { return error_; }
+    // Loads the shared object and brings the plug-in up.
+    Outcome load(const std::string& path);
 
     // The XML resource (type 25), or null.
     iXMLResource* resource() const;
@@ -34,7 +33,6 @@ class PluginLoader {
   private:
     void* handle_ = nullptr;
     QvPluginBase* plugin_ = nullptr;
-    std::string error_;
 };
 
 }  // namespace qvapp

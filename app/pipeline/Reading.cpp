@@ -93,13 +93,13 @@ bool readWhole(const std::string& path, std::string& out) {
     return true;
 }
 
-int Commands::checkDocument(const std::string& input, std::string_view bytes,
-                            const DocumentHead& head, bool lenient, bool& untrusted,
-                            XmlObserver* observer) {
+Outcome Commands::checkDocument(const std::string& input, std::string_view bytes,
+                                const DocumentHead& head, bool lenient, bool& untrusted,
+                                XmlObserver* observer) {
     const bool native = head.kind == DocumentHead::Kind::Native;
     // Only documents of a kind that is read are checked: anything else is
     // refused for what it is.
-    if (!native && head.kind != DocumentHead::Kind::Xmeml) return kExitOK;
+    if (!native && head.kind != DocumentHead::Kind::Xmeml) return {};
     // A QVXML document is looked at as its reader of that version reads it,
     // in the same scan: what the reader passes over without a word is told.
     VersionMend mend = mendVersion(head);
@@ -112,13 +112,13 @@ int Commands::checkDocument(const std::string& input, std::string_view bytes,
         return "(line " + std::to_string(p.line) + ", column " + std::to_string(p.column) + ")";
     };
     if (xml.limit)
-        return fail(kExitRefused,
-                    inQuotes(input) + " is refused " + at(xml.limit.at) + ": " + xml.limit.what);
+        return Outcome(kExitRefused,
+                       inQuotes(input) + " is refused " + at(xml.limit.at) + ": " + xml.limit.what);
     if (xml.malformed) {
         if (!lenient)
-            return fail(kExitRefused, inQuotes(input) + " is not well formed " +
-                                          at(xml.malformed.at) + ": " + xml.malformed.what +
-                                          " (--lenient reads what can be read)");
+            return Outcome(kExitRefused, inQuotes(input) + " is not well formed " +
+                                             at(xml.malformed.at) + ": " + xml.malformed.what +
+                                             " (--lenient reads what can be read)");
         log().WarningOut(
             "%s is not well formed %s: %s; what can be read is read, as --lenient asks",
             inQuotes(input).c_str(), at(xml.malformed.at).c_str(), xml.malformed.what.c_str());
@@ -127,14 +127,14 @@ int Commands::checkDocument(const std::string& input, std::string_view bytes,
         log().WarningOut("%s:%zu:%zu: %s", input.c_str(), f.at.line, f.at.column, f.what.c_str());
         untrusted = untrusted || f.untrusted;
     }
-    return kExitOK;
+    return {};
 }
 
-int Commands::readAndCheck(const std::string& input, DocumentHead& head, bool lenient,
-                           bool& untrusted, XmlObserver* observer, std::string& converted) {
+Outcome Commands::readAndCheck(const std::string& input, DocumentHead& head, bool lenient,
+                               bool& untrusted, XmlObserver* observer, std::string& converted) {
     std::string bytes;
     if (!readWhole(input, bytes))
-        return fail(kExitUnreadable, "cannot read " + inQuotes(input) + ": " + reasonOf(errno));
+        return Outcome(kExitUnreadable, "cannot read " + inQuotes(input) + ": " + reasonOf(errno));
     // A document in another encoding is read as UTF-8: the check and the
     // plug-in see the converted text.
     DeclaredEncoding encoding = toUtf8(bytes);
@@ -142,14 +142,14 @@ int Commands::readAndCheck(const std::string& input, DocumentHead& head, bool le
         std::string why = inQuotes(input) + " is written in " + inQuotes(encoding.name) +
                           " (line 1), which qvxml cannot read; it reads UTF-8, ISO-8859-1 and " +
                           "Windows-1252";
-        if (!lenient) return fail(kExitRefused, why + " (--lenient reads it as UTF-8)");
+        if (!lenient) return Outcome(kExitRefused, why + " (--lenient reads it as UTF-8)");
         log().WarningOut("%s; it is read as UTF-8, as --lenient asks", why.c_str());
     }
     if (encoding.converted) head = readDocumentHead(std::string_view(bytes));
-    if (int refused = checkDocument(input, bytes, head, lenient, untrusted, observer))
-        return refused;
+    if (Outcome r = checkDocument(input, bytes, head, lenient, untrusted, observer); !r.ok())
+        return r;
     if (encoding.converted) converted = std::move(bytes);
-    return kExitOK;
+    return {};
 }
 
 bool Commands::warnUnusable(const std::vector<Qv::Ptr<Edit>>& edits) {
@@ -160,18 +160,18 @@ bool Commands::warnUnusable(const std::vector<Qv::Ptr<Edit>>& edits) {
     return found.untrusted;
 }
 
-int Commands::importDocuments(const std::vector<std::string>& inputs,
-                              std::vector<Qv::Ptr<Edit>>& made, bool lenient) {
+Outcome Commands::importDocuments(const std::vector<std::string>& inputs,
+                                  std::vector<Qv::Ptr<Edit>>& made, bool lenient) {
     iXMLResource* resource = plugin_.resource();
-    if (!resource) return fail(kExitPlugin, "the XML plug-in offers no XML resource");
+    if (!resource) return Outcome(kExitPlugin, "the XML plug-in offers no XML resource");
     for (const std::string& input : inputs) {
         struct stat st;
         if (::stat(input.c_str(), &st) != 0)
-            return fail(kExitUnreadable,
-                        "cannot read " + inQuotes(input) + ": there is no such file");
+            return Outcome(kExitUnreadable,
+                           "cannot read " + inQuotes(input) + ": there is no such file");
         if (S_ISDIR(st.st_mode))
-            return fail(kExitUnreadable, inQuotes(input) + " is a folder, not a document");
-        if (st.st_size == 0) return fail(kExitUnreadable, inQuotes(input) + " is empty");
+            return Outcome(kExitUnreadable, inQuotes(input) + " is a folder, not a document");
+        if (st.st_size == 0) return Outcome(kExitUnreadable, inQuotes(input) + " is empty");
         EditStore& project = EditStore::current();
         std::set<const Edit*> before;
         for (const Qv::Ptr<Edit>& e : project.edits())
@@ -210,16 +210,16 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
                 continue;
             }
             if (r.status == XML::kStatusUnreadable)
-                return fail(kExitUnreadable, "cannot read " + inQuotes(input));
+                return Outcome(kExitUnreadable, "cannot read " + inQuotes(input));
             if (!why.empty())
-                return fail(kExitUnknownDocument,
-                            inQuotes(input) + " cannot be read as OpenTimelineIO: " + why);
-            return fail(kExitFailed,
-                        inQuotes(input) + " could not be imported (see the messages above)");
+                return Outcome(kExitUnknownDocument,
+                               inQuotes(input) + " cannot be read as OpenTimelineIO: " + why);
+            return Outcome(kExitFailed,
+                           inQuotes(input) + " could not be imported (see the messages above)");
         }
         // An edit decision list, by its content: the command reads it too.
         if (isListInput(input)) {
-            if (int code = importList(input, made)) return code;
+            if (Outcome r = importList(input, made); !r.ok()) return r;
             // A list's events are not checked one by one: its reader
             // records what it passes over.
             read_.push_back(readingLosses(input, DocumentClips(), madeHere()));
@@ -229,16 +229,17 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
         }
         DocumentHead head = readDocumentHead(input);
         if (head.kind == DocumentHead::Kind::Fcpxml)
-            return fail(kExitUnknownDocument, whyUnreadable(input, head));
+            return Outcome(kExitUnknownDocument, whyUnreadable(input, head));
         bool untrusted = false;
         // The clip items of an xmeml document are listed in the scan that
         // checks it, for the check of what its import made.
         XmemlClipLister lister;
         const bool xmeml = head.kind == DocumentHead::Kind::Xmeml;
         std::string converted;
-        if (int refused =
-                readAndCheck(input, head, lenient, untrusted, xmeml ? &lister : nullptr, converted))
-            return refused;
+        if (Outcome r =
+                readAndCheck(input, head, lenient, untrusted, xmeml ? &lister : nullptr, converted);
+            !r.ok())
+            return r;
         const LightweightString<wchar_t> path = widePath(absolute(input));
         MendedVersion mended(input, head, path, log(), std::move(converted));
 
@@ -253,25 +254,26 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
             case XML::kStatusOK:
                 break;
             case XML::kStatusUnreadable:
-                return fail(kExitUnreadable, "cannot read " + inQuotes(input));
+                return Outcome(kExitUnreadable, "cannot read " + inQuotes(input));
             case XML::kStatusNoMemory:
-                return fail(kExitUnreadable,
-                            "there is not enough memory to read " + inQuotes(input));
+                return Outcome(kExitUnreadable,
+                               "there is not enough memory to read " + inQuotes(input));
             case XML::kStatusUnknown:
-                return fail(kExitUnknownDocument, whyUnreadable(input, head));
+                return Outcome(kExitUnknownDocument, whyUnreadable(input, head));
             case XML::kStatusNoReader:
-                return fail(kExitNotAvailable, "there is no reader yet for the kind of document " +
-                                                   inQuotes(input) + " is");
+                return Outcome(
+                    kExitNotAvailable,
+                    "there is no reader yet for the kind of document " + inQuotes(input) + " is");
             default:
                 if (head.kind == DocumentHead::Kind::Xmeml)
-                    return fail(kExitFailed,
-                                inQuotes(input) +
-                                    " could not be imported: a track of a sequence cannot be "
-                                    "read (see the error above)");
-                return fail(kExitFailed,
-                            inQuotes(input) +
-                                " could not be imported: its structure is broken "
-                                "(a Shot or Edit without channels, or an empty channel)");
+                    return Outcome(kExitFailed,
+                                   inQuotes(input) +
+                                       " could not be imported: a track of a sequence cannot be "
+                                       "read (see the error above)");
+                return Outcome(kExitFailed,
+                               inQuotes(input) +
+                                   " could not be imported: its structure is broken "
+                                   "(a Shot or Edit without channels, or an empty channel)");
         }
         read_.push_back(readingLosses(input, lister.take(), madeHere()));
         // What the check of the document found untrusted, it has told; so
@@ -281,7 +283,7 @@ int Commands::importDocuments(const std::vector<std::string>& inputs,
     }
     // The documents' bytes, the readers' indexes and the clip lists are gone.
     releaseFreedMemory();
-    return kExitOK;
+    return {};
 }
 
 DocumentLosses Commands::readingLosses(const std::string& input, const DocumentClips& clips,

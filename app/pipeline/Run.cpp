@@ -16,10 +16,11 @@ Commands::Commands(PluginLoader& plugin, Qv::Ptr<ConsoleLog> console)
 Commands::~Commands() = default;
 Commands::Commands(Commands&&) noexcept = default;
 
-int Commands::fail(int code, const std::string& sentence) {
+Outcome Commands::tell(const Outcome& outcome) {
+    if (outcome.sentence().empty()) return outcome;
     console_->clearProgress();
-    std::fprintf(err_, "qvxml: %s\n", shown(sentence).c_str());
-    return code;
+    std::fprintf(err_, "qvxml: %s\n", shown(outcome.sentence()).c_str());
+    return Outcome::told(outcome.status());
 }
 
 void Commands::startRun(const std::vector<std::string>& inputs, bool overwrite) {
@@ -29,21 +30,28 @@ void Commands::startRun(const std::vector<std::string>& inputs, bool overwrite) 
     run_->output = std::make_unique<SafeOutput>(run_->inputs, overwrite);
 }
 
-WriteResult Commands::commitFile(const std::string& finished, const std::string& path) {
-    std::lock_guard<std::mutex> lock(run_->mutex);
-    return run_->output->commit(finished, path);
+Outcome Commands::commitFile(const std::string& finished, const std::string& path,
+                             const Options& o) {
+    bool older = false;
+    Outcome committed;
+    {
+        std::lock_guard<std::mutex> lock(run_->mutex);
+        committed = run_->output->commit(finished, path, &older);
+    }
+    if (committed.ok() && older) replaced(path, o);
+    return committed;
 }
 
-int Commands::writeFile(const std::string& path, std::string_view bytes, const Options& o) {
-    WriteResult w;
+Outcome Commands::writeFile(const std::string& path, std::string_view bytes, const Options& o) {
+    bool older = false;
+    Outcome written;
     {
         std::lock_guard<std::mutex> lock(run_->mutex);
         if (!run_->output) run_->output = std::make_unique<SafeOutput>(run_->inputs, o.overwrite);
-        w = run_->output->write(path, bytes);
+        written = run_->output->write(path, bytes, &older);
     }
-    if (!w) return fail(w.code, w.sentence);
-    if (w.replaced) replaced(path, o);
-    return kExitOK;
+    if (written.ok() && older) replaced(path, o);
+    return written;
 }
 
 void Commands::replaced(const std::string& path, const Options& o) {

@@ -16,11 +16,8 @@
 
 namespace qvapp {
 
-bool Commands::flavourOf(const std::string& to, Flavour& out, int& exitCode) {
-    if (!plugin_.resource()) {
-        exitCode = fail(kExitPlugin, "the XML plug-in offers no XML resource");
-        return false;
-    }
+Outcome Commands::flavourOf(const std::string& to, Flavour& out) {
+    if (!plugin_.resource()) return Outcome(kExitPlugin, "the XML plug-in offers no XML resource");
     if (to == "native" || to == "qvxml") {
         out = {XML::XMLFlavourQV2, "native"};
     } else if (to == "xmeml" || to == "fcp7") {
@@ -32,17 +29,15 @@ bool Commands::flavourOf(const std::string& to, Flavour& out, int& exitCode) {
     } else if (to == "edl" || to == "cmx3600") {
         out = {XML::XMLFlavourNone, "edl", false, true};
     } else if (to.empty()) {
-        exitCode = fail(kExitUsage,
-                        "say which format to write with --to native, --to xmeml, --to fcpxml, "
-                        "--to otio or --to edl");
-        return false;
+        return Outcome(kExitUsage,
+                       "say which format to write with --to native, --to xmeml, --to fcpxml, "
+                       "--to otio or --to edl");
     } else {
-        exitCode = fail(kExitUsage, inQuotes(to) +
-                                        " is no format qvxml writes; use native, xmeml, fcpxml, "
-                                        "otio or edl");
-        return false;
+        return Outcome(kExitUsage, inQuotes(to) +
+                                       " is no format qvxml writes; use native, xmeml, fcpxml, "
+                                       "otio or edl");
     }
-    return true;
+    return {};
 }
 
 std::string Commands::extensionOf(const Flavour& flavour) {
@@ -51,13 +46,14 @@ std::string Commands::extensionOf(const Flavour& flavour) {
     return narrow(plugin_.resource()->getExtension(flavour.value));
 }
 
-int Commands::exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std::string& fileName) {
+Outcome Commands::exportOtio(const Qv::Ptr<Edit>& edit, const Options& o,
+                             const std::string& fileName) {
     std::string label =
         edit->name.empty() ? std::string("the nameless edit") : inQuotes(narrow(edit->name));
     // Written in a staging folder and moved into place, as the plug-in's
     // exports are.
     StagingFolder staging(usedDir_);
-    if (staging.path().empty()) return fail(staging.error().code, staging.error().sentence);
+    if (staging.path().empty()) return staging.made();
     std::string name = narrowPath(stripPath(Qv::FilespecUtils::makeValidFilespec(
         widePath(usedDir_), stripExtension(widePath(fileName)), L".otio", false, L'_')));
     std::string staged = staging.path() + "/" + name;
@@ -68,28 +64,27 @@ int Commands::exportOtio(const Qv::Ptr<Edit>& edit, const Options& o, const std:
     console_->takeWrittenPaths();
     if (status == XML::kStatusCannotCreate) {
         if (int failure = takeFileWriteFailure(widePath(staged)))
-            return fail(kExitNotWritable,
-                        "cannot write " + inQuotes(destination) + ": " + reasonOf(failure));
-        return fail(kExitNotWritable, "cannot write " + inQuotes(destination));
+            return Outcome(kExitNotWritable,
+                           "cannot write " + inQuotes(destination) + ": " + reasonOf(failure));
+        return Outcome(kExitNotWritable, "cannot write " + inQuotes(destination));
     }
     if (status != XML::kStatusOK)
-        return fail(kExitFailed, label + " could not be exported as otio (see the messages above)");
-    WriteResult w = commitFile(staged, destination);
-    if (!w) return fail(w.code, w.sentence);
-    if (w.replaced) replaced(destination, o);
+        return Outcome(kExitFailed,
+                       label + " could not be exported as otio (see the messages above)");
+    if (Outcome w = commitFile(staged, destination, o); !w.ok()) return w;
     std::fprintf(out_, "%s\n", shown(destination).c_str());
     std::fflush(out_);
-    return kExitOK;
+    return {};
 }
 
-int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
-                         const std::string& fileName) {
+Outcome Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, const Options& o,
+                             const std::string& fileName) {
     if (flavour.otio) return exportOtio(edit, o, fileName);
     if (flavour.edl) return exportEdl(edit, o, fileName);
     QvExport::ExporterFactoryBase* factory = plugin_.exporterFactory();
     if (!factory)
-        return fail(kExitNotAvailable,
-                    "XML export is switched off (the configuration key enableXml is 0)");
+        return Outcome(kExitNotAvailable,
+                       "XML export is switched off (the configuration key enableXml is 0)");
     std::string label =
         edit->name.empty() ? std::string("the nameless edit") : inQuotes(narrow(edit->name));
     {
@@ -98,10 +93,10 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
         int why = factory->canExport(p);
         p.i_close();
         if (why == XML::kCannotExportKind)
-            return fail(kExitFailed, label + " is of a kind that cannot be exported");
+            return Outcome(kExitFailed, label + " is of a kind that cannot be exported");
         if (why == XML::kCannotExportNoChannels)
-            return fail(kExitFailed, label + " has no video or audio channels to export");
-        if (why != XML::kCanExport) return fail(kExitFailed, label + " cannot be exported");
+            return Outcome(kExitFailed, label + " has no video or audio channels to export");
+        if (why != XML::kCanExport) return Outcome(kExitFailed, label + " cannot be exported");
     }
 
     // The plug-in writes into a folder of its own inside the output folder;
@@ -109,7 +104,7 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
     // separator, so that even a name the plug-in appends without one stays
     // inside it.
     StagingFolder staging(usedDir_);
-    if (staging.path().empty()) return fail(staging.error().code, staging.error().sentence);
+    if (staging.path().empty()) return staging.made();
 
     XMLExportOptions options;
     options.log = log();
@@ -120,7 +115,7 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
     options.prepareOption = o.skipOffline;
     Qv::Ptr<QvExport::Exporter> exporter = factory->createExporter(&options);
     auto* single = dynamic_cast<QvExport::SingleSourceExporter*>(exporter.get());
-    if (!single) return fail(kExitPlugin, "the XML plug-in made no exporter");
+    if (!single) return Outcome(kExitPlugin, "the XML plug-in made no exporter");
 
     std::string expected = narrowPath(Qv::FilespecUtils::makeValidFilespec(
         widePath(usedDir_), stripExtension(options.fileName),
@@ -149,38 +144,37 @@ int Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, cons
         case XML::kStatusOK:
             break;
         case XML::kStatusCannotCreate:
-            return fail(kExitNotWritable, "cannot write " + inQuotes(expected));
+            return Outcome(kExitNotWritable, "cannot write " + inQuotes(expected));
         case XML::kStatusNoDirectory:
-            return fail(kExitNoFolder,
-                        "the output folder " + inQuotes(o.outputDir) + " does not exist");
+            return Outcome(kExitNoFolder,
+                           "the output folder " + inQuotes(o.outputDir) + " does not exist");
         case XML::kStatusUnknown:
-            return fail(kExitPlugin, "the XML plug-in offers no XML resource");
+            return Outcome(kExitPlugin, "the XML plug-in offers no XML resource");
         default:
             // fcpxml names every shot's media file; the writer tells of a
             // shot without one in the application's log alone.
             if (flavour.value == XML::XMLFlavourFCPX && console_->errors() == errorsBefore)
-                return fail(kExitFailed, label +
-                                             " could not be exported as fcpxml: the media file "
-                                             "of a shot is not known (--skip-offline leaves such "
-                                             "shots out)");
-            return fail(kExitFailed, label + " could not be exported as " + flavour.name +
-                                         " (see the messages above)");
+                return Outcome(kExitFailed,
+                               label +
+                                   " could not be exported as fcpxml: the media file "
+                                   "of a shot is not known (--skip-offline leaves such "
+                                   "shots out)");
+            return Outcome(kExitFailed, label + " could not be exported as " + flavour.name +
+                                            " (see the messages above)");
     }
     std::vector<std::string> finished = staging.files();
     if (finished.empty()) {
         std::fprintf(out_, "%s: nothing to write\n", shown(label).c_str());
         std::fflush(out_);
-        return kExitOK;
+        return {};
     }
     for (const std::string& name : finished) {
         std::string destination = usedDir_ + "/" + name;
-        WriteResult w = commitFile(staging.path() + "/" + name, destination);
-        if (!w) return fail(w.code, w.sentence);
-        if (w.replaced) replaced(destination, o);
+        if (Outcome w = commitFile(staging.path() + "/" + name, destination, o); !w.ok()) return w;
         std::fprintf(out_, "%s\n", shown(destination).c_str());
     }
     std::fflush(out_);
-    return kExitOK;
+    return {};
 }
 
 }  // namespace qvapp

@@ -58,6 +58,25 @@ TEST(FrameCounts, RoundHalfUpAndTowardZero) {
     EXPECT_EQ(writer.seqCelTimeToFrames(1.0), 30);  // the whole timebase, not 29.97
 }
 
+// Each rule keeps its own halves: a position a whole number of frames from
+// another rounds alike, a count rounds like its negative, and a frame as
+// written agrees with the xmeml writer's count on both sides of zero.
+TEST(FrameCounts, EachRuleRoundsHalvesItsOwnWay) {
+    for (double at : {-7.0, -1.0, 0.0, 3.0})
+        EXPECT_EQ(nearestFrame(at + 2.5) - nearestFrame(at + 0.5), 2) << at;
+    EXPECT_EQ(nearestFrame(-2.5), -2);
+    EXPECT_EQ(nearestFrame(-2.75), -3);
+    EXPECT_EQ(nearestCount(-2.5), -3);
+    EXPECT_EQ(nearestCount(2.5), 3);
+    for (double t : {0.5, 0.02, -0.088, -0.02, -0.11})
+        EXPECT_EQ(frameAsWritten(t * 25), XMLWriter::celTimeToFrames(t, 25.0)) << t;
+    EXPECT_EQ(timebaseOf(29.97), 30);
+    EXPECT_EQ(timebaseOf(23.976), 24);
+    EXPECT_TRUE(std::isnan(nearestFrame(std::nan(""))));
+    EXPECT_EQ(frameAsWritten(std::nan("")), 0);
+    EXPECT_EQ(frameAsWritten(1e300), INT64_MAX);
+}
+
 TEST(FrameCounts, DefinedForEveryDouble) {
     const double inf = std::numeric_limits<double>::infinity();
     EXPECT_EQ(XMLWriter::celTimeToFrames(std::nan(""), 25.0), 0);

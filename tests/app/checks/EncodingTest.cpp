@@ -5,7 +5,17 @@
 #include <algorithm>
 #include <string>
 
+#include "tests/app/CommandRunner.h"
+#include "tests/support/TestSupport.h"
+
 namespace {
+
+using qvtest::kExample;
+using qvtest::Outcome;
+using qvtest::quote;
+using qvtest::qvxml;
+using qvtest::replaced;
+using Safety = qvtest::SafetyFixture;
 
 using qvapp::DeclaredEncoding;
 using qvapp::toUtf8;
@@ -70,6 +80,33 @@ TEST(Encoding, WhatIsNotConverted) {
     c = convert(std::string("\xFF\xFE<\0a\0/\0>\0", 10));
     EXPECT_FALSE(c.encoding.readable);
     EXPECT_EQ(c.encoding.name, "UTF-16");
+}
+
+// A document that says it is written in ISO-8859-1 or Windows-1252 is read
+// as it was written: its names and locators arrive as their characters.
+TEST_F(Safety, DeclaredEncodingsAreHonoured) {
+    std::string latin =
+        replaced(qvtest::readFile(kExample), "encoding=\"UTF-8\"", "encoding=\"ISO-8859-1\"");
+    latin = replaced(latin, "<Name>Interview cut</Name>", "<Name>H\xF8iby \xE9t\xE9</Name>");
+    latin = replaced(latin, "Day%201/interview.mov", "Day%201/H\xF8iby.mov");
+    const std::string snapshot = dir.file("latin.json");
+    Outcome r = qvxml("import " + doc("latin.xml", latin) + " --snapshot " + quote(snapshot));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("sequence \"H\xC3\xB8iby \xC3\xA9t\xC3\xA9\""), std::string::npos)
+        << r.out;
+    std::string written = qvtest::readFile(snapshot);
+    EXPECT_NE(written.find("\"H\xC3\xB8iby \xC3\xA9t\xC3\xA9\""), std::string::npos);
+    EXPECT_NE(written.find("H\xC3\xB8iby.mov"), std::string::npos);
+    EXPECT_EQ(written.find('\xF8'), std::string::npos);
+    Outcome rate = qvxml("rate " + quote(dir.file("latin.xml")));
+    EXPECT_EQ(rate.status, 0) << rate.err;
+
+    std::string windows = replaced(latin, "ISO-8859-1", "Windows-1252");
+    windows = replaced(windows, "\xE9t\xE9", "\x80");
+    r = qvxml("convert " + doc("cp.xml", windows) + " --to xmeml --overwrite -o " + quote(out));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(qvtest::readFile(out + "/H\xC3\xB8iby \xE2\x82\xAC.xml").find("<name>H\xC3\xB8iby"),
+              std::string::npos);
 }
 
 }  // namespace

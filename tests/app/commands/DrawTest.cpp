@@ -1,13 +1,24 @@
 // draw through the built command: pictures of sequences of any length end,
 // with a ruler of about ten timecodes.
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "tests/app/CommandRunner.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using qvtest::copyFile;
+using qvtest::kCorpus;
+using qvtest::run;
+using Conform = qvtest::ConformFixture;
 
 using qvtest::Outcome;
 using qvtest::quote;
@@ -67,6 +78,59 @@ TEST(Draw, SequenceOfUnusableLengthIsDrawnAndEnds) {
     const std::string page = qvtest::readFile(picture);
     EXPECT_EQ(count(page, "<svg "), 1u);
     EXPECT_LE(count(page, "class=\"tick\""), 26u);
+}
+
+// The page in a real browser: Debian's Chromium, headless.
+TEST_F(Conform, DrawnPageShowsEveryClipInChromium) {
+    const char* chromium = "/usr/bin/chromium";
+    if (::access(chromium, X_OK) != 0) {
+        if (std::getenv("CI")) FAIL() << "CI installs chromium";
+        GTEST_SKIP() << "chromium is not installed";
+    }
+    const std::string document = kCorpus + "/xmeml/premiere_example.xml";
+    if (!fs::exists(document)) GTEST_SKIP() << "the corpus is not here";
+    const std::string page = dir.file("cut.html");
+    Outcome drawn = qvxml("draw " + quote(document) + " -o " + quote(page));
+    ASSERT_EQ(drawn.status, 0) << drawn.err;
+    Outcome info = qvxml("info --json --quiet " + quote(document));
+    ASSERT_EQ(info.status, 0);
+    std::size_t clips = 0;
+    json described = json::parse(info.out);
+    for (const json& s : described["documents"][0]["sequences"])
+        clips += s["clips"].size();
+    ASSERT_GT(clips, 0u) << info.out.substr(0, 400);
+
+    const std::string browser = std::string(chromium) +
+                                " --headless --no-sandbox --disable-gpu --disable-quic "
+                                "--no-first-run --disable-background-networking "
+                                "--disable-component-update --disable-sync --hide-scrollbars "
+                                "--window-size=1280,900 --user-data-dir=";
+    Outcome dom =
+        run(browser + quote(dir.file("profile1")) + " --dump-dom " + quote("file://" + page));
+    ASSERT_EQ(dom.status, 0) << dom.err;
+    // The page's script ran and counted the boxes the browser holds.
+    EXPECT_NE(dom.out.find("data-clip-boxes=\"" + std::to_string(clips) + "\""), std::string::npos)
+        << clips << " clips";
+    EXPECT_NE(dom.out.find(std::to_string(clips) + " clip boxes drawn"), std::string::npos);
+
+    const std::string png = dir.file("page.png");
+    Outcome shot = run(browser + quote(dir.file("profile2")) + " --screenshot=" + quote(png) + " " +
+                       quote("file://" + page));
+    ASSERT_EQ(shot.status, 0) << shot.err;
+    std::string bytes = qvtest::readFile(png);
+    ASSERT_GT(bytes.size(), 24u);
+    EXPECT_EQ(bytes.substr(0, 8), std::string("\x89PNG\r\n\x1a\n", 8));
+    auto be32 = [&](size_t at) {
+        return (static_cast<unsigned char>(bytes[at]) << 24) |
+               (static_cast<unsigned char>(bytes[at + 1]) << 16) |
+               (static_cast<unsigned char>(bytes[at + 2]) << 8) |
+               static_cast<unsigned char>(bytes[at + 3]);
+    };
+    EXPECT_EQ(bytes.substr(12, 4), "IHDR");
+    EXPECT_EQ(be32(16), 1280u);
+    EXPECT_EQ(be32(20), 900u);
+    // Keep the picture for a person to look at when asked.
+    if (const char* keep = std::getenv("QVXML_KEEP_SCREENSHOT")) copyFile(png, keep);
 }
 
 }  // namespace
