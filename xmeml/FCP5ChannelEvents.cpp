@@ -362,9 +362,10 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
             double reach = std::max(cel->sourceIn, cel->sourceOut);
             if (!(reach > 0)) reach = cel->editOut - cel->editIn;
             needs.length = std::max(needs.length, reach);
+            // A channel past kMostChannels is not made: its clip stays unresolved.
             if (isVideo)
                 needs.video = true;
-            else
+            else if (trackNumber <= fcp5read::kMostChannels)
                 needs.audioChannels = std::max(needs.audioChannels, trackNumber);
             if (!f->second.mediaSource.empty())
                 reportLoss(

@@ -54,6 +54,11 @@ inline double doubleOf(const XMLParser& parser, const char* name, double fallbac
     return value;
 }
 
+// The most sound channels a file is taken to have. Recorders write up to a
+// few dozen and object-audio masters 128; a count or a channel number beyond
+// this is damage, and taking it would make that many channels.
+constexpr int kMostChannels = 1024;
+
 // Where the reader tells of a time or rate whose text it cannot use (see
 // Damage): the element is `name` within `parser`. `places` when the value
 // places material on a timeline (a clip's, a sequence's), not when it only

@@ -11,6 +11,7 @@ using fcp5read::doubleOf;
 using fcp5read::emptyParser;
 using fcp5read::inside;
 using fcp5read::intOf;
+using fcp5read::kMostChannels;
 using fcp5read::leaf;
 using fcp5read::present;
 using fcp5read::readRate;
@@ -205,9 +206,16 @@ void FCP5XMLReader::readFile(const XMLParser& fp) {
     if (inside(fp, "video")) rec->hasVideo = true;
     // Version 1 documents count a stream's channels in `trackcount`.
     bool byTracks = false;
+    // A count past kMostChannels is no count: the file has what its uses name.
     auto channelsOf = [&byTracks](const XMLParser& audio, int& count) {
-        if (scanInt(leaf(audio, "channelcount"), count)) return true;
-        byTracks = static_cast<bool>(scanInt(leaf(audio, "trackcount"), count));
+        int n = 0;
+        if (scanInt(leaf(audio, "channelcount"), n)) {
+            if (n > kMostChannels) return false;
+            count = n;
+            return true;
+        }
+        byTracks = scanInt(leaf(audio, "trackcount"), n) && n <= kMostChannels;
+        if (byTracks) count = n;
         return byTracks;
     };
     if (legacy()) {
@@ -226,7 +234,7 @@ void FCP5XMLReader::readFile(const XMLParser& fp) {
         for (const std::unique_ptr<XMLParser>& stream : streams) {
             int count = 0;
             if (stream && channelsOf(*stream, count)) {
-                total += std::max(count, 0);
+                total = std::min(total + std::max(count, 0), kMostChannels);
                 stated = true;
             }
         }
