@@ -178,4 +178,9 @@ class ConformFixture : public StoreTest {
     }
 };
 
+// The suites' names, as the tests of the command call them.
+using Safety = SafetyFixture;
+using Command = CommandFixture;
+using Conform = ConformFixture;
+
 }  // namespace qvtest

@@ -8,11 +8,7 @@
 
 namespace {
 
-using qvtest::kExample;
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
-using Command = qvtest::CommandFixture;
+using namespace qvtest;
 
 // Documents are told by their root element, not by text found in them.
 TEST_F(Command, DocumentsAreKnownByTheirRoot) {

@@ -10,12 +10,7 @@
 
 namespace {
 
-using qvtest::kExample;
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
-using qvtest::replaced;
-using Safety = qvtest::SafetyFixture;
+using namespace qvtest;
 
 using qvapp::DeclaredEncoding;
 using qvapp::toUtf8;

@@ -12,13 +12,7 @@
 
 namespace {
 
-using qvtest::contents;
-using qvtest::kExample;
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
-using qvtest::replaced;
-using Safety = qvtest::SafetyFixture;
+using namespace qvtest;
 
 // A time or rate of a document that is no usable number (NaN, Infinity,
 // 1e300, hexadecimal, a rate the editor does not have) would be read as

@@ -16,16 +16,7 @@
 
 namespace {
 
-using qvtest::kExample;
-using qvtest::kSnapshot;
-using qvtest::replaced;
-using qvtest::run;
-using Safety = qvtest::SafetyFixture;
-using Command = qvtest::CommandFixture;
-
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
+using namespace qvtest;
 
 bool documentStatus(int status) {
     for (int allowed : {0, 2, 3, 6, 8, 9, 10})

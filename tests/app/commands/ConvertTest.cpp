@@ -14,12 +14,7 @@
 
 namespace {
 
-using qvtest::kExample;
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
-using qvtest::run;
-using Command = qvtest::CommandFixture;
+using namespace qvtest;
 
 TEST_F(Command, ConvertWritesWhatTheLibraryWrites) {
     Outcome r = qvxml("convert " + quote(kExample) + " --to xmeml -o " + quote(dir.path()));

@@ -15,14 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-using qvtest::copyFile;
-using qvtest::kCorpus;
-using qvtest::run;
-using Conform = qvtest::ConformFixture;
-
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
+using namespace qvtest;
 
 std::size_t count(const std::string& text, const std::string& what) {
     std::size_t n = 0;

@@ -10,9 +10,7 @@
 
 namespace {
 
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
+using namespace qvtest;
 
 const char* const kList =
     "TITLE: Scene 12\r\n"

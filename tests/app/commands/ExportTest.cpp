@@ -12,10 +12,7 @@
 namespace {
 
 using nlohmann::json;
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
-using Conform = qvtest::ConformFixture;
+using namespace qvtest;
 
 TEST_F(Conform, SoundThatFcpxmlLosesOnlyAsFirstWrittenIsReportedSo) {
     Qv::Ptr<Edit> a = qvtest::addShot(store, L"a", 25, 10, {{kChanVideo, "V1"}}, L"/m/a.mov");

@@ -14,13 +14,7 @@
 namespace {
 
 using nlohmann::json;
-using qvtest::kExample;
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
-using qvtest::replaced;
-using Safety = qvtest::SafetyFixture;
-using Command = qvtest::CommandFixture;
+using namespace qvtest;
 
 // A drop-frame label at a whole 30 keeps its numbering through an import:
 // 00:10:00;00 is frame 17,982, 18 frames before 00:10:00:00.

@@ -22,16 +22,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-using qvtest::copyFile;
-using qvtest::kMedia;
-using qvtest::qvxml;
-using qvtest::replaced;
-using qvtest::run;
-using qvtest::writeWav;
-using Conform = qvtest::ConformFixture;
-
-using qvtest::Outcome;
-using qvtest::quote;
+using namespace qvtest;
 
 const std::string kExamples = std::string(QVXML_SOURCE_DIR) + "/examples/native/";
 const char* const kWatchdog = "timeout 120";

@@ -18,12 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-using qvtest::copyFile;
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
-using qvtest::run;
-using Conform = qvtest::ConformFixture;
+using namespace qvtest;
 
 using qvapp::Batch;
 using qvapp::JobResult;

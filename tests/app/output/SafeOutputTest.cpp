@@ -23,17 +23,7 @@
 
 namespace {
 
-using qvtest::contents;
-using qvtest::kExample;
-using qvtest::kSnapshot;
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
-using qvtest::replaced;
-using qvtest::run;
-using qvtest::sentences;
-using qvtest::unprivileged;
-using Safety = qvtest::SafetyFixture;
+using namespace qvtest;
 
 using qvapp::InputFiles;
 using qvapp::SafeOutput;

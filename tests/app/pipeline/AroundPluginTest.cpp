@@ -15,12 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-using qvtest::copyFile;
-using qvtest::kMedia;
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
-using Conform = qvtest::ConformFixture;
+using namespace qvtest;
 
 TEST_F(Conform, MapPathFindsMediaNamedByPosixWindowsAndUncLocators) {
     // A cut whose media was on a Mac volume, a Windows drive and a server.

@@ -9,12 +9,7 @@
 
 namespace {
 
-using qvtest::kExample;
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
-using qvtest::replaced;
-using Safety = qvtest::SafetyFixture;
+using namespace qvtest;
 
 // --lenient reads what a damaged document holds, and says it is damaged.
 TEST_F(Safety, LenientReadsWhatCanBeRead) {

@@ -11,13 +11,7 @@
 
 namespace {
 
-using qvtest::kExample;
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
-using qvtest::replaced;
-using Safety = qvtest::SafetyFixture;
-using Command = qvtest::CommandFixture;
+using namespace qvtest;
 
 // Paths are bytes: a document whose path is not UTF-8 is read, and written
 // beside, like any other.

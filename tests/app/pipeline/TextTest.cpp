@@ -8,13 +8,7 @@
 
 namespace {
 
-using qvtest::kExample;
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
-using qvtest::replaced;
-using qvtest::run;
-using Safety = qvtest::SafetyFixture;
+using namespace qvtest;
 
 // Names are shown, never obeyed: control characters and bytes that are not
 // UTF-8 come out escaped, in every command's words, whether they come from

@@ -9,10 +9,7 @@
 
 namespace {
 
-using qvtest::kExample;
-using qvtest::Outcome;
-using qvtest::quote;
-using qvtest::qvxml;
+using namespace qvtest;
 
 TEST(OtioCommand, WritesOtioAndReadsItBackByItsContent) {
     qvtest::TempDir dir;
