@@ -3,9 +3,11 @@
 # priority (nice 19, or $FUZZ_NICE), and says how many inputs each ran and
 # what it found.
 #
-#   scripts/fuzz.sh [-t SECONDS] [-l MAX_BYTES] [-b BUILD_DIR] [TARGET...]
+#   scripts/fuzz.sh [-t SECONDS] [-r RUNS] [-l MAX_BYTES] [-b BUILD_DIR] [TARGET...]
 #
-# SECONDS is the time per target (default 60); MAX_BYTES the longest input
+# SECONDS is the time per target (default 60); RUNS, when given, ends a
+# target sooner, once it has run that many inputs (for a long run that must
+# reach a count on each target); MAX_BYTES the longest input
 # tried, longer seeds being cut to it (default 65536; the command targets take
 # at most $COMMAND_MAX_LEN, default 16384, as each input runs the command seven
 # times). BUILD_DIR is a clang tree configured with -DQVXML_BUILD_FUZZ=ON
@@ -29,12 +31,14 @@ cd "$(dirname "$0")/.."
 seconds=60
 maxlen=65536
 build=build-asan
-while getopts "t:l:b:" option; do
+runs_each=-1
+while getopts "t:r:l:b:" option; do
   case $option in
     t) seconds=$OPTARG ;;
+    r) runs_each=$OPTARG ;;
     l) maxlen=$OPTARG ;;
     b) build=$OPTARG ;;
-    *) echo "usage: scripts/fuzz.sh [-t SECONDS] [-l MAX_BYTES] [-b BUILD_DIR] [TARGET...]" >&2
+    *) echo "usage: scripts/fuzz.sh [-t SECONDS] [-r RUNS] [-l MAX_BYTES] [-b BUILD_DIR] [TARGET...]" >&2
        exit 1 ;;
   esac
 done
@@ -123,7 +127,7 @@ for target in "${targets[@]}"; do
   fi
   started=$SECONDS
   set +e
-  nice -n "${FUZZ_NICE:-19}" "$build/bin/$target" -max_total_time="$seconds" -max_len="$length" \
+  nice -n "${FUZZ_NICE:-19}" "$build/bin/$target" -max_total_time="$seconds" -runs="$runs_each" -max_len="$length" \
     -timeout=30 -rss_limit_mb=2048 "${extra[@]}" \
     -print_final_stats=1 -dict="$dictionary" -artifact_prefix="$findings/" \
     "$work/$target.corpus" "$work/$target" >"$work/$target.log" 2>&1
