@@ -238,15 +238,17 @@ void setApplicationLog(Qv::Ptr<iLogSink> sink) {
     appLog() = std::move(sink);
 }
 
+// A line is formatted only when a log takes it: the writers say something of
+// every file they write, which nobody reads without --verbose.
 void LogBoth(const char* format, ...) {
     va_list ap;
     va_start(ap, format);
-    LightweightString<char> text = withoutTrailingNewlines(formatTextV(format, ap));
-    va_end(ap);
     if (threadAppLog) {
-        threadAppLog->line(LogKind::Info, 0, text, -1);
-        return;
+        threadAppLog->line(LogKind::Info, 0, withoutTrailingNewlines(formatTextV(format, ap)), -1);
+    } else {
+        std::lock_guard<std::mutex> lock(appLogMutex());
+        if (appLog())
+            appLog()->line(LogKind::Info, 0, withoutTrailingNewlines(formatTextV(format, ap)), -1);
     }
-    std::lock_guard<std::mutex> lock(appLogMutex());
-    if (appLog()) appLog()->line(LogKind::Info, 0, text, -1);
+    va_end(ap);
 }

@@ -36,7 +36,8 @@ class TurnGuard {
 };
 
 // While it lives, LogBoth's lines of this thread (and of the exports it
-// starts) go to the job's application log.
+// starts) go to the job's application log: with --verbose only, as no line
+// is formatted where no log takes it.
 class ThreadAppLog {
   public:
     explicit ThreadAppLog(Qv::Ptr<ApplicationLog> log) : previous_(threadApplicationLog()) {
@@ -75,8 +76,9 @@ Outcome Commands::convertDocument(std::size_t job, const std::string& input, con
     // Each document goes into a fresh project of its own.
     EditStore project;
     ScopedCurrentStore scope(project);
-    Qv::Ptr<ApplicationLog> appLog(new ApplicationLog(console_, o.verbosity == Verbosity::Verbose));
-    ThreadAppLog appScope(appLog);
+    ThreadAppLog appScope(o.verbosity == Verbosity::Verbose
+                              ? Qv::Ptr<ApplicationLog>(new ApplicationLog(console_))
+                              : Qv::Ptr<ApplicationLog>());
     TurnGuard turn(turns, job);
     losses.input = input;
     losses.target = flavour.name;
@@ -140,7 +142,7 @@ Outcome Commands::convertDocument(std::size_t job, const std::string& input, con
         else
             losses.outputs.push_back(stems[i] + extension);
         if (e->isShot()) continue;
-        DocumentInfo info = describe({e}, {}, input, format);
+        DocumentInfo info = describeTimeline({e}, format);
         if (info.sequences.empty()) continue;
         const SequenceInfo& s = info.sequences.front();
         for (Loss& l : targetLosses(s, flavour.name, o.silent, o.skipOffline))
@@ -222,8 +224,9 @@ Outcome Commands::convertAll(const Options& o, const Flavour& flavour,
 Outcome Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour,
                                    const Options& o, const std::string& fileName,
                                    const std::string& input) {
-    Qv::Ptr<ApplicationLog> appLog(new ApplicationLog(console_, o.verbosity == Verbosity::Verbose));
-    ThreadAppLog appScope(appLog);
+    ThreadAppLog appScope(o.verbosity == Verbosity::Verbose
+                              ? Qv::Ptr<ApplicationLog>(new ApplicationLog(console_))
+                              : Qv::Ptr<ApplicationLog>());
     console_->takeLosses();
     if (Outcome r = exportEdit(edit, flavour, o, fileName); !r.ok()) return r;
     DocumentLosses losses;
@@ -237,7 +240,7 @@ Outcome Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& fla
     std::vector<LossRecord> records = console_->takeLosses();
     losses.warnings = console_->warnings();
     if (!edit->isShot()) {
-        DocumentInfo info = describe({edit}, identitiesOf(EditStore::current()), input, "snapshot");
+        DocumentInfo info = describeTimeline({edit}, "snapshot");
         if (!info.sequences.empty()) {
             const SequenceInfo& s = info.sequences.front();
             losses.items = targetLosses(s, flavour.name, o.silent, o.skipOffline);

@@ -49,8 +49,11 @@ std::string sourceTimecode(const Edit& shot, double celTime) {
 class Describer {
   public:
     Describer(const IdentitySet& before, const std::string& documentPath, const std::string& format,
-              const Resolutions& resolutions)
-        : before_(before), resolutions_(resolutions), store_(EditStore::current()) {
+              const Resolutions& resolutions, bool whereabouts = true)
+        : before_(before),
+          resolutions_(resolutions),
+          store_(EditStore::current()),
+          whereabouts_(whereabouts) {
         doc_.path = documentPath;
         doc_.format = format;
     }
@@ -194,6 +197,7 @@ class Describer {
             clip.media = mediaIndex(*shot);
             ++doc_.media[static_cast<std::size_t>(clip.media)].uses;
             clip.offline = doc_.media[static_cast<std::size_t>(clip.media)].status == "offline";
+            if (!whereabouts_) return clip;
             double length = (c.editOut - c.editIn) * (c.speed == 0 ? 0 : std::abs(c.speed));
             clip.sourceIn = sourceTimecode(*shot, offset + c.sourceIn);
             clip.sourceOut = sourceTimecode(*shot, offset + c.sourceIn + length);
@@ -221,7 +225,16 @@ class Describer {
     int mediaIndex(const Edit& shot) {
         auto [it, fresh] =
             index_.try_emplace(shot.cookie.uuid, static_cast<int>(doc_.media.size()));
-        if (fresh) doc_.media.push_back(media(shot));
+        if (fresh) {
+            if (whereabouts_) {
+                doc_.media.push_back(media(shot));
+            } else {
+                MediaInfo m;
+                m.cookie = shot.cookie;
+                m.name = narrow(shot.name);
+                doc_.media.push_back(std::move(m));
+            }
+        }
         return it->second;
     }
 
@@ -294,6 +307,10 @@ class Describer {
     EditStore& store_;
     DocumentInfo doc_;
     std::map<Qv::UUID, int> index_;
+    // Where each file is and how it was had, and the source timecodes: all
+    // but the loss report of a conversion read them. Finding a file's place
+    // costs a stat and a realpath per shot.
+    bool whereabouts_;
 };
 
 }  // namespace
@@ -345,6 +362,11 @@ DocumentInfo describe(const std::vector<Qv::Ptr<Edit>>& sequences, const Identit
                       const std::string& documentPath, const std::string& format,
                       const Resolutions& resolutions) {
     return Describer(before, documentPath, format, resolutions).run(sequences);
+}
+
+DocumentInfo describeTimeline(const std::vector<Qv::Ptr<Edit>>& sequences,
+                              const std::string& format) {
+    return Describer({}, {}, format, {}, false).run(sequences);
 }
 
 Resolutions resolutionsFrom(const std::vector<std::string>& lines) {

@@ -141,6 +141,13 @@ DocumentInfo describe(const std::vector<Qv::Ptr<Edit>>& sequences, const Identit
                       const std::string& documentPath, const std::string& format,
                       const Resolutions& resolutions = {});
 
+// The timeline alone: tracks, clips, gaps, transitions and markers, with
+// each clip's media told apart by identity only (no place, status or
+// source timecode). What a conversion's loss report reads, at a fraction of
+// the cost.
+DocumentInfo describeTimeline(const std::vector<Qv::Ptr<Edit>>& sequences,
+                              const std::string& format);
+
 // The name of a channel as editors number tracks: the lowest video track is
 // V1 (the editor's first video channel is the top one), audio A1 onwards.
 std::string trackName(const Edit& edit, const StoredChannel& channel);

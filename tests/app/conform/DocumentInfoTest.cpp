@@ -1,0 +1,67 @@
+// What a document holds, as info and the loss report see it: the timeline
+// alone (what a conversion's loss report reads) must give every target the
+// losses that the whole description gives.
+#include "app/conform/DocumentInfo.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "app/conform/LossReport.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using qvapp::DocumentInfo;
+
+std::string lossesOf(const DocumentInfo& info, const std::string& target, bool skipOffline) {
+    std::string text;
+    for (const qvapp::SequenceInfo& s : info.sequences)
+        for (const qvapp::Loss& l : qvapp::targetLosses(s, target, true, skipOffline))
+            text += l.kind + " " + l.sequence + " " + l.track + " " + l.timecode + " " +
+                    std::to_string(l.frame) + " " + l.detail + "\n";
+    return text;
+}
+
+class DocumentInfoTest : public qvtest::StoreTest {};
+
+// Every xmeml document of the corpus: transitions, speed changes, levels,
+// multi-angle clips, nests, reels and log texts, offline and missing media.
+TEST_F(DocumentInfoTest, TheTimelineAloneGivesEveryTargetTheSameLosses) {
+    const std::string folder = std::string(QVXML_CORPUS) + "/xmeml";
+    std::vector<std::string> names = qvtest::listDirectory(folder);
+    ASSERT_GE(names.size(), 20u) << folder;
+    int clips = 0;
+    for (const std::string& name : names) {
+        SCOPED_TRACE(name);
+        EditStore project;
+        ScopedCurrentStore scope(project);
+        XML::ImportResult r = qvtest::importFile(folder + "/" + name);
+        std::vector<Qv::Ptr<Edit>> sequences;
+        for (const EditModifier& m : r.edits)
+            if (Qv::Ptr<Edit> e = project.find(m.getCookie())) sequences.push_back(e);
+        DocumentInfo whole = qvapp::describe(sequences, {}, folder + "/" + name, "xmeml");
+        DocumentInfo timeline = qvapp::describeTimeline(sequences, "xmeml");
+        ASSERT_EQ(whole.sequences.size(), timeline.sequences.size());
+        for (std::size_t i = 0; i < whole.sequences.size(); ++i) {
+            const qvapp::SequenceInfo &a = whole.sequences[i], &b = timeline.sequences[i];
+            ASSERT_EQ(a.clips.size(), b.clips.size());
+            for (std::size_t k = 0; k < a.clips.size(); ++k) {
+                EXPECT_EQ(a.clips[k].media, b.clips[k].media);
+                EXPECT_EQ(a.clips[k].recordIn, b.clips[k].recordIn);
+            }
+            EXPECT_EQ(a.tracks.size(), b.tracks.size());
+            EXPECT_EQ(a.markers.size(), b.markers.size());
+            clips += static_cast<int>(a.clips.size());
+        }
+        for (const char* target : {"xmeml", "fcpxml", "native", "otio", "edl"})
+            for (bool skipOffline : {false, true})
+                EXPECT_EQ(lossesOf(whole, target, skipOffline),
+                          lossesOf(timeline, target, skipOffline))
+                    << target << (skipOffline ? " --skip-offline" : "");
+    }
+    EXPECT_GT(clips, 1000);
+}
+
+}  // namespace
