@@ -639,6 +639,11 @@ std::unique_ptr<XMLParser> XMLParser::view(unsigned int element) const {
     return std::unique_ptr<XMLParser>(new XMLParser(index_, element));
 }
 
+std::unique_ptr<XMLParser> XMLParser::sectionAt(unsigned int element) const {
+    if (element >= index_->elements.size()) return nullptr;
+    return view(element);
+}
+
 std::unique_ptr<XMLParser> XMLParser::section(std::string_view tag, unsigned int index) const {
     u32 number = nth(tag, index);
     return number == kNone ? nullptr : view(number);

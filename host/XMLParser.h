@@ -57,6 +57,16 @@ class XMLParser {
     // over a text), so that a caller can say where an element stands.
     std::vector<Tag> attributes() const;
     std::size_t offset() const;
+    // For a parser made by section(): the number of its element in the index
+    // it shares with the first parser (kNoElement for a parser made over a
+    // text). With sameIndex() and sectionAt() a reader keeps four bytes to
+    // find an element again, where it would keep copies of its texts.
+    static constexpr unsigned int kNoElement = 0xFFFFFFFFu;
+    unsigned int element() const { return root_; }
+    bool sameIndex(const XMLParser& other) const { return index_ == other.index_; }
+    // The element that element() numbered, as section() gives it; null for a
+    // number this index does not hold or an element with nothing inside.
+    std::unique_ptr<XMLParser> sectionAt(unsigned int element) const;
     // For a parser made by section(): whether getSection() gives its element
     // a text. Only a leaf that holds nothing but comments, processing
     // instructions and empty CDATA sections has none. For a parser made over

@@ -375,7 +375,15 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
         }
     }
     if (places_.empty()) places_.push_back(place_);
-    pendingRefs_.push_back({cel, isVideo, itemName, itemId, places_.size() - 1, start});
+    PendingRef pending{
+        cel, start, XMLParser::kNoElement, 0, static_cast<unsigned>(places_.size() - 1), isVideo};
+    if (document_ && ip.sameIndex(*document_) && ip.element() != XMLParser::kNoElement) {
+        pending.element = ip.element();
+    } else {
+        pending.named = static_cast<unsigned>(namedItems_.size());
+        namedItems_.push_back({itemName, itemId});
+    }
+    pendingRefs_.push_back(pending);
 
     // Level keyframes, in the clip's source frames, placed on the sequence
     // as fractions of its length.

@@ -225,6 +225,13 @@ void FCP5XMLReader::checkNesting() {
     }
 }
 
+FCP5XMLReader::NamedItem FCP5XMLReader::itemOf(const PendingRef& p) const {
+    if (p.element == XMLParser::kNoElement) return namedItems_[p.named];
+    std::unique_ptr<XMLParser> item = document_ ? document_->sectionAt(p.element) : nullptr;
+    if (!item) return {};
+    return {leaf(*item, "name"), fcp5read::idOf(*item)};
+}
+
 void FCP5XMLReader::checkReferences() {
     for (PendingRef& p : pendingRefs_) {
         if (reported_.count(p.cel)) continue;
@@ -264,13 +271,15 @@ void FCP5XMLReader::checkReferences() {
             }
         }
         place_ = places_[p.place];
-        LossRecord r = lossHere(
-            kind, p.frame, fcp5read::itemText(p.name, p.id) + LightweightString<char>(": " + why));
+        const NamedItem item = itemOf(p);
+        LossRecord r =
+            lossHere(kind, p.frame,
+                     fcp5read::itemText(item.name, item.id) + LightweightString<char>(": " + why));
         logger.LossOut(r);
         logger.WarningOut(
             "Badly defined clip - name <%s> XML reference <%s>: clip item <%s> of sequence "
             "\"%s\", track %s at %s, plays %s (%s)",
-            p.name.c_str(), ref.c_str(), p.id.c_str(), r.sequence.c_str(), r.track.c_str(),
+            item.name.c_str(), ref.c_str(), item.id.c_str(), r.sequence.c_str(), r.track.c_str(),
             r.timecode.empty() ? "an unknown place" : r.timecode.c_str(),
             p.isVideo ? "black" : "silence", why.c_str());
     }

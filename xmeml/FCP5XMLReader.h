@@ -12,6 +12,7 @@
 // index: a parser over the element's inside that copies and scans nothing.
 #pragma once
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <set>
@@ -124,14 +125,24 @@ class FCP5XMLReader : public XMLReader, private fcp5read::ValueCheck {
         bool videoFromUses = false;           // a picture stream that says nothing
         LightweightString<char> mediaSource;  // synthetic media ("Slug", ...)
     };
-    // A cel whose reference is checked once every record is made.
+    // A cel whose reference is checked once every record is made. Its clip
+    // item is found again in the document by its element number: a long
+    // document makes hundreds of thousands of these, and few are ever told.
+    // An item read outside a document keeps its name and id among
+    // namedItems_.
     struct PendingRef {
         CED2Cell* cel;
-        bool isVideo;
-        LightweightString<char> name, id;  // of the clip item
-        std::size_t place;                 // in places_
         long long frame;
+        unsigned element;  // of the clip item; XMLParser::kNoElement: see `named`
+        unsigned named;    // in namedItems_
+        unsigned place;    // in places_
+        bool isVideo;
     };
+    struct NamedItem {
+        LightweightString<char> name, id;
+    };
+    // The clip item's name and id, as a message names it.
+    NamedItem itemOf(const PendingRef& p) const;
     // A cel that plays a nested sequence, for the check that no sequence
     // holds itself.
     struct NestedUse {
@@ -200,7 +211,8 @@ class FCP5XMLReader : public XMLReader, private fcp5read::ValueCheck {
     std::unordered_map<std::string, double> sequenceTicks_;
     std::unordered_map<std::string, unsigned> clipItemsById_;
     bool clipItemsIndexed_ = false;
-    std::vector<PendingRef> pendingRefs_;
+    std::deque<PendingRef> pendingRefs_;  // no copy of all of them as it grows
+    std::vector<NamedItem> namedItems_;
     std::vector<Place> places_;  // of every track walked, for the records made later
     std::vector<PendingBare> pendingBare_;
     std::vector<NestedUse> nestedUses_;

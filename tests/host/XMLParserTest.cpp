@@ -446,6 +446,35 @@ TEST(XMLParser, SectionParsersAnswerAsParsersOverTheirText) {
     }
 }
 
+// A reader keeps an element's number and finds the element again later, from
+// the document or from any section of it: the same element, not its
+// neighbour, whatever its depth.
+TEST(XMLParser, AnElementFoundAgainByItsNumberIsTheSameSection) {
+    const std::string doc =
+        "<a><b id='1'><c>one</c></b><b id='2'><c>two</c><b id='3'><c>three</c></b></b>"
+        "<d><b id='4'><c>four</c></b></d></a>";
+    XMLParser parser(doc.c_str(), -1);
+    EXPECT_EQ(parser.element(), XMLParser::kNoElement);
+    std::unique_ptr<XMLParser> d = parser.section("d", 0);
+    ASSERT_TRUE(d);
+    for (unsigned i = 0; i < 4; ++i) {
+        std::unique_ptr<XMLParser> b = parser.section("b", i);
+        ASSERT_TRUE(b);
+        EXPECT_TRUE(b->sameIndex(parser));
+        for (const XMLParser* from : {&parser, d.get(), b.get()}) {
+            std::unique_ptr<XMLParser> again = from->sectionAt(b->element());
+            ASSERT_TRUE(again);
+            EXPECT_EQ(again->attributes().at(0).value.str(), std::to_string(i + 1));
+            EXPECT_EQ(again->getValue("c", 0).text.str(), b->getValue("c", 0).text.str());
+            EXPECT_EQ(again->offset(), b->offset());
+        }
+    }
+    EXPECT_FALSE(parser.sectionAt(1000));
+    EXPECT_FALSE(parser.sectionAt(XMLParser::kNoElement));
+    XMLParser copy(doc.c_str(), -1);
+    EXPECT_FALSE(copy.sameIndex(parser));
+}
+
 TEST(XMLParser, ReadsARealDocumentLevelByLevel) {
     const std::string doc = corpus("premiere_example.xml");
     if (doc.empty()) GTEST_SKIP() << "corpus not found";
