@@ -29,7 +29,7 @@ class EdlCorpus : public qvtest::StoreTest {
   protected:
     void SetUp() override {
         QVEDL_NEED_CORPUS();
-        if (!qvedl::havePython()) GTEST_SKIP() << "no Python 3 for the independent reading";
+        QVTEST_NEED(qvedl::havePython(), "no Python 3 for the independent reading");
     }
 };
 
@@ -56,7 +56,7 @@ TEST_F(EdlCorpus, EveryListReadsAsAnIndependentReadingSays) {
 // speed, a freeze across a minute, a locator): as the independent reading
 // says, at its rate and at 25, and a fixpoint after one crossing.
 TEST(EdlData, EveryKindOfEventReadsAsAnIndependentReadingSays) {
-    if (!qvedl::havePython()) GTEST_SKIP() << "no Python 3 for the independent reading";
+    QVTEST_NEED(qvedl::havePython(), "no Python 3 for the independent reading");
     std::string file = std::string(QVXML_TEST_DATA) + "/edl/kinds.edl";
     for (Qv::FrameRate rate : {Qv::eFrameRate29_97, Qv::eFrameRate25}) {
         EditStore project;

@@ -16,11 +16,6 @@ std::string corpus() {
     return qvtest::exists(dir + "/edl") ? dir : std::string();
 }
 
-bool onCi() {
-    const char* ci = std::getenv("CI");
-    return ci && std::string(ci) == "true";
-}
-
 bool havePython() {
     return std::string(QVXML_PYTHON).size() > 0;
 }

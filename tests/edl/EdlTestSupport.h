@@ -14,20 +14,15 @@
 #include "edl/EdlWriter.h"
 #include "host/Edit.h"
 #include "plugin/Results.h"
+#include "tests/support/TestSupport.h"
 
 namespace qvedl {
 
 // The corpus of lists by other editors; empty when it is not there, which
 // fails the test under CI=true and skips it elsewhere.
 std::string corpus();
-#define QVEDL_NEED_CORPUS()                                                      \
-    do {                                                                         \
-        if (qvedl::corpus().empty()) {                                           \
-            if (qvedl::onCi()) FAIL() << "the corpus is not beside the project"; \
-            GTEST_SKIP() << "the corpus is not beside the project";              \
-        }                                                                        \
-    } while (0)
-bool onCi();
+#define QVEDL_NEED_CORPUS() \
+    QVTEST_NEED(!qvedl::corpus().empty(), "the corpus is not beside the project")
 
 bool havePython();
 // edl_reading.py FILE TICKS FPS: what each track of the list plays.

@@ -49,8 +49,8 @@ void expectFixpoint(const Cookie& edit, const std::string& written, bool schema,
 class OtioCorpus : public qvtest::StoreTest {
   protected:
     void SetUp() override {
-        if (corpus().empty()) GTEST_SKIP() << "the corpus is not beside the project";
-        if (!qvotio::havePython()) GTEST_SKIP() << "no Python 3 for the independent reading";
+        QVTEST_NEED(!corpus().empty(), "the corpus is not beside the project");
+        QVTEST_NEED(qvotio::havePython(), "no Python 3 for the independent reading");
     }
     qvtest::TempDir dir;
 };

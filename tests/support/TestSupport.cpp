@@ -70,6 +70,11 @@ void writeFile(const std::string& path, const std::string& content) {
     out << content;
 }
 
+bool onCi() {
+    const char* ci = std::getenv("CI");
+    return ci && std::string(ci) == "true";
+}
+
 bool exists(const std::string& path) {
     struct stat st;
     return ::stat(path.c_str(), &st) == 0;

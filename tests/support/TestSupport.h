@@ -37,6 +37,18 @@ std::string withoutHeadComment(const std::string& document);
 void writeFile(const std::string& path, const std::string& content);
 bool exists(const std::string& path);
 std::vector<std::string> listDirectory(const std::string& dir);
+// Whether the tests run in CI (CI=true), where the shared corpus and every tool
+// the tests use are installed.
+bool onCi();
+// Skips a test for which something is missing (the shared corpus beside the
+// project, a tool): in CI that is a failure, as CI has everything.
+#define QVTEST_NEED(present, what)                \
+    do {                                          \
+        if (!(present)) {                         \
+            if (qvtest::onCi()) FAIL() << (what); \
+            GTEST_SKIP() << (what);               \
+        }                                         \
+    } while (0)
 // `s` quoted for the shell, as one word.
 std::string shellQuote(const std::string& s);
 // What `command`, run by the shell, writes on its standard output, read as

@@ -81,7 +81,7 @@ TEST_F(Conform, DrawnPageShowsEveryClipInChromium) {
         GTEST_SKIP() << "chromium is not installed";
     }
     const std::string document = kCorpus + "/xmeml/premiere_example.xml";
-    if (!fs::exists(document)) GTEST_SKIP() << "the corpus is not here";
+    QVTEST_NEED(fs::exists(document), "the corpus is not here");
     const std::string page = dir.file("cut.html");
     Outcome drawn = qvxml("draw " + quote(document) + " -o " + quote(page));
     ASSERT_EQ(drawn.status, 0) << drawn.err;
