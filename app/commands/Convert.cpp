@@ -40,8 +40,11 @@ class TurnGuard {
 // is formatted where no log takes it.
 class ThreadAppLog {
   public:
-    explicit ThreadAppLog(Qv::Ptr<ApplicationLog> log) : previous_(threadApplicationLog()) {
-        setThreadApplicationLog(Qv::Ptr<iLogSink>(log));
+    ThreadAppLog(const Qv::Ptr<ConsoleLog>& console, const Options& o)
+        : previous_(threadApplicationLog()) {
+        setThreadApplicationLog(o.verbosity == Verbosity::Verbose
+                                    ? Qv::Ptr<iLogSink>(new ApplicationLog(console))
+                                    : Qv::Ptr<iLogSink>());
     }
     ~ThreadAppLog() { setThreadApplicationLog(previous_); }
     ThreadAppLog(const ThreadAppLog&) = delete;
@@ -76,9 +79,7 @@ Outcome Commands::convertDocument(std::size_t job, const std::string& input, con
     // Each document goes into a fresh project of its own.
     EditStore project;
     ScopedCurrentStore scope(project);
-    ThreadAppLog appScope(o.verbosity == Verbosity::Verbose
-                              ? Qv::Ptr<ApplicationLog>(new ApplicationLog(console_))
-                              : Qv::Ptr<ApplicationLog>());
+    ThreadAppLog appScope(console_, o);
     TurnGuard turn(turns, job);
     losses.input = input;
     losses.target = flavour.name;
@@ -224,9 +225,7 @@ Outcome Commands::convertAll(const Options& o, const Flavour& flavour,
 Outcome Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour,
                                    const Options& o, const std::string& fileName,
                                    const std::string& input) {
-    ThreadAppLog appScope(o.verbosity == Verbosity::Verbose
-                              ? Qv::Ptr<ApplicationLog>(new ApplicationLog(console_))
-                              : Qv::Ptr<ApplicationLog>());
+    ThreadAppLog appScope(console_, o);
     console_->takeLosses();
     if (Outcome r = exportEdit(edit, flavour, o, fileName); !r.ok()) return r;
     DocumentLosses losses;
