@@ -46,7 +46,7 @@
 namespace {
 
 using u32 = std::uint32_t;
-constexpr u32 kNone = XMLParser::kNoElement;
+constexpr u32 kNone = 0xFFFFFFFFu;
 
 // Character classes for the scanner.
 constexpr unsigned char kSpace = 1;      // XML white space

@@ -40,11 +40,8 @@ class TurnGuard {
 // is formatted where no log takes it.
 class ThreadAppLog {
   public:
-    ThreadAppLog(const Qv::Ptr<ConsoleLog>& console, const Options& o)
-        : previous_(threadApplicationLog()) {
-        setThreadApplicationLog(o.verbosity == Verbosity::Verbose
-                                    ? Qv::Ptr<iLogSink>(new ApplicationLog(console))
-                                    : Qv::Ptr<iLogSink>());
+    explicit ThreadAppLog(Qv::Ptr<ApplicationLog> log) : previous_(threadApplicationLog()) {
+        setThreadApplicationLog(Qv::Ptr<iLogSink>(log));
     }
     ~ThreadAppLog() { setThreadApplicationLog(previous_); }
     ThreadAppLog(const ThreadAppLog&) = delete;
@@ -79,7 +76,9 @@ Outcome Commands::convertDocument(std::size_t job, const std::string& input, con
     // Each document goes into a fresh project of its own.
     EditStore project;
     ScopedCurrentStore scope(project);
-    ThreadAppLog appScope(console_, o);
+    ThreadAppLog appScope(o.verbosity == Verbosity::Verbose
+                              ? Qv::Ptr<ApplicationLog>(new ApplicationLog(console_))
+                              : Qv::Ptr<ApplicationLog>());
     TurnGuard turn(turns, job);
     losses.input = input;
     losses.target = flavour.name;
@@ -225,7 +224,9 @@ Outcome Commands::convertAll(const Options& o, const Flavour& flavour,
 Outcome Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& flavour,
                                    const Options& o, const std::string& fileName,
                                    const std::string& input) {
-    ThreadAppLog appScope(console_, o);
+    ThreadAppLog appScope(o.verbosity == Verbosity::Verbose
+                              ? Qv::Ptr<ApplicationLog>(new ApplicationLog(console_))
+                              : Qv::Ptr<ApplicationLog>());
     console_->takeLosses();
     if (Outcome r = exportEdit(edit, flavour, o, fileName); !r.ok()) return r;
     DocumentLosses losses;
