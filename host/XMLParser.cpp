@@ -8,8 +8,9 @@
 // the run of elements nested in it ends. Names are interned into small ids while
 // scanning; afterwards the elements are bucketed by name id (a counting sort,
 // which keeps document order), so that a question finds its answers without
-// walking the whole table. Attributes are split, and leaf text decoded, only
-// when a question returns the element.
+// walking the whole table. The table keeps no name of its own: an element's
+// name stands in the text just before its attributes. Attributes are split, and leaf text decoded,
+// only when a question returns the element.
 //
 // Every scan step moves forward and no step looks past the next '<' except the
 // skipping of comments, processing instructions, CDATA sections and
@@ -276,7 +277,8 @@ void parseAttributes(const char* p, const char* end, std::vector<XMLParser::Tag>
     }
 }
 
-// 16 bytes an element. Its start tag ends at the first '>' outside quotes
+// 12 bytes an element. Its name is the text between its '<' and
+// `attrBegin`: names hold no '<'. Its start tag ends at the first '>' outside quotes
 // after its name, found again when a question needs it: most elements have
 // no attributes, so that it is the next byte. The inner text begins after
 // that '>'; an empty element ("<a/>") has innerEnd at its '>', so that its
@@ -284,12 +286,11 @@ void parseAttributes(const char* p, const char* end, std::vector<XMLParser::Tag>
 // that follow it in the table up to `end`: its children are the first of
 // them and each one's `end` after that.
 struct Element {
-    u32 name;       // interned name id
     u32 attrBegin;  // just past the name
     u32 innerEnd;
     u32 end;  // the number of the first element that is not inside this one
 };
-static_assert(sizeof(Element) == 16);
+static_assert(sizeof(Element) == 12);
 
 struct NameSlot {
     u32 begin;  // where the name first appears in the text
@@ -331,6 +332,7 @@ struct XMLParser::Index {
     std::vector<Element> elements;  // in document order
     std::vector<NameSlot> slots;    // open addressing, power of two
     u32 names = 0;
+    std::vector<u32> nameOf;       // per element, during the scan: its name id
     std::vector<u32> openCount;    // per name id, during the scan
     std::vector<u32> nameLength;   // per name id, during the scan
     std::vector<u32> firstOfName;  // per name id, into byName; names + 1 entries
@@ -351,8 +353,10 @@ struct XMLParser::Index {
             firstOfName.clear();
             byName.clear();
         }
-        openCount = {};
-        nameLength = {};
+        // What only the scan needed goes back now (`= {}` would keep it).
+        nameOf = std::vector<u32>();
+        openCount = std::vector<u32>();
+        nameLength = std::vector<u32>();
     }
 
     std::string_view nameAt(const NameSlot& s) const { return {text + s.begin, s.length}; }
@@ -406,6 +410,7 @@ struct XMLParser::Index {
         // text counts what is left of its '<' once, when the table is full,
         // so that it grows by one copy at most.
         elements.reserve(size / 10);
+        nameOf.reserve(size / 10);
         std::vector<u32> open;  // the open elements, innermost last
         auto at = [base](const char* q) { return static_cast<u32>(q - base); };
 
@@ -429,11 +434,12 @@ struct XMLParser::Index {
                     // Usually it closes the innermost element: its name,
                     // and then no more of a name.
                     const Element& top = elements[open.back()];
-                    u32 length = nameLength[top.name];
+                    const u32 topName = nameOf[open.back()];
+                    u32 length = nameLength[topName];
                     if (static_cast<std::size_t>(end - name) >= length &&
                         sameName({name, length}, {text + top.attrBegin - length, length}) &&
                         (name + length == end || (classOf(name[length]) & kNameStop))) {
-                        id = top.name;
+                        id = topName;
                         t = name + length;
                     }
                 }
@@ -452,12 +458,13 @@ struct XMLParser::Index {
                 if (id == kNone) id = lookup(closing, hashName(closing));
                 if (id == kNone || openCount[id] == 0) continue;  // stray: ignored
                 for (;;) {
-                    Element& e = elements[open.back()];
+                    const u32 number = open.back();
                     open.pop_back();
+                    Element& e = elements[number];
                     e.innerEnd = at(lt);
                     e.end = static_cast<u32>(elements.size());
-                    --openCount[e.name];
-                    if (e.name == id) break;
+                    --openCount[nameOf[number]];
+                    if (nameOf[number] == id) break;
                 }
                 continue;
             }
@@ -482,8 +489,13 @@ struct XMLParser::Index {
             u32 id = intern(at(q), static_cast<u32>(nameEnd - q),
                             hashName({q, static_cast<std::size_t>(nameEnd - q)}));
             u32 number = static_cast<u32>(elements.size());
-            if (number == elements.capacity()) elements.reserve(number + countMarks(lt, end));
-            elements.push_back({id, at(nameEnd), selfClosing ? at(t) : size, number + 1});
+            if (number == elements.capacity()) {
+                std::size_t room = number + countMarks(lt, end);
+                elements.reserve(room);
+                nameOf.reserve(room);
+            }
+            elements.push_back({at(nameEnd), selfClosing ? at(t) : size, number + 1});
+            nameOf.push_back(id);
             if (!selfClosing) {
                 open.push_back(number);
                 ++openCount[id];
@@ -511,17 +523,25 @@ struct XMLParser::Index {
     // Buckets the element numbers by name id, keeping document order.
     void group() {
         firstOfName.assign(names + 1, 0);
-        for (const Element& e : elements)
-            ++firstOfName[e.name + 1];
+        for (u32 id : nameOf)
+            ++firstOfName[id + 1];
         for (u32 i = 1; i <= names; ++i)
             firstOfName[i] += firstOfName[i - 1];
         byName.resize(elements.size());
         for (u32 i = 0; i < elements.size(); ++i)
-            byName[firstOfName[elements[i].name]++] = i;
+            byName[firstOfName[nameOf[i]]++] = i;
         // Each entry now holds the end of its bucket, that is the start of the next.
         for (u32 i = names; i > 0; --i)
             firstOfName[i] = firstOfName[i - 1];
         firstOfName[0] = 0;
+    }
+
+    // Whether the element is named `name`, read from the text: its name runs
+    // from just after a '<' to its attributes.
+    bool named(const Element& e, std::string_view name) const {
+        std::size_t n = name.size();
+        return e.attrBegin > n && text[e.attrBegin - n - 1] == '<' &&
+               sameName({text + e.attrBegin - n, n}, name);
     }
 
     // The elements of that name: [first, last) in byName.
@@ -624,7 +644,7 @@ unsigned int XMLParser::nth(std::string_view tag, unsigned int index) const {
     constexpr u32 kWalk = 64;
     u32 stop = last_ - first_ <= kWalk ? last_ : first_ + kWalk;
     for (u32 i = first_; i < stop; ++i)
-        if (x.elements[i].name == id && index-- == 0) return i;
+        if (x.named(x.elements[i], tag) && index-- == 0) return i;
     if (stop == last_) return kNone;
     const u32* b = x.byName.data();
     const u32* lo = std::lower_bound(b + first, b + last, stop);
@@ -654,11 +674,16 @@ std::vector<unsigned int> XMLParser::topLevel(std::string_view tag) const {
     auto [first, last] = range(tag);
     if (first == last) return out;
     // The children are the first element inside and each one's end after
-    // that: a walk that skips whatever is nested deeper.
+    // that: a walk that skips whatever is nested deeper, beside the elements
+    // of that name inside, in document order too. A child is one of them
+    // when both walks meet on it.
     const std::vector<Element>& all = index_->elements;
-    u32 id = all[index_->byName[first]].name;
-    for (u32 i = first_; i < last_; i = all[i].end)
-        if (all[i].name == id) out.push_back(i);
+    const u32* named = index_->byName.data();
+    for (u32 i = first_, k = first; i < last_ && k < last; i = all[i].end) {
+        while (k < last && named[k] < i)
+            ++k;
+        if (k < last && named[k] == i) out.push_back(i);
+    }
     return out;
 }
 

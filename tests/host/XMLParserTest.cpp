@@ -177,6 +177,24 @@ TEST(XMLParser, TopLevelSectionsLeaveOutItemsOfNestedSequences) {
     EXPECT_EQ(parser.getSections_TopLevel("transitionitem").size(), 1u);
 }
 
+// The table finds an element's name in the text before its attributes: a
+// name that ends or begins another must not stand for it.
+TEST(XMLParser, NamesThatEndOrBeginOthersAreTheirOwn) {
+    const std::string doc =
+        "<clip><filename>f.mov</filename><names>several</names><x:name>spaced</x:name>"
+        "<name a=\"1\">mine</name><sub><name>deeper</name></sub></clip>";
+    XMLParser parser(doc.c_str(), -1);
+    std::unique_ptr<XMLParser> clip = parser.section("clip", 0);
+    ASSERT_TRUE(clip);
+    EXPECT_EQ(clip->getText("name", 0).str(), "mine");
+    EXPECT_EQ(clip->getText("name", 1).str(), "deeper");
+    EXPECT_EQ(clip->getText("names", 0).str(), "several");
+    EXPECT_EQ(clip->getText("filename", 0).str(), "f.mov");
+    EXPECT_EQ(clip->count("name"), 2u);
+    EXPECT_EQ(clip->getSections_TopLevel("name").size(), 1u);
+    EXPECT_TRUE(clip->getText("ame", 0).empty());
+}
+
 TEST(XMLParser, AttributesKeepOrderAndAreDecoded) {
     const std::string doc =
         "<xmeml version=\"5\" xmlns:x='urn:x' z=\"last\">"
