@@ -254,6 +254,9 @@ Outcome Commands::importDocuments(const std::vector<std::string>& inputs,
                 readAndCheck(input, head, lenient, untrusted, xmeml ? &lister : nullptr, converted);
             !r.ok())
             return r;
+        // The list is done with the scan; what the scan needed to make it
+        // (every media definition by id) goes back before the import.
+        const DocumentClips clips = lister.take();
         const LightweightString<wchar_t> path = widePath(absolute(input));
         MendedVersion mended(input, head, path, log(), std::move(converted));
 
@@ -289,7 +292,7 @@ Outcome Commands::importDocuments(const std::vector<std::string>& inputs,
                                    " could not be imported: its structure is broken "
                                    "(a Shot or Edit without channels, or an empty channel)");
         }
-        read_.push_back(readingLosses(input, lister.take(), madeHere()));
+        read_.push_back(readingLosses(input, clips, madeHere()));
         // What the check of the document found untrusted, it has told; so
         // has the reader each time it could not use.
         if (!untrusted) untrusted = readUnusable(read_.back()) || madeUntrusted();
