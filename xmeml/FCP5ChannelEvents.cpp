@@ -303,15 +303,15 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
         cel->refIsGhost = clipItemReferencesSubClip(ip);
         if (cel->refIsGhost) {
             base = leaf(ip, "name");
-        } else if (XMLParser::Value file = ip.getValue("file", 0); !file.attributes.empty()) {
-            base = file.attributes[0].value;
+        } else if (std::vector<XMLParser::Tag> file = ip.getAttributes("file", 0); !file.empty()) {
+            base = file[0].value;
         }
     }
     int trackNumber = 1;
     if (base.empty()) {
         cel->refId = "...?...";
     } else if (isVideo) {
-        cel->refId = base + "$0$";
+        cel->refId = sharedReference(std::string(base.view()) + "$0$");
     } else {
         // An audio cel plays the file's channel that its source track names.
         if (std::unique_ptr<XMLParser> source = inside(ip, "sourcetrack"))
@@ -324,7 +324,8 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
             cel->refId += digits[0];
             cel->refId += "$";
         } else {
-            cel->refId = base + formatText("$%d$", trackNumber);
+            cel->refId =
+                sharedReference(std::string(base.view()) + "$" + std::to_string(trackNumber) + "$");
         }
     }
 
@@ -375,12 +376,15 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
         }
     }
     if (places_.empty()) places_.push_back(place_);
-    PendingRef pending{
-        cel, start, XMLParser::kNoElement, 0, static_cast<unsigned>(places_.size() - 1), isVideo};
-    if (document_ && ip.sameIndex(*document_) && ip.element() != XMLParser::kNoElement) {
-        pending.element = ip.element();
+    // `start` came from an int position: the item's or the walk's.
+    PendingRef pending{cel, static_cast<int>(start), 0, static_cast<unsigned>(places_.size() - 1),
+                       isVideo};
+    // Element numbers stay below kNamed: every element takes three bytes
+    // of a text of at most 2 GB.
+    if (document_ && ip.sameIndex(*document_) && ip.element() < PendingRef::kNamed) {
+        pending.item = ip.element();
     } else {
-        pending.named = static_cast<unsigned>(namedItems_.size());
+        pending.item = PendingRef::kNamed | static_cast<unsigned>(namedItems_.size());
         namedItems_.push_back({itemName, itemId});
     }
     pendingRefs_.push_back(pending);
@@ -415,6 +419,13 @@ int FCP5XMLReader::addClip(Track& track, Cursor& cursor, TrackItem& item, bool i
     cursor.pendingLen = 0;
     cursor.pendingTrans = false;
     return 1;
+}
+
+LightweightString<char> FCP5XMLReader::sharedReference(std::string_view text) {
+    LightweightString<char>& slot =
+        recentReferences_[std::hash<std::string_view>()(text) % recentReferences_.size()];
+    if (slot.view() != text) slot = LightweightString<char>(text);
+    return slot;
 }
 
 }  // namespace XML

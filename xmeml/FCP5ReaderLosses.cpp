@@ -226,8 +226,8 @@ void FCP5XMLReader::checkNesting() {
 }
 
 FCP5XMLReader::NamedItem FCP5XMLReader::itemOf(const PendingRef& p) const {
-    if (p.element == XMLParser::kNoElement) return namedItems_[p.named];
-    std::unique_ptr<XMLParser> item = document_ ? document_->sectionAt(p.element) : nullptr;
+    if (p.item & PendingRef::kNamed) return namedItems_[p.item & ~PendingRef::kNamed];
+    std::unique_ptr<XMLParser> item = document_ ? document_->sectionAt(p.item) : nullptr;
     if (!item) return {};
     return {leaf(*item, "name"), fcp5read::idOf(*item)};
 }

@@ -567,6 +567,9 @@ int FCP5XMLReader::readSequence(const XMLParser& sp) {
             delete rec;
             return status;
         }
+        // The items of a walked track are done with: a long sequence does
+        // not hold every track's at once.
+        source.track.reset();
     }
     pendingBare_.clear();
     flushPassedOver();

@@ -12,6 +12,7 @@
 // index: a parser over the element's inside that copies and scans nothing.
 #pragma once
 
+#include <array>
 #include <deque>
 #include <map>
 #include <memory>
@@ -130,12 +131,13 @@ class FCP5XMLReader : public XMLReader, private fcp5read::ValueCheck {
     // document makes hundreds of thousands of these, and few are ever told.
     // An item read outside a document keeps its name and id among
     // namedItems_.
+    // 24 bytes: a long sequence keeps one for each of its clip items.
     struct PendingRef {
+        static constexpr unsigned kNamed = 0x80000000u;  // `item` is in namedItems_
         CED2Cell* cel;
-        long long frame;
-        unsigned element;  // of the clip item; XMLParser::kNoElement: see `named`
-        unsigned named;    // in namedItems_
-        unsigned place;    // in places_
+        int frame;
+        unsigned item;   // the clip item's element number, or kNamed | its place in namedItems_
+        unsigned place;  // in places_
         bool isVideo;
     };
     struct NamedItem {
@@ -209,6 +211,11 @@ class FCP5XMLReader : public XMLReader, private fcp5read::ValueCheck {
     std::unordered_map<std::string, FileFacts> fileFacts_;
     std::unordered_map<std::string, FileNeeds> fileNeeds_;
     std::unordered_map<std::string, double> sequenceTicks_;
+    // A cel's reference to what it plays: one shared copy of each text among
+    // those met lately, since the clip items of a long edit name the same few
+    // files over and over. A fixed table: what it holds cannot grow.
+    LightweightString<char> sharedReference(std::string_view text);
+    std::array<LightweightString<char>, 256> recentReferences_;
     std::unordered_map<std::string, unsigned> clipItemsById_;
     bool clipItemsIndexed_ = false;
     std::deque<PendingRef> pendingRefs_;  // no copy of all of them as it grows
