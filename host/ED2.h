@@ -52,18 +52,20 @@ struct CelAlternate {
 };
 
 // What a cel event carries, in the store and in a record alike. Times are
-// cel time (seconds).
+// cel time (seconds). The widest members come first, so that nothing is
+// padded: a long sequence holds hundreds of thousands of cels.
 struct CelData {
-    Cookie cookie;
     double editIn = 0, editOut = 0;
     double sourceIn = 0, sourceOut = 0;
+    std::vector<CelAlternate> alternates;
+    Cookie cookie;
     float level = 1.0f, levelEnd = 1.0f;
     float speed = 1.0f;
     int wipeCode = -1;
     Wipe_Direction wipeDirection = eWipeForward;
-    std::vector<CelAlternate> alternates;
     bool operator==(const CelData&) const = default;
 };
+static_assert(sizeof(CelData) == 96);
 
 class CED2Cell : public DLListRec, public CelData {
   public:
