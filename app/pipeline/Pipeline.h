@@ -20,4 +20,8 @@ std::string whyUnreadable(const std::string& input, const DocumentHead& head);
 // long convert would be the sum of its steps instead of the largest of them.
 void releaseFreedMemory();
 
+// Lets the threads of a run share as many heaps as it has jobs side by side,
+// instead of one heap each.
+void shareHeapAmong(int jobs);
+
 }  // namespace qvapp

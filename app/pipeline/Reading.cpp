@@ -3,9 +3,6 @@
 // the plug-in or the command's own readers, and the accounting of every clip
 // item afterwards.
 #include <fcntl.h>
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -59,29 +56,6 @@ std::string whyUnreadable(const std::string& input, const DocumentHead& head) {
         return file + " is not an XML document qvxml reads (no root element was found)";
     return file + " is no document qvxml reads: its root element is <" + head.root +
            ">, where QVXML or xmeml is expected";
-}
-
-// Under AddressSanitizer (or another sanitizer that owns the heap), glibc's
-// allocator holds nothing of ours, and asking it about itself would set it
-// up for the first time from whichever job thread asks first: two jobs of a
-// batch doing so at once leave its count of threads wrong, and glibc aborts
-// when one of them exits.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define QVXML_HEAP_IS_SANITIZERS 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || \
-    __has_feature(memory_sanitizer)
-#define QVXML_HEAP_IS_SANITIZERS 1
-#endif
-#endif
-
-void releaseFreedMemory() {
-#if defined(__GLIBC__) && !defined(QVXML_HEAP_IS_SANITIZERS)
-    // What is handed back costs a page fault a page when it is wanted again:
-    // worth it only when much is held, as after a long document.
-    constexpr std::size_t kWorthReleasing = std::size_t{32} << 20;
-    if (::mallinfo2().fordblks >= kWorthReleasing) ::malloc_trim(0);
-#endif
 }
 
 // The whole of a file, or false with errno set.
