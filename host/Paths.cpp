@@ -110,6 +110,7 @@ bool locator_UNCToLocal(WS& in, WS& out) {
 LightweightString<char> percentEncode(const LightweightString<char>& text) {
     static const char hex[] = "0123456789ABCDEF";
     std::string out;
+    out.reserve(text.size() + text.size() / 4);
     for (char ch : text.view()) {
         unsigned char c = static_cast<unsigned char>(ch);
         bool keep = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
@@ -128,6 +129,7 @@ LightweightString<char> percentEncode(const LightweightString<char>& text) {
 LightweightString<char> percentDecode(const LightweightString<char>& text) {
     std::string out;
     std::string_view s = text.view();
+    out.reserve(s.size());
     for (size_t i = 0; i < s.size(); ++i) {
         if (s[i] == '%' && i + 2 < s.size()) {
             int hi = hexValue(s[i + 1]);
@@ -258,6 +260,10 @@ std::string pathBytes(const WS& path) {
     out.reserve(path.size());
     for (wchar_t w : path.view()) {
         char32_t c = static_cast<char32_t>(w);
+        if (c < 0x80) {
+            out.push_back(static_cast<char>(c));
+            continue;
+        }
         if (c >= 0xDC80 && c <= 0xDCFF) {
             out.push_back(static_cast<char>(c - 0xDC00));
             continue;
