@@ -132,6 +132,7 @@ class MemoryFile final : public iFile {
     }
     unsigned write(const void*, unsigned) override { return 0; }
     std::uint64_t size() override { return bytes_->size(); }
+    const char* contents() override { return bytes_->c_str(); }
 
   private:
     std::shared_ptr<const std::string> bytes_;
@@ -139,8 +140,12 @@ class MemoryFile final : public iFile {
 };
 
 struct Overlays {
+    struct Entry {
+        std::shared_ptr<const std::string> bytes;
+        bool once = false;
+    };
     std::mutex mutex;
-    std::map<std::wstring, std::shared_ptr<const std::string>> content;
+    std::map<std::wstring, Entry> content;
 };
 Overlays& overlays() {
     static Overlays* o = new Overlays;
@@ -164,7 +169,11 @@ class FileSystem final : public iFileSystem {
             Overlays& o = overlays();
             std::lock_guard<std::mutex> lock(o.mutex);
             auto it = o.content.find(path.str());
-            if (it != o.content.end()) return Qv::Ptr<iFile>(new MemoryFile(it->second));
+            if (it != o.content.end()) {
+                Qv::Ptr<iFile> file(new MemoryFile(it->second.bytes));
+                if (it->second.once) o.content.erase(it);
+                return file;
+            }
         }
         int mode;
         if (access == 2) {
@@ -217,10 +226,10 @@ class PrivateLayer final : public iOSPrivate {
 
 }  // namespace
 
-void setFileOverlay(const LightweightString<wchar_t>& path, std::string content) {
+void setFileOverlay(const LightweightString<wchar_t>& path, std::string content, bool once) {
     Overlays& o = overlays();
     std::lock_guard<std::mutex> lock(o.mutex);
-    o.content[path.str()] = std::make_shared<const std::string>(std::move(content));
+    o.content[path.str()] = {std::make_shared<const std::string>(std::move(content)), once};
 }
 
 std::vector<FileWriteFailure> takeFileWriteFailures() {

@@ -43,6 +43,10 @@ class iFile : public iObject {
     virtual unsigned read(void* buffer, unsigned count) = 0;
     virtual unsigned write(const void* buffer, unsigned count) = 0;
     virtual std::uint64_t size() = 0;
+    // All of a file that is already in memory (an overlay), followed by a
+    // zero, for as long as the file is held; null for a file on the disk,
+    // which is read.
+    virtual const char* contents() { return nullptr; }
 };
 
 // Access arguments of iFileSystem::open. The host passes four numbers; only
@@ -78,8 +82,11 @@ iOS* OS();
 
 // While an overlay stands, opening `path` for reading through OS()->files()
 // reads `content` instead of the file's own bytes. The command uses it to
-// hand the plug-in a document it has mended, without writing to the disk.
-void setFileOverlay(const LightweightString<wchar_t>& path, std::string content);
+// hand the plug-in the document it has read and checked (and mended, where
+// it must), without reading the disk again or writing to it. An overlay
+// `once` is handed to the first opening alone, and later ones read the disk:
+// the bytes then live no longer than the reader holds them.
+void setFileOverlay(const LightweightString<wchar_t>& path, std::string content, bool once = false);
 void clearFileOverlay(const LightweightString<wchar_t>& path);
 
 // Files written through OS()->files() whose writing failed: a write that

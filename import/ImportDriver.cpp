@@ -52,9 +52,12 @@ int getAnXMLReader(Qv::Ptr<XMLReader>& reader, XMLFlavour flavour, LoggerHandle 
 
 namespace {
 
-// A document read whole into memory, with a zero after its last byte.
+// A document read whole into memory, with a zero after its last byte: the
+// bytes the host holds already, or a copy read from the disk.
 struct Document {
     int status = kStatusOK;
+    const char* text = nullptr;
+    Qv::Ptr<iFile> held;  // keeps the host's bytes
     std::unique_ptr<char[]> buffer;
 };
 
@@ -71,6 +74,11 @@ Document readDocument(const LightweightString<wchar_t>& path) {
         doc.status = kStatusUnreadable;
         return doc;
     }
+    if (const char* held = file->contents()) {
+        doc.text = held;
+        doc.held = file;
+        return doc;
+    }
     doc.buffer.reset(new (std::nothrow) char[size + 1]);
     if (!doc.buffer) {
         doc.status = kStatusNoMemory;
@@ -79,6 +87,7 @@ Document readDocument(const LightweightString<wchar_t>& path) {
     unsigned count = file->read(doc.buffer.get(), static_cast<unsigned>(size));
     if (count != size) doc.status = kStatusUnreadable;
     doc.buffer[count] = '\0';
+    doc.text = doc.buffer.get();
     return doc;
 }
 
@@ -97,7 +106,7 @@ ImportResult XMLImportFiles(const ImportFileList& files, LoggerHandle log) {
         Qv::Ptr<XMLReader> reader;
         int parsed = 0;
         {
-            XMLParser parser(doc.buffer.get(), -1);
+            XMLParser parser(doc.text, -1);
             XMLFlavour flavour = detectXMLFlavour(parser);
             if (flavour < XMLFlavourQV1 || flavour > XMLFlavourQV2) {
                 result.status = kStatusUnknown;
@@ -110,6 +119,8 @@ ImportResult XMLImportFiles(const ImportFileList& files, LoggerHandle log) {
         // The lists hold what the records need: the document and its index
         // go before the records are written, which is when an import needs
         // the most memory.
+        doc.text = nullptr;
+        doc.held = nullptr;
         doc.buffer.reset();
         ImportResult one = reader->finishImport(parsed);
         result.status = one.status;
@@ -122,7 +133,7 @@ ImportResult XMLImportFiles(const ImportFileList& files, LoggerHandle log) {
 Qv::FrameRate getSequenceFrameRate(const LightweightString<wchar_t>& path) {
     Document doc = readDocument(path);
     if (doc.status != kStatusOK) return Qv::eFrameRateNone;
-    XMLParser parser(doc.buffer.get(), -1);
+    XMLParser parser(doc.text, -1);
     XMLFlavour flavour = detectXMLFlavour(parser);
     if (flavour < XMLFlavourQV1 || flavour > XMLFlavourQV2) return Qv::eFrameRateNone;
     Qv::Ptr<XMLReader> reader;

@@ -82,11 +82,14 @@ class Commands {
                           const DocumentHead& head, bool lenient, bool& untrusted,
                           XmlObserver* observer = nullptr);
     // Reads a document's bytes and checks them (checkDocument). A document
-    // declared in ISO-8859-1 or Windows-1252 is checked as UTF-8: its
-    // converted text is left in `converted` (empty otherwise), to be handed
-    // to the plug-in (MendedVersion), and `head` is read again from it.
+    // declared in ISO-8859-1 or Windows-1252 is checked as UTF-8, and `head`
+    // is read again from its converted text. The bytes as checked are left
+    // in `bytes`, to be handed to the plug-in (MendedVersion), so that the
+    // document is read from the disk once; `converted` says whether they
+    // are still the file's own.
     Outcome readAndCheck(const std::string& input, DocumentHead& head, bool lenient,
-                         bool& untrusted, XmlObserver* observer, std::string& converted);
+                         bool& untrusted, XmlObserver* observer, std::string& bytes,
+                         bool& converted);
     // The losses of reading a document: what the reader recorded, and the
     // clip items of `clips` that the check cannot account for, which it
     // also tells in warnings.

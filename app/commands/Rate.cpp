@@ -32,13 +32,14 @@ Outcome Commands::rate(const Options& o) {
     }
     if (isListInput(input)) return rateOfList(input);
     DocumentHead head = readDocumentHead(input);
-    std::string converted;
-    bool untrusted = false;
-    if (Outcome r = readAndCheck(input, head, o.lenient, untrusted, nullptr, converted); !r.ok())
+    std::string bytes;
+    bool untrusted = false, converted = false;
+    if (Outcome r = readAndCheck(input, head, o.lenient, untrusted, nullptr, bytes, converted);
+        !r.ok())
         return r;
     Qv::FrameRate r;
     {
-        MendedVersion mended(input, head, path, log(), std::move(converted));
+        MendedVersion mended(input, head, path, log(), std::move(bytes), converted);
         r = resource->getFrameRate(path);
     }
     if (r == Qv::eFrameRateNone) {

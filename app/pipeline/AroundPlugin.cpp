@@ -10,10 +10,10 @@ namespace qvapp {
 
 MendedVersion::MendedVersion(const std::string& input, const DocumentHead& head,
                              const LightweightString<wchar_t>& path, LoggerHandle log,
-                             std::string converted)
+                             std::string handed, bool converted)
     : path_(path) {
     VersionMend mend = mendVersion(head);
-    std::string bytes = std::move(converted);
+    std::string bytes = std::move(handed);
     const bool handedOver = !bytes.empty();
     bool mended = false;
     if (!mend.attribute.empty() && (handedOver || readWhole(input, bytes)) &&
@@ -22,7 +22,10 @@ MendedVersion::MendedVersion(const std::string& input, const DocumentHead& head,
         mended = true;
     }
     if (!mended && !handedOver) return;
-    setFileOverlay(path_, std::move(bytes));
+    // Bytes that are the file's own go to the reader alone, which gives
+    // them back as soon as it has read them; mended or converted ones stand
+    // for the file for as long as this lives.
+    setFileOverlay(path_, std::move(bytes), !mended && !converted);
     active_ = true;
     if (mended)
         log.WarningOut("%s: %s version \"%s\" is read as version %s", input.c_str(),

@@ -32,14 +32,17 @@ namespace qvapp {
 // an xmeml version as a decimal ("5.0") where the readers want "5", and the
 // native writer spells the attribute version="2" where its readers want
 // Version="2.0"; refusing such a document would lose a timeline over a
-// spelling (see mendVersion). `converted`, when not empty, is the document
-// turned into UTF-8 (see toUtf8), handed over in its place whether or not
-// its version needs mending; `head` is then the head of those bytes.
+// spelling (see mendVersion). `bytes`, when not empty, is the document as
+// the command read and checked it (turned into UTF-8, see toUtf8), handed
+// over in its place whether or not its version needs mending, so that the
+// plug-in reads what was checked without reading the file again; `head` is
+// the head of those bytes, and `converted` says that they are not the
+// file's own.
 class MendedVersion {
   public:
     MendedVersion(const std::string& input, const DocumentHead& head,
-                  const LightweightString<wchar_t>& path, LoggerHandle log,
-                  std::string converted = {});
+                  const LightweightString<wchar_t>& path, LoggerHandle log, std::string bytes = {},
+                  bool converted = false);
     ~MendedVersion();
     MendedVersion(const MendedVersion&) = delete;
     MendedVersion& operator=(const MendedVersion&) = delete;

@@ -119,8 +119,10 @@ Outcome Commands::checkDocument(const std::string& input, std::string_view bytes
 }
 
 Outcome Commands::readAndCheck(const std::string& input, DocumentHead& head, bool lenient,
-                               bool& untrusted, XmlObserver* observer, std::string& converted) {
-    std::string bytes;
+                               bool& untrusted, XmlObserver* observer, std::string& bytes,
+                               bool& converted) {
+    bytes.clear();
+    converted = false;
     if (!readWhole(input, bytes))
         return Outcome(kExitUnreadable, "cannot read " + inQuotes(input) + ": " + reasonOf(errno));
     // A document in another encoding is read as UTF-8: the check and the
@@ -133,10 +135,10 @@ Outcome Commands::readAndCheck(const std::string& input, DocumentHead& head, boo
         if (!lenient) return Outcome(kExitRefused, why + " (--lenient reads it as UTF-8)");
         log().WarningOut("%s; it is read as UTF-8, as --lenient asks", why.c_str());
     }
+    converted = encoding.converted;
     if (encoding.converted) head = readDocumentHead(std::string_view(bytes));
     if (Outcome r = checkDocument(input, bytes, head, lenient, untrusted, observer); !r.ok())
         return r;
-    if (encoding.converted) converted = std::move(bytes);
     return {};
 }
 
@@ -223,16 +225,17 @@ Outcome Commands::importDocuments(const std::vector<std::string>& inputs,
         // checks it, for the check of what its import made.
         XmemlClipLister lister;
         const bool xmeml = head.kind == DocumentHead::Kind::Xmeml;
-        std::string converted;
-        if (Outcome r =
-                readAndCheck(input, head, lenient, untrusted, xmeml ? &lister : nullptr, converted);
+        std::string bytes;
+        bool converted = false;
+        if (Outcome r = readAndCheck(input, head, lenient, untrusted, xmeml ? &lister : nullptr,
+                                     bytes, converted);
             !r.ok())
             return r;
         // The list is done with the scan; what the scan needed to make it
         // (every media definition by id) goes back before the import.
         const DocumentClips clips = lister.take();
         const LightweightString<wchar_t> path = widePath(absolute(input));
-        MendedVersion mended(input, head, path, log(), std::move(converted));
+        MendedVersion mended(input, head, path, log(), std::move(bytes), converted);
 
         ImportFileList files;
         files.push_back(Qv::Ptr<ImportFileInfoRep>(new ImportFileInfoRep({path})));
