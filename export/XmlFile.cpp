@@ -133,12 +133,15 @@ void XmlFile::pushText(const char* utf8) {
 
 void Printer::grow(std::size_t more) {
     std::size_t used = held();
-    std::size_t capacity = std::max<std::size_t>({capacity_ * 2, used + more + 1, 4096});
-    auto bigger = std::make_unique<char[]>(capacity);
+    std::size_t capacity = static_cast<std::size_t>(limit_ - buffer_.get());
+    capacity = std::max<std::size_t>({capacity * 2, used + more + 1, 4096});
+    // Not zeroed: every byte is written before it is read.
+    std::unique_ptr<char[]> bigger(new char[capacity]);
     if (used) std::memcpy(bigger.get(), buffer_.get(), used);
     buffer_ = std::move(bigger);
     end_ = buffer_.get() + used;
-    capacity_ = capacity;
+    limit_ = buffer_.get() + capacity;
+    placeFlushMark();
 }
 
 void Printer::Print(const char* format, ...) {

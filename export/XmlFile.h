@@ -54,7 +54,10 @@ class Printer : public tinyxml2::XMLPrinter {
         if (openElements() > 0) tinyxml2::XMLPrinter::CloseElement(compactMode);
     }
     // From now on pieces go to `file` (null: they stay in memory).
-    void streamTo(iFile* file) { file_ = file; }
+    void streamTo(iFile* file) {
+        file_ = file;
+        placeFlushMark();
+    }
     // Hands the file what is held; true when anything went to it so far.
     void flush();
     bool streamed() const { return streamed_; }
@@ -69,12 +72,30 @@ class Printer : public tinyxml2::XMLPrinter {
     static constexpr int kChunk = 1 << 18;
 
   protected:
+    // The printer writes a document in pieces of a few bytes each ("<", a
+    // name, ">"), several for every element: each costs a comparison and a
+    // copy of fixed size, the rest is out of line.
     using tinyxml2::XMLPrinter::Write;
     void Write(const char* data, size_t size) override {
         if (size >= room()) grow(size);
-        std::memcpy(end_, data, size);
-        end_ += size;
-        if (file_ && held() > static_cast<std::size_t>(kChunk)) flush();
+        char* at = end_;
+        // Up to 16 bytes: two copies of fixed size that overlap, reading
+        // within the piece only.
+        if (size >= 8 && size <= 16) {
+            std::memcpy(at, data, 8);
+            std::memcpy(at + size - 8, data + size - 8, 8);
+        } else if (size >= 4 && size < 8) {
+            std::memcpy(at, data, 4);
+            std::memcpy(at + size - 4, data + size - 4, 4);
+        } else if (size > 0 && size < 4) {
+            at[0] = data[0];
+            at[size / 2] = data[size / 2];
+            at[size - 1] = data[size - 1];
+        } else if (size > 16) {
+            std::memcpy(at, data, size);
+        }
+        end_ = at + size;
+        if (end_ > flushMark_) flush();
     }
     void Putc(char c) override {
         if (room() <= 1) grow(1);
@@ -91,17 +112,21 @@ class Printer : public tinyxml2::XMLPrinter {
     void Print(const char* format, ...) override;
 
   private:
-    std::size_t held() const {
-        return buffer_ ? static_cast<std::size_t>(end_ - buffer_.get()) : 0;
-    }
+    std::size_t held() const { return static_cast<std::size_t>(end_ - buffer_.get()); }
     // Bytes free, one of them kept for the zero after the text.
-    std::size_t room() const { return capacity_ - held(); }
+    std::size_t room() const { return static_cast<std::size_t>(limit_ - end_); }
     // Makes room for `more` bytes and the zero after them.
     void grow(std::size_t more);
+    // Past this the held text goes to the file: a chunk into the buffer
+    // when there is a file, else its end, which the text never passes.
+    void placeFlushMark() {
+        flushMark_ = file_ && limit_ - buffer_.get() > kChunk ? buffer_.get() + kChunk : limit_;
+    }
 
     std::unique_ptr<char[]> buffer_;
     char* end_ = nullptr;
-    std::size_t capacity_ = 0;
+    char* limit_ = nullptr;  // the end of the buffer
+    char* flushMark_ = nullptr;
     iFile* file_ = nullptr;
     bool streamed_ = false;
 };

@@ -87,6 +87,14 @@ TEST(XmlFile, ThePrinterWritesWhatTinyxml2Would) {
         p.CloseElement(false);
         p.OpenElement("empty", false);
         p.CloseElement(false);
+        // Names and texts of every length around the sizes the buffer
+        // copies in fixed pieces (up to 4, 8 and 16 bytes).
+        const std::string letters = "abcdefghijklmnopqrstuvwxyz";
+        for (std::size_t n = 1; n <= letters.size(); ++n) {
+            p.OpenElement(letters.substr(0, n).c_str(), false);
+            p.PushText(letters.substr(26 - n).c_str(), false);
+            p.CloseElement(false);
+        }
         p.PushComment("a & b");
         for (int depth = 0; depth < 40; ++depth)
             p.CloseElement(false);
