@@ -60,20 +60,24 @@ std::size_t character(const unsigned char* s, bool& allowed) {
 }  // namespace
 
 void appendUtf8(std::string& out, std::wstring_view text) {
+    // Most text is ASCII: it goes over a character a byte, in one pass, and
+    // the rest from the first character that is not.
+    const std::size_t at = out.size(), n = text.size();
+    out.resize(at + n);
+    char* p = out.data() + at;
     std::size_t i = 0;
-    while (i < text.size()) {
-        // Most text is ASCII: a run of it goes over as it is.
-        std::size_t end = i;
-        while (end < text.size() && static_cast<char32_t>(text[end]) < 0x80)
-            ++end;
-        if (end > i) {
-            std::size_t at = out.size();
-            out.resize(at + (end - i));
-            for (std::size_t k = i; k < end; ++k)
-                out[at + (k - i)] = static_cast<char>(text[k]);
-            i = end;
-        }
-        if (i < text.size()) appendUTF8(out, static_cast<char32_t>(text[i++]));
+    while (i < n && static_cast<char32_t>(text[i]) < 0x80) {
+        p[i] = static_cast<char>(text[i]);
+        ++i;
+    }
+    if (i == n) return;
+    out.resize(at + i);
+    for (; i < n; ++i) {
+        char32_t c = static_cast<char32_t>(text[i]);
+        if (c < 0x80)
+            out.push_back(static_cast<char>(c));
+        else
+            appendUTF8(out, c);
     }
 }
 
@@ -202,9 +206,9 @@ xmlElement::~xmlElement() {
     file_.printer.CloseElement(false);
 }
 
-xmlInlineElement::xmlInlineElement(XmlFile& file, const char* name, const wchar_t* text) {
+xmlInlineElement::xmlInlineElement(XmlFile& file, const char* name, std::wstring_view text) {
     file.printer.OpenElement(name, false);
-    file.pushText(file.utf8(std::wstring_view(text ? text : L"")));
+    file.pushText(file.utf8(text));
     file.printer.CloseElement(false);
 }
 

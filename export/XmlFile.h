@@ -195,9 +195,11 @@ class xmlInlineElement {
   public:
     // With text; a null text counts as empty and still makes a start and an
     // end tag.
-    xmlInlineElement(XmlFile& file, const char* name, const wchar_t* text);
+    xmlInlineElement(XmlFile& file, const char* name, const wchar_t* text)
+        : xmlInlineElement(file, name, std::wstring_view(text ? text : L"")) {}
     xmlInlineElement(XmlFile& file, const char* name, const LightweightString<wchar_t>& text)
-        : xmlInlineElement(file, name, text.c_str()) {}
+        : xmlInlineElement(file, name, text.view()) {}
+    xmlInlineElement(XmlFile& file, const char* name, std::wstring_view text);
     // UTF-8 text; a null text counts as empty.
     xmlInlineElement(XmlFile& file, const char* name, const char* text);
     // Attributes and no content: a self-closed element.
