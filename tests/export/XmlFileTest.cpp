@@ -89,9 +89,11 @@ TEST(XmlFile, ThePrinterWritesWhatTinyxml2Would) {
         p.CloseElement(false);
         // Names and texts of every length around the sizes the buffer
         // copies in fixed pieces (up to 4, 8 and 16 bytes).
+        // The printer keeps the name until the element closes.
         const std::string letters = "abcdefghijklmnopqrstuvwxyz";
         for (std::size_t n = 1; n <= letters.size(); ++n) {
-            p.OpenElement(letters.substr(0, n).c_str(), false);
+            const std::string name = letters.substr(0, n);
+            p.OpenElement(name.c_str(), false);
             p.PushText(letters.substr(26 - n).c_str(), false);
             p.CloseElement(false);
         }
