@@ -9,8 +9,8 @@
 // scanning; afterwards the elements are bucketed by name id (a counting sort,
 // which keeps document order), so that a question finds its answers without
 // walking the whole table. The table keeps no name of its own: an element's
-// name stands in the text just before its attributes. Attributes are split, and leaf text decoded,
-// only when a question returns the element.
+// name stands in the text just before its attributes. Attributes are split,
+// and leaf text decoded, only when a question returns the element.
 //
 // Every scan step moves forward and no step looks past the next '<' except the
 // skipping of comments, processing instructions, CDATA sections and
@@ -277,10 +277,10 @@ void parseAttributes(const char* p, const char* end, std::vector<XMLParser::Tag>
     }
 }
 
-// 12 bytes an element. Its name is the text between its '<' and
-// `attrBegin`: names hold no '<'. Its start tag ends at the first '>' outside quotes
-// after its name, found again when a question needs it: most elements have
-// no attributes, so that it is the next byte. The inner text begins after
+// 12 bytes an element. Its name is the text between its '<' and `attrBegin`:
+// names hold no '<'. Its start tag ends at the first '>' outside quotes after
+// its name, found again when a question needs it: most elements have no
+// attributes, so that it is the next byte. The inner text begins after
 // that '>'; an empty element ("<a/>") has innerEnd at its '>', so that its
 // inner text is empty. The elements nested in one, at any depth, are those
 // that follow it in the table up to `end`: its children are the first of
