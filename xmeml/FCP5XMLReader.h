@@ -126,12 +126,11 @@ class FCP5XMLReader : public XMLReader, private fcp5read::ValueCheck {
         bool videoFromUses = false;           // a picture stream that says nothing
         LightweightString<char> mediaSource;  // synthetic media ("Slug", ...)
     };
-    // A cel whose reference is checked once every record is made. Its clip
-    // item is found again in the document by its element number: a long
-    // document makes hundreds of thousands of these, and few are ever told.
-    // An item read outside a document keeps its name and id among
-    // namedItems_.
-    // 24 bytes: a long sequence keeps one for each of its clip items.
+    // A cel whose reference is checked once every record is made. A long
+    // document makes hundreds of thousands of these and few are ever told,
+    // so each takes 24 bytes: its clip item is found again in the document
+    // by its element number, and only an item read outside the document
+    // keeps its name and id, among namedItems_.
     struct PendingRef {
         static constexpr unsigned kNamed = 0x80000000u;  // `item` is in namedItems_
         CED2Cell* cel;
