@@ -34,32 +34,25 @@ std::size_t skipDeclaration(std::string_view text, std::size_t at) {
 // The prolog of a real document is short; a megabyte leaves room for a long
 // document type.
 constexpr std::size_t kHeadBytes = 1 << 20;
+// What is read first: the whole prolog of nearly every document.
+constexpr std::size_t kFirstBytes = 1 << 14;
 
-DocumentHead readDocumentHead(const std::string& path) {
-    std::ifstream in(path, std::ios::binary | std::ios::ate);
-    // A smaller file than the head's bytes is read into a buffer of its size.
-    std::streamoff size = in.tellg();
-    if (size >= 0)
-        in.seekg(0);
-    else
-        in.clear();  // no size to tell (a pipe): read up to the head's bytes
-    std::string buffer(size >= 0 && static_cast<std::size_t>(size) < kHeadBytes
-                           ? static_cast<std::size_t>(size)
-                           : kHeadBytes,
-                       '\0');
-    in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
-    buffer.resize(static_cast<std::size_t>(in.gcount()));
-    return readDocumentHead(std::string_view(buffer));
-}
+namespace {
 
-DocumentHead readDocumentHead(std::string_view text) {
+// The head of `text`. `ranOut` is set when the text ended before the head
+// did, so that more of the document could say more.
+DocumentHead parseHead(std::string_view text, bool& ranOut) {
     DocumentHead head;
+    ranOut = false;
     text = text.substr(0, kHeadBytes);
     std::size_t at = text.starts_with("\xEF\xBB\xBF") ? 3 : 0;
     for (;;) {
         while (at < text.size() && isSpace(text[at]))
             ++at;
-        if (at >= text.size() || text[at] != '<') return head;
+        if (at >= text.size() || text[at] != '<') {
+            ranOut = at >= text.size();
+            return head;
+        }
         std::string_view rest = text.substr(at);
         std::size_t next;
         if (rest.starts_with("<?")) {
@@ -73,7 +66,10 @@ DocumentHead readDocumentHead(std::string_view text) {
         } else {
             break;
         }
-        if (next == std::string_view::npos) return head;
+        if (next == std::string_view::npos) {
+            ranOut = true;
+            return head;
+        }
         at = next;
     }
 
@@ -104,10 +100,13 @@ DocumentHead readDocumentHead(std::string_view text) {
                     head.valueOffset = at + 1;
                     head.valueLength = close - at - 1;
                     head.firstValue = std::string(text.substr(head.valueOffset, head.valueLength));
+                } else {
+                    ranOut = true;
                 }
             }
         }
     }
+    if (at >= text.size()) ranOut = true;
     if (head.root == "QVXML")
         head.kind = DocumentHead::Kind::Native;
     else if (head.root == "xmeml")
@@ -115,6 +114,30 @@ DocumentHead readDocumentHead(std::string_view text) {
     else if (head.root == "fcpxml")
         head.kind = DocumentHead::Kind::Fcpxml;
     return head;
+}
+
+}  // namespace
+
+DocumentHead readDocumentHead(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    // The first bytes nearly always hold the whole head; the rest of the
+    // head's bytes are read only when they did not.
+    std::string buffer(kFirstBytes, '\0');
+    in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+    buffer.resize(static_cast<std::size_t>(in.gcount()));
+    bool ranOut = false;
+    DocumentHead head = parseHead(buffer, ranOut);
+    if (!ranOut || buffer.size() < kFirstBytes) return head;
+    std::size_t had = buffer.size();
+    buffer.resize(kHeadBytes);
+    in.read(buffer.data() + had, static_cast<std::streamsize>(kHeadBytes - had));
+    buffer.resize(had + static_cast<std::size_t>(in.gcount()));
+    return parseHead(buffer, ranOut);
+}
+
+DocumentHead readDocumentHead(std::string_view text) {
+    bool ranOut = false;
+    return parseHead(text, ranOut);
 }
 
 VersionMend mendVersion(const DocumentHead& head) {
@@ -145,7 +168,11 @@ VersionMend mendVersion(const DocumentHead& head) {
 std::string documentFormat(const std::string& path) {
     if (QvOtio::isOtioDocument(pathFromBytes(absolute(path)))) return "otio";
     if (QvEdl::isEdlDocument(pathFromBytes(absolute(path)))) return "edl";
-    switch (readDocumentHead(path).kind) {
+    return formatName(readDocumentHead(path).kind);
+}
+
+std::string formatName(DocumentHead::Kind kind) {
+    switch (kind) {
         case DocumentHead::Kind::Native:
             return "native";
         case DocumentHead::Kind::Xmeml:

@@ -30,6 +30,8 @@ DocumentHead readDocumentHead(std::string_view text);
 // The kind of document a file is, as the conform tools name it: "otio",
 // "xmeml", "native", "fcpxml", "edl", or "" for none of these.
 std::string documentFormat(const std::string& path);
+// The name of an XML document's kind, as documentFormat gives it.
+std::string formatName(DocumentHead::Kind kind);
 
 // A document whose version the readers would refuse only for its spelling,
 // mended: the first attribute as the readers want it written, and the byte

@@ -161,6 +161,7 @@ class Commands {
     std::shared_ptr<RunFiles> run_ = std::make_shared<RunFiles>();
     std::vector<std::string> untrusted_;  // documents whose result cannot be trusted
     std::vector<DocumentLosses> read_;    // what reading each document lost, in order
+    std::vector<std::string> formats_;    // the format of each document read, as read_
     Qv::FrameRate listRate_ = Qv::eFrameRateNone;
     std::vector<std::string> listNames_;
     std::FILE* out_ = stdout;

@@ -194,6 +194,7 @@ Outcome Commands::importDocuments(const std::vector<std::string>& inputs,
                 made.push_back(m.ptr());
             if (r.status == XML::kStatusOK) {
                 read_.push_back(readingLosses(input, listOtioClips(model), madeHere()));
+                formats_.push_back("otio");
                 // Times the document gives that no timeline can hold were
                 // told by the reader, field by field.
                 if (madeUntrusted() || !model.unusableTimes.empty()) untrusted_.push_back(input);
@@ -213,11 +214,14 @@ Outcome Commands::importDocuments(const std::vector<std::string>& inputs,
             // A list's events are not checked one by one: its reader
             // records what it passes over.
             read_.push_back(readingLosses(input, DocumentClips(), madeHere()));
+            formats_.push_back("edl");
             if (readUnusable(read_.back()) && (untrusted_.empty() || untrusted_.back() != input))
                 untrusted_.push_back(input);
             continue;
         }
         DocumentHead head = readDocumentHead(input);
+        // The kind the file says it is, before any conversion of its text.
+        const std::string format = formatName(head.kind);
         if (head.kind == DocumentHead::Kind::Fcpxml)
             return Outcome(kExitUnknownDocument, whyUnreadable(input, head));
         bool untrusted = false;
@@ -270,6 +274,7 @@ Outcome Commands::importDocuments(const std::vector<std::string>& inputs,
                                    "(a Shot or Edit without channels, or an empty channel)");
         }
         read_.push_back(readingLosses(input, clips, madeHere()));
+        formats_.push_back(format);
         // What the check of the document found untrusted, it has told; so
         // has the reader each time it could not use.
         if (!untrusted) untrusted = readUnusable(read_.back()) || madeUntrusted();

@@ -39,4 +39,22 @@ TEST_F(Command, DocumentsAreKnownByTheirRoot) {
     EXPECT_NE(decimal.out.find("2 sequences"), std::string::npos) << decimal.out;
 }
 
+// The head is read a piece at a time: a prolog longer than the first piece
+// (a long comment, a document type with an internal subset) still leads to
+// the root, and a document is told as the same kind either way.
+TEST_F(Command, LongProloguesAreReadToTheRoot) {
+    std::string xmeml = std::string(QVXML_SOURCE_DIR) + "/examples/xmeml/premiere_example.xml";
+    std::string doc = qvtest::readFile(xmeml);
+    std::size_t root = doc.find("<xmeml");
+    for (std::size_t filler : {std::size_t{16380}, std::size_t{40000}}) {
+        std::string longer = doc;
+        longer.insert(root, "<!--" + std::string(filler, '-').replace(0, 1, " ") + " -->\n");
+        std::string path = dir.file("prolog" + std::to_string(filler) + ".xml");
+        qvtest::writeFile(path, longer);
+        Outcome info = qvxml("info " + quote(path));
+        EXPECT_EQ(info.status, 0) << info.err;
+        EXPECT_NE(info.out.find("(xmeml)"), std::string::npos) << filler << ": " << info.out;
+    }
+}
+
 }  // namespace
