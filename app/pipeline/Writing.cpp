@@ -16,6 +16,21 @@
 
 namespace qvapp {
 
+namespace {
+
+// Whether the plug-in writes `edit` in well under the half second after
+// which an export shows that it is at work: a few microseconds a cel, so a
+// hundred thousand cels at most (the sequences it holds count for little).
+bool exportsQuickly(const Edit& edit) {
+    constexpr std::size_t kQuickCels = 100000;
+    std::size_t cels = 0;
+    for (const StoredChannel& channel : edit.channels)
+        cels += channel.cels.size();
+    return cels <= kQuickCels;
+}
+
+}  // namespace
+
 Outcome Commands::flavourOf(const std::string& to, Flavour& out) {
     if (!plugin_.resource()) return Outcome(kExitPlugin, "the XML plug-in offers no XML resource");
     if (to == "native" || to == "qvxml") {
@@ -126,14 +141,21 @@ Outcome Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, 
     std::unique_ptr<LeaveOutShotsWithoutFiles> leftOut;
     if (flavour.value == XML::XMLFlavourFCPX)
         leftOut = std::make_unique<LeaveOutShotsWithoutFiles>(edit, log());
-    Qv::Ptr<QvExport::BackgroundTask> task = single->createBackgroundTasks(edit->cookie, {});
-    // The wait ends the moment the export does; a long one shows that it is
-    // still at work.
-    const char spinner[] = "|/-\\";
-    for (int tick = 0; !task->waitFor(std::chrono::milliseconds(100)); ++tick)
-        if (tick >= 5)
-            console_->status(std::string("exporting ") + label + " " + spinner[tick % 4]);
-    QvExport::ExportResult r = task->wait();
+    QvExport::ExportResult r;
+    if (exportsQuickly(*edit)) {
+        // Over before a spinner would show: written on this thread, which
+        // has the edit in its caches and spares starting one.
+        r = single->doExport(edit->cookie, {});
+    } else {
+        Qv::Ptr<QvExport::BackgroundTask> task = single->createBackgroundTasks(edit->cookie, {});
+        // The wait ends the moment the export does; a long one shows that
+        // it is still at work.
+        const char spinner[] = "|/-\\";
+        for (int tick = 0; !task->waitFor(std::chrono::milliseconds(100)); ++tick)
+            if (tick >= 5)
+                console_->status(std::string("exporting ") + label + " " + spinner[tick % 4]);
+        r = task->wait();
+    }
     // The writer and its lists of the edit are gone.
     releaseFreedMemory();
     console_->clearProgress();
