@@ -148,6 +148,13 @@ void Printer::grow(std::size_t more) {
     placeFlushMark();
 }
 
+void Printer::writeLong(const char* data, std::size_t size) {
+    if (size >= room()) grow(size);
+    if (size) std::memcpy(end_, data, size);
+    end_ += size;
+    if (end_ > flushMark_) flush();
+}
+
 void Printer::Print(const char* format, ...) {
     // The printer itself writes through Write and Putc; this is here so that
     // nothing it prints can pass the buffer by.

@@ -77,28 +77,31 @@ class Printer : public tinyxml2::XMLPrinter {
     // copy of fixed size, the rest is out of line.
     using tinyxml2::XMLPrinter::Write;
     void Write(const char* data, size_t size) override {
-        if (size >= room()) grow(size);
+        // The rare cases go out of line, so that this one saves no
+        // registers and makes no call of its own.
+        if (size > 16 || size >= room()) [[unlikely]]
+            return writeLong(data, size);
         char* at = end_;
         // Up to 16 bytes: two copies of fixed size that overlap, reading
         // within the piece only.
-        if (size >= 8 && size <= 16) {
+        if (size >= 8) {
             std::memcpy(at, data, 8);
             std::memcpy(at + size - 8, data + size - 8, 8);
-        } else if (size >= 4 && size < 8) {
+        } else if (size >= 4) {
             std::memcpy(at, data, 4);
             std::memcpy(at + size - 4, data + size - 4, 4);
-        } else if (size > 0 && size < 4) {
+        } else if (size > 0) {
             at[0] = data[0];
             at[size / 2] = data[size / 2];
             at[size - 1] = data[size - 1];
-        } else if (size > 16) {
-            std::memcpy(at, data, size);
         }
         end_ = at + size;
-        if (end_ > flushMark_) flush();
+        if (end_ > flushMark_) [[unlikely]]
+            flush();
     }
     void Putc(char c) override {
-        if (room() <= 1) grow(1);
+        if (room() <= 1) [[unlikely]]
+            return writeLong(&c, 1);
         *end_++ = c;
     }
     // The indentation of a line in one piece: four spaces a level, as the
@@ -117,6 +120,8 @@ class Printer : public tinyxml2::XMLPrinter {
     std::size_t room() const { return static_cast<std::size_t>(limit_ - end_); }
     // Makes room for `more` bytes and the zero after them.
     void grow(std::size_t more);
+    // Write's long pieces, and the pieces that need a bigger buffer.
+    void writeLong(const char* data, std::size_t size);
     // Past this the held text goes to the file: a chunk into the buffer
     // when there is a file, else its end, which the text never passes.
     void placeFlushMark() {
