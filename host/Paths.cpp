@@ -48,6 +48,39 @@ size_t schemeEnd(std::wstring_view s) {
     return i;
 }
 
+// Whether a byte of a path stands for itself in a file URL.
+bool keptInURL(unsigned c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '.' || c == '_' || c == '~' || c == '/';
+}
+
+const char kHexDigits[] = "0123456789ABCDEF";
+
+// `rest` of a file URL decoded, when it and what its escapes stand for are
+// all ASCII: each byte is then a character of the path. False otherwise.
+bool decodeAsciiPath(std::wstring_view rest, std::wstring& path) {
+    path.clear();
+    path.reserve(rest.size());
+    for (size_t i = 0; i < rest.size(); ++i) {
+        wchar_t c = rest[i];
+        if (c < 0 || c >= 0x80) return false;
+        // As percentDecode reads an escape.
+        if (c == L'%' && i + 2 < rest.size() && rest[i + 1] < 0x80 && rest[i + 2] < 0x80) {
+            int hi = hexValue(static_cast<char>(rest[i + 1]));
+            int lo = hexValue(static_cast<char>(rest[i + 2]));
+            if (hi >= 0 && lo >= 0) {
+                int b = hi * 16 + lo;
+                if (b >= 0x80) return false;
+                path.push_back(static_cast<wchar_t>(b));
+                i += 2;
+                continue;
+            }
+        }
+        path.push_back(c);
+    }
+    return true;
+}
+
 }  // namespace
 
 bool locator_IsURL(const WS& locator) {
@@ -68,7 +101,9 @@ bool locator_IsLocal(const WS& locator) {
 
 bool locator_LocalToUNC(WS& in, WS& out) {
     if (in.empty() || in[0] != L'/' || (in.size() > 1 && in[1] == L'/')) return false;
-    std::wstring s = L"\\\\localhost";
+    std::wstring s;
+    s.reserve(11 + in.size());
+    s = L"\\\\localhost";
     for (wchar_t c : in.view())
         s.push_back(c == L'/' ? L'\\' : c);
     out = WS(s);
@@ -79,6 +114,30 @@ bool locator_UNCToURL(WS& in, WS& out) {
     if (!isUNC(in)) return false;
     std::wstring_view rest = in.view().substr(2);
     size_t slash = rest.find(L'\\');
+    std::wstring_view pathPart =
+        slash == std::wstring_view::npos ? std::wstring_view() : rest.substr(slash);
+    // An ASCII path is its own bytes: encoded here in one pass.
+    if (std::all_of(pathPart.begin(), pathPart.end(),
+                    [](wchar_t c) { return c >= 0 && c < 0x80; })) {
+        std::wstring_view host = rest.substr(0, slash);
+        std::wstring url;
+        url.reserve(7 + host.size() + 3 * pathPart.size() + 1);
+        url = L"file://";
+        url.append(host);
+        if (pathPart.empty()) url.push_back(L'/');
+        for (wchar_t c : pathPart) {
+            unsigned b = c == L'\\' ? '/' : static_cast<unsigned>(c);
+            if (keptInURL(b)) {
+                url.push_back(static_cast<wchar_t>(b));
+            } else {
+                url.push_back(L'%');
+                url.push_back(static_cast<wchar_t>(kHexDigits[b >> 4]));
+                url.push_back(static_cast<wchar_t>(kHexDigits[b & 15]));
+            }
+        }
+        out = WS(url);
+        return true;
+    }
     std::wstring host(rest.substr(0, slash));
     std::wstring path;
     if (slash != std::wstring_view::npos) {
@@ -108,14 +167,12 @@ bool locator_UNCToLocal(WS& in, WS& out) {
 }
 
 LightweightString<char> percentEncode(const LightweightString<char>& text) {
-    static const char hex[] = "0123456789ABCDEF";
+    const char* hex = kHexDigits;
     std::string out;
     out.reserve(text.size() + text.size() / 4);
     for (char ch : text.view()) {
         unsigned char c = static_cast<unsigned char>(ch);
-        bool keep = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                    c == '-' || c == '.' || c == '_' || c == '~' || c == '/';
-        if (keep) {
+        if (keptInURL(c)) {
             out.push_back(static_cast<char>(c));
         } else {
             out.push_back('%');
@@ -161,7 +218,10 @@ WS locatorToPlatformForm(const WS& locator) {
         rest = slash == std::wstring_view::npos ? std::wstring_view() : rest.substr(slash);
     }
     // The escapes stand for the bytes of the path, which need not be UTF-8.
-    WS path = pathFromBytes(percentDecode(pathBytes(WS(rest))).view());
+    std::wstring ascii;
+    WS path = decodeAsciiPath(rest, ascii)
+                  ? WS(ascii)
+                  : pathFromBytes(percentDecode(pathBytes(WS(rest))).view());
     if (path.empty()) path = WS(L"/");
     if (host.empty() || host == L"localhost") return path;
     std::wstring unc = L"\\\\" + std::wstring(host);

@@ -37,6 +37,24 @@ TEST(Locators, LocalPathsSurviveTheUrlRoundTrip) {
     EXPECT_EQ(url, L"file://localhost/media/day%201/a.mov");
 }
 
+// ASCII paths take a shorter road than the others; both must give what
+// the escapes say, byte for byte, at the edges of an escape too.
+TEST(Locators, EscapesAtTheirEdges) {
+    EXPECT_EQ(locatorToPlatformForm(L"file:///a%2fb%2F"), L"/a/b/");
+    EXPECT_EQ(locatorToPlatformForm(L"file:///caf%C3%A9.mov"), L"/caf\u00e9.mov");
+    EXPECT_EQ(locatorToPlatformForm(L"file:///a%zz%4"), L"/a%zz%4");
+    EXPECT_EQ(locatorToPlatformForm(L"file:///a%41"), L"/aA");
+    EXPECT_EQ(locatorToPlatformForm(L"file:///snø%20b"), L"/snø b");
+    EXPECT_EQ(locatorToPlatformForm(L"file://server"), L"\\\\server\\");
+    for (auto [unc, url] : {std::pair{L"\\\\h\\x y%~_.-", L"file://h/x%20y%25~_.-"},
+                            std::pair{L"\\\\server", L"file://server/"},
+                            std::pair{L"\\\\h\\\u00e9#", L"file://h/%C3%A9%23"}}) {
+        WS in(unc), out;
+        ASSERT_TRUE(locator_UNCToURL(in, out));
+        EXPECT_EQ(out, WS(url));
+    }
+}
+
 TEST(Locators, Classification) {
     EXPECT_TRUE(locator_IsLocal(L"/a/b.mov"));
     EXPECT_TRUE(locator_IsLocal(L"relative/b.mov"));
