@@ -1,4 +1,5 @@
 // The xmeml writer's map of registered shots, and Premiere's marker colours.
+#include <cstdint>
 #include <cstring>
 
 #include "host/Edit.h"
@@ -6,8 +7,8 @@
 
 namespace XML {
 
-CED2ClipRefMapRec::CED2ClipRefMapRec(const LightweightString<wchar_t>& r, CED2* shot, bool ghost)
-    : ced2(shot), isGhost(ghost), ref(r), nextSameRef_(CED2ClipRefMap::npos) {}
+CED2ClipRefMapRec::CED2ClipRefMapRec(const Cookie& cookie, CED2* shot, bool ghost)
+    : ced2(shot), isGhost(ghost), ref(cookie.asWString()), nextSameRef_(CED2ClipRefMap::npos) {}
 
 LightweightString<wchar_t> CED2ClipRefMapRec::getFileElementRef(unsigned int) const {
     return ref + L"_0";
@@ -39,26 +40,35 @@ void CED2ClipRefMapRec::dropMarks() {
     chanCount = 0;
 }
 
-void CED2ClipRefMap::addRef(LightweightString<wchar_t> ref, CED2* ced2, bool isGhost) {
-    CED2ClipRefMapRec rec(ref, ced2, isGhost);
+std::size_t CED2ClipRefMap::KeyHash::operator()(const Key& k) const noexcept {
+    // The words of a cookie are random already: mixed, not digested.
+    std::uint64_t a = (std::uint64_t{k.uuid.words[0]} << 32) | k.uuid.words[1];
+    std::uint64_t b = (std::uint64_t{k.uuid.words[2]} << 32) | k.uuid.words[3];
+    std::uint64_t c = k.type | (std::uint64_t{k.channel} << 8) | (std::uint64_t{k.tail} << 16);
+    std::uint64_t h = (a ^ (b * 0x9E3779B97F4A7C15ull) ^ (c * 0xC2B2AE3D27D4EB4Full));
+    h ^= h >> 29;
+    return static_cast<std::size_t>(h * 0xBF58476D1CE4E5B9ull);
+}
+
+void CED2ClipRefMap::addRef(const Cookie& cookie, CED2* ced2, bool isGhost) {
     std::size_t at = records_.size();
-    records_.push_back(std::move(rec));
-    auto [it, fresh] = index_.try_emplace(records_.back().ref, Chain{at, at});
+    records_.emplace_back(cookie, ced2, isGhost);
+    auto [it, fresh] = index_.try_emplace(Key(cookie), Chain{at, at});
     if (!fresh) {
         records_[it->second.last].nextSameRef_ = at;
         it->second.last = at;
     }
 }
 
-bool CED2ClipRefMap::findRef(const LightweightString<wchar_t>& ref, CED2ClipRefMapRec** rec) {
-    auto it = index_.find(ref);
+bool CED2ClipRefMap::findRef(const Cookie& cookie, CED2ClipRefMapRec** rec) {
+    auto it = index_.find(Key(cookie));
     if (it == index_.end()) return false;
     if (rec) *rec = &records_[it->second.first];
     return true;
 }
 
-void CED2ClipRefMap::setDefined(LightweightString<wchar_t> ref, unsigned int) {
-    auto it = index_.find(ref);
+void CED2ClipRefMap::setDefined(const Cookie& cookie, unsigned int) {
+    auto it = index_.find(Key(cookie));
     if (it == index_.end()) return;
     for (std::size_t i = it->second.first; i != npos; i = records_[i].nextSameRef_)
         records_[i].defineAll();

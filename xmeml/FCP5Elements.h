@@ -44,10 +44,10 @@ inline std::string idText(const char* prefix, long number) {
     return std::string(prefix) + digits;
 }
 
-// The text under which a cel's material is registered: the cookie of the edit
+// The cookie under which a cel's material is registered: that of the edit
 // that holds it.
-inline LightweightString<wchar_t> editCookieText(const Cookie& cookie) {
-    return convertCookie(cookie, kCookieEdit, 255).asWString();
+inline Cookie editCookie(const Cookie& cookie) {
+    return convertCookie(cookie, kCookieEdit, 255);
 }
 
 // The first cel of the first channel: where a sub-clip's material starts.

@@ -28,9 +28,9 @@ bool FCP5XMLWriter::writeMulticlipGroup(AlternatesList& group) {
         edit.i_close();
     }
 
-    LightweightString<wchar_t> c0 = editCookieText(group.list.front().cookie);
     CED2ClipRefMapRec* rec = nullptr;
-    if (!map_.findRef(c0, &rec)) return false;
+    if (!map_.findRef(editCookie(group.list.front().cookie), &rec)) return false;
+    LightweightString<wchar_t> c0 = rec->ref;
     LightweightString<wchar_t> ref = rec->getFileElementRef(0);
     CED2* shot = rec->ced2;
     if (!shot) return false;
@@ -42,7 +42,7 @@ bool FCP5XMLWriter::writeMulticlipGroup(AlternatesList& group) {
         if (CED2Cell* cel = firstCelOf(shot)) {
             subStart = cel->sourceIn;
             CED2ClipRefMapRec* masterRec = nullptr;
-            if (map_.findRef(editCookieText(cel->cookie), &masterRec)) master = masterRec->ced2;
+            if (map_.findRef(editCookie(cel->cookie), &masterRec)) master = masterRec->ced2;
         }
     }
     double length = shot->get_editLength();
@@ -88,9 +88,9 @@ bool FCP5XMLWriter::writeMulticlipGroup(AlternatesList& group) {
             leaf(xmlFile, "synctype", "1");
             bool firstAngle = true;
             for (const AlternatesList::AltListRec& member : group.list) {
-                LightweightString<wchar_t> ci = editCookieText(member.cookie);
                 CED2ClipRefMapRec* angleRec = nullptr;
-                if (!map_.findRef(ci, &angleRec)) return false;
+                if (!map_.findRef(editCookie(member.cookie), &angleRec)) return false;
+                LightweightString<wchar_t> ci = angleRec->ref;
                 xmlElement angle(xmlFile, "angle");
                 if (firstAngle) {
                     leaf(xmlFile, "activevideoangle", "TRUE");
@@ -144,7 +144,7 @@ bool FCP5XMLWriter::printAngle(CED2* shot, bool isGhost, LightweightString<wchar
         // The sub-clip's material: its first cel's cookie, as it stands.
         CED2Cell* cel = firstCelOf(shot);
         CED2ClipRefMapRec* masterRec = nullptr;
-        if (!cel || !map_.findRef(cel->cookie.asWString(), &masterRec)) return false;
+        if (!cel || !map_.findRef(cel->cookie, &masterRec)) return false;
         shot = masterRec->ced2;
         if (!shot) return false;
         printSubclipInfo(celTimeToFrames(cel->sourceIn, rate),

@@ -281,8 +281,8 @@ void FCP5XMLWriter::printAudioLevels(CChannel* channel, CED2* seq, double editIn
 
 bool FCP5XMLWriter::resolveClip(CED2Cell* cel, ClipPlan& p) {
     p = ClipPlan();
-    p.cookieText = editCookieText(cel->cookie);
-    if (!map_.findRef(p.cookieText, &p.rec)) return false;
+    p.cookie = editCookie(cel->cookie);
+    if (!map_.findRef(p.cookie, &p.rec)) return false;
     p.shot = p.rec->ced2;
     p.still = std::fabs(static_cast<double>(cel->speed)) < 1e-6;
     p.rate = p.still ? 0.0 : std::fabs(static_cast<double>(cel->speed));
@@ -293,7 +293,8 @@ bool FCP5XMLWriter::resolveClip(CED2Cell* cel, ClipPlan& p) {
 
     if (!p.rec->isGhost) {
         p.master = p.shot;
-        p.masterText = p.cookieText;
+        p.masterCookie = p.cookie;
+        p.masterRec = p.rec;
         p.defined = p.rec->isChanFileDefined(cel->cookie.channel);
         return true;
     }
@@ -307,10 +308,10 @@ bool FCP5XMLWriter::resolveClip(CED2Cell* cel, ClipPlan& p) {
     // A sub-clip: its material is what its first cel plays.
     CED2Cell* masterCel = firstCelOf(p.shot);
     if (!masterCel || masterCel->cookie.isMagic()) return false;
-    p.masterText = editCookieText(masterCel->cookie);
+    p.masterCookie = editCookie(masterCel->cookie);
     p.subStart = masterCel->sourceIn;
     CED2ClipRefMapRec* masterRec = nullptr;
-    if (map_.findRef(p.masterText, &masterRec)) {
+    if (map_.findRef(p.masterCookie, &masterRec)) {
         // The original writer refused sub-clips of sub-clips; each one's
         // first cel leads on to the shot.
         for (int depth = 0; !legacy && masterRec->isGhost; ++depth) {
@@ -319,9 +320,10 @@ bool FCP5XMLWriter::resolveClip(CED2Cell* cel, ClipPlan& p) {
                 (masterRec->ced2->edit && masterRec->ced2->edit->getLogType() != kLogTypeSubclip))
                 return false;
             p.subStart += c->sourceIn;
-            p.masterText = editCookieText(c->cookie);
-            if (!map_.findRef(p.masterText, &masterRec)) return false;
+            p.masterCookie = editCookie(c->cookie);
+            if (!map_.findRef(p.masterCookie, &masterRec)) return false;
         }
+        p.masterRec = masterRec;
         p.master = masterRec->ced2;
         p.defined = masterRec->isChanFileDefined(masterCel->cookie.channel);
     } else if (!legacy) {
@@ -615,7 +617,7 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
         if (plan.nested) {
             if (!printNestedSequence(shot, counter)) return false;
         } else {
-            leaf(xmlFile, "masterclipid", plan.cookieText);
+            leaf(xmlFile, "masterclipid", plan.rec->ref);
             CED2* master = plan.master;
             if (plan.rec->isGhost) {
                 if (master) {
@@ -624,12 +626,13 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
                                      celTimeToFrames(masterLength - (plan.subStart + plan.length),
                                                      master->rate));
                 }
-                leaf(xmlFile, "subclipmasterid", plan.masterText);
+                leaf(xmlFile, "subclipmasterid", masterText(plan));
             }
             // The original writer named a sub-clip's file by the sub-clip, so
             // that each of its clip items repeated the file in full.
-            LightweightString<wchar_t> ref =
-                legacy ? plan.rec->getFileElementRef(cel->cookie.channel) : plan.masterText + L"_0";
+            LightweightString<wchar_t> ref = legacy
+                                                 ? plan.rec->getFileElementRef(cel->cookie.channel)
+                                                 : masterText(plan) + L"_0";
             if (!printFileElement(master, plan.defined, ref)) return false;
         }
         if (std::fabs(static_cast<double>(cel->speed) - 1.0) >= 1e-6)
@@ -645,7 +648,7 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
             // For a sub-clip the original writer marks its own record, not its
             // master's: the master's file is written in full at each of its
             // items.
-            map_.setDefined(legacy ? plan.cookieText : plan.masterText, cel->cookie.channel);
+            map_.setDefined(legacy ? plan.cookie : plan.masterCookie, cel->cookie.channel);
         }
 
         if (channel->chanType == kChanAudio && channel->hasTrackLevels &&

@@ -36,18 +36,14 @@ bool FCP5XMLWriter::writeHeader() {
 }
 
 bool FCP5XMLWriter::writeAllShots(CED2List& shots, CED2List&) {
-    for (CED2* shot : each<CED2>(shots)) {
-        LightweightString<wchar_t> text = shot->cookie.asWString();
-        if (!map_.findRef(text, nullptr)) map_.addRef(text, shot, false);
-    }
+    for (CED2* shot : each<CED2>(shots))
+        if (!map_.findRef(shot->cookie, nullptr)) map_.addRef(shot->cookie, shot, false);
     return true;
 }
 
 bool FCP5XMLWriter::writeGhosts(CED2List& ghosts) {
-    for (CED2* ghost : each<CED2>(ghosts)) {
-        LightweightString<wchar_t> text = ghost->cookie.asWString();
-        if (!map_.findRef(text, nullptr)) map_.addRef(text, ghost, true);
-    }
+    for (CED2* ghost : each<CED2>(ghosts))
+        if (!map_.findRef(ghost->cookie, nullptr)) map_.addRef(ghost->cookie, ghost, true);
     return true;
 }
 
@@ -179,7 +175,7 @@ bool FCP5XMLWriter::printFileElement(CED2* shot, bool defined, LightweightString
 
 int FCP5XMLWriter::cookieCelTimeToFrames(double time, Cookie cookie) {
     CED2ClipRefMapRec* rec = nullptr;
-    if (!map_.findRef(editCookieText(cookie), &rec)) return 1;
+    if (!map_.findRef(editCookie(cookie), &rec)) return 1;
     // The marks are dropped here; the one caller has read them before and
     // sets them again after.
     rec->dropMarks();

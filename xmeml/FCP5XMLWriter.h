@@ -19,7 +19,7 @@ namespace XML {
 // One registered shot or sub-clip.
 class CED2ClipRefMapRec {
   public:
-    CED2ClipRefMapRec(const LightweightString<wchar_t>& ref, CED2* ced2, bool isGhost);
+    CED2ClipRefMapRec(const Cookie& cookie, CED2* ced2, bool isGhost);
 
     // The reference of the shot's `file` element: every channel of a shot
     // shares one file, so the channel is not looked at.
@@ -38,7 +38,7 @@ class CED2ClipRefMapRec {
     // One mark per channel of the shot; made on first need.
     std::unique_ptr<unsigned char[]> chanDefined;
     std::size_t chanCount = 0;
-    LightweightString<wchar_t> ref;  // the shot's cookie text, the key
+    LightweightString<wchar_t> ref;  // the text of the shot's cookie, its key
 
   private:
     friend class CED2ClipRefMap;
@@ -46,18 +46,20 @@ class CED2ClipRefMapRec {
     std::size_t nextSameRef_;  // the next record with this reference, or npos
 };
 
-// The registered shots, in order of registration. Look-ups answer the first
-// record with an equal reference; an index from reference to that record
-// keeps them constant-time however many shots there are.
+// The registered shots, in order of registration, each under its cookie as
+// it stands (type, channel and tail byte count, as they do in its text).
+// Look-ups answer the first record with an equal cookie; an index from
+// cookie to that record keeps them constant-time however many shots there
+// are.
 class CED2ClipRefMap {
   public:
     static constexpr std::size_t npos = static_cast<std::size_t>(-1);
 
-    void addRef(LightweightString<wchar_t> ref, CED2* ced2, bool isGhost);
-    bool findRef(const LightweightString<wchar_t>& ref, CED2ClipRefMapRec** rec);
-    // Marks the file of every record with this reference as defined, on all
+    void addRef(const Cookie& cookie, CED2* ced2, bool isGhost);
+    bool findRef(const Cookie& cookie, CED2ClipRefMapRec** rec);
+    // Marks the file of every record with this cookie as defined, on all
     // channels.
-    void setDefined(LightweightString<wchar_t> ref, unsigned int channel);
+    void setDefined(const Cookie& cookie, unsigned int channel);
     void clear();
     std::size_t size() const { return records_.size(); }
 
@@ -65,8 +67,20 @@ class CED2ClipRefMap {
     struct Chain {
         std::size_t first, last;
     };
+    // Everything of a cookie that its text shows.
+    struct Key {
+        Qv::UUID uuid;
+        CookieType type;
+        unsigned char channel, tail;
+        explicit Key(const Cookie& c)
+            : uuid(c.uuid), type(c.type), channel(c.channel), tail(c.tail) {}
+        bool operator==(const Key&) const = default;
+    };
+    struct KeyHash {
+        std::size_t operator()(const Key& k) const noexcept;
+    };
     std::deque<CED2ClipRefMapRec> records_;  // stable addresses
-    std::unordered_map<LightweightString<wchar_t>, Chain> index_;
+    std::unordered_map<Key, Chain, KeyHash> index_;
 };
 
 // Premiere's marker colours for the host's 0xRRGGBB colours.
@@ -134,7 +148,10 @@ class FCP5XMLWriter : public XMLWriter {
         CED2ClipRefMapRec* rec = nullptr;
         CED2* shot = nullptr;    // the shot, sub-clip or nested sequence the cel names
         CED2* master = nullptr;  // the shot whose file it plays; null for a nested sequence
-        LightweightString<wchar_t> cookieText, masterText;
+        // The cookies they are registered under; the master's record, when
+        // it has one (its text names the file).
+        Cookie cookie, masterCookie;
+        CED2ClipRefMapRec* masterRec = nullptr;
         double subStart = 0;   // where a sub-clip starts in its master
         bool defined = false;  // the master's file is written already
         bool nested = false;   // the cel plays a sequence: the clip item holds it
@@ -150,6 +167,10 @@ class FCP5XMLWriter : public XMLWriter {
     // The master of a material cel, through sub-clips of sub-clips; false
     // when the cel plays nothing that can be written.
     bool resolveClip(CED2Cell* cel, ClipPlan& plan);
+    // The text of the master's cookie: its id, and that of its file.
+    static LightweightString<wchar_t> masterText(const ClipPlan& plan) {
+        return plan.masterRec ? plan.masterRec->ref : plan.masterCookie.asWString();
+    }
     // Places the clip item of `cel`: its head reaching back into a transition
     // before it by `headLength`, its tail on by `tailLength`.
     void placeClip(CED2Cell* cel, ClipPlan& plan, double headLength, double tailLength);

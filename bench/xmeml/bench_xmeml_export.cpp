@@ -64,9 +64,9 @@ void BM_Writer(benchmark::State& state) {
 // The map alone: registering many shots and finding each once.
 void BM_RefMap(benchmark::State& state) {
     int n = static_cast<int>(state.range(0));
-    std::vector<LightweightString<wchar_t>> refs;
+    std::vector<Cookie> refs;
     for (int i = 0; i < n; ++i)
-        refs.push_back(L"E-" + Qv::WStringFromInteger(i * 7919L));
+        refs.push_back(newCookie(kCookieEdit, 255));
     for (auto _ : state) {
         XML::CED2ClipRefMap map;
         for (const auto& r : refs)

@@ -247,23 +247,29 @@ TEST_F(XmemlRefMap, TheFirstRecordWinsAndOneFileServesAllChannels) {
     CED2 shot(true), other(true);
     shot.CreateEditChannel(0, kChanVideo);
     shot.CreateEditChannel(1, kChanAudio);
+    const Cookie e1 = newCookie(kCookieEdit, 255), e2 = newCookie(kCookieEdit, 255);
     XML::CED2ClipRefMap map;
-    map.addRef(L"E-1", &shot, false);
-    map.addRef(L"E-1", &other, true);
-    map.addRef(L"", &other, true);
+    map.addRef(e1, &shot, false);
+    map.addRef(e1, &other, true);
+    map.addRef(e2, &other, true);
     XML::CED2ClipRefMapRec* rec = nullptr;
-    ASSERT_TRUE(map.findRef(L"E-1", &rec));
+    ASSERT_TRUE(map.findRef(e1, &rec));
     EXPECT_EQ(rec->ced2, &shot);
     EXPECT_FALSE(rec->isGhost);
-    EXPECT_EQ(rec->getFileElementRef(7), L"E-1_0");
-    // A null string counts as empty.
-    ASSERT_TRUE(map.findRef(LightweightString<wchar_t>(), &rec));
+    EXPECT_EQ(rec->getFileElementRef(7), e1.asWString() + L"_0");
+    ASSERT_TRUE(map.findRef(e2, &rec));
     EXPECT_EQ(rec->ced2, &other);
-    EXPECT_FALSE(map.findRef(L"E-2", &rec));
+    // A cookie is its own key as it stands: another type, channel or tail
+    // byte is another cookie, as its text is another text.
+    Cookie video = convertCookie(e1, kCookieVideo, 255),
+           channel = convertCookie(e1, kCookieEdit, 1), tail = e1;
+    tail.tail = 1;
+    for (const Cookie& c : {video, channel, tail})
+        EXPECT_FALSE(map.findRef(c, &rec)) << c.asString().c_str();
 
-    ASSERT_TRUE(map.findRef(L"E-1", &rec));
+    ASSERT_TRUE(map.findRef(e1, &rec));
     EXPECT_FALSE(rec->isChanFileDefined(1));
-    map.setDefined(L"E-1", 0);
+    map.setDefined(e1, 0);
     EXPECT_TRUE(rec->isChanFileDefined(0));
     EXPECT_TRUE(rec->isChanFileDefined(1)) << "one file for all channels";
     EXPECT_FALSE(rec->isChanFileDefined(200)) << "beyond the shot's channels";
@@ -273,11 +279,12 @@ TEST_F(XmemlRefMap, SoundOnlyShotsCountTheirChannelsFromOne) {
     CED2 sound(true);
     sound.CreateEditChannel(0, kChanAudio);
     sound.CreateEditChannel(1, kChanAudio);
+    const Cookie s = newCookie(kCookieEdit, 255);
     XML::CED2ClipRefMap map;
-    map.addRef(L"S", &sound, false);
-    map.setDefined(L"S", 0);
+    map.addRef(s, &sound, false);
+    map.setDefined(s, 0);
     XML::CED2ClipRefMapRec* rec = nullptr;
-    ASSERT_TRUE(map.findRef(L"S", &rec));
+    ASSERT_TRUE(map.findRef(s, &rec));
     // Channel 0 falls before the first mark and so is never defined; the
     // look-up must not read outside the marks.
     EXPECT_FALSE(rec->isChanFileDefined(0));
