@@ -1,6 +1,7 @@
 #include "export/XmlFile.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -59,26 +60,59 @@ std::size_t character(const unsigned char* s, bool& allowed) {
 
 }  // namespace
 
-void appendUtf8(std::string& out, std::wstring_view text) {
-    // Most text is ASCII: it goes over a character a byte, in one pass, and
-    // the rest from the first character that is not.
+namespace {
+
+// Appends `text` to `out` in UTF-8; true when every character is printable
+// ASCII (from space on), which no writer needs to clean.
+bool appendUtf8Plain(std::string& out, std::wstring_view text) {
+    // Most text is ASCII: it goes over a character a byte, four at a time
+    // where wide characters are four bytes, and the rest from the first
+    // character that is not.
     const std::size_t at = out.size(), n = text.size();
     out.resize(at + n);
     char* p = out.data() + at;
+    const wchar_t* w = text.data();
     std::size_t i = 0;
-    while (i < n && static_cast<char32_t>(text[i]) < 0x80) {
-        p[i] = static_cast<char>(text[i]);
-        ++i;
+    bool plain = true;
+    if constexpr (sizeof(wchar_t) == 4 && std::endian::native == std::endian::little) {
+        constexpr std::uint64_t kHigh = 0xFFFFFF80FFFFFF80ull;  // bits of no ASCII character
+        constexpr std::uint64_t kSpaces = 0x0000002000000020ull;
+        constexpr std::uint64_t kSigns = 0x8000000080000000ull;
+        for (; i + 4 <= n; i += 4) {
+            std::uint64_t a, b;
+            std::memcpy(&a, w + i, 8);
+            std::memcpy(&b, w + i + 2, 8);
+            if ((a | b) & kHigh) break;
+            // A character below space turns its half negative (a borrow
+            // from the one before may flag a space too: that only sends
+            // the text to be looked at).
+            if (((a - kSpaces) | (b - kSpaces)) & kSigns) plain = false;
+            p[i] = static_cast<char>(a);
+            p[i + 1] = static_cast<char>(a >> 32);
+            p[i + 2] = static_cast<char>(b);
+            p[i + 3] = static_cast<char>(b >> 32);
+        }
     }
-    if (i == n) return;
+    for (; i < n && static_cast<char32_t>(w[i]) < 0x80; ++i) {
+        if (w[i] < 0x20) plain = false;
+        p[i] = static_cast<char>(w[i]);
+    }
+    if (i == n) return plain;
     out.resize(at + i);
     for (; i < n; ++i) {
-        char32_t c = static_cast<char32_t>(text[i]);
+        char32_t c = static_cast<char32_t>(w[i]);
         if (c < 0x80)
             out.push_back(static_cast<char>(c));
         else
             appendUTF8(out, c);
     }
+    return false;
+}
+
+}  // namespace
+
+void appendUtf8(std::string& out, std::wstring_view text) {
+    appendUtf8Plain(out, text);
 }
 
 XmlFile::XmlFile() {
@@ -126,8 +160,16 @@ const char* XmlFile::writable(const char* utf8, std::string& scratch) {
 
 const char* XmlFile::utf8(std::wstring_view text) {
     utf8_.clear();
-    appendUtf8(utf8_, text);
+    appendUtf8Plain(utf8_, text);
     return utf8_.c_str();
+}
+
+void XmlFile::pushText(std::wstring_view text) {
+    utf8_.clear();
+    if (appendUtf8Plain(utf8_, text))
+        printer.PushText(utf8_.c_str(), false);
+    else
+        pushText(utf8_.c_str());
 }
 
 void XmlFile::pushText(const char* utf8) {
@@ -215,7 +257,7 @@ xmlElement::~xmlElement() {
 
 xmlInlineElement::xmlInlineElement(XmlFile& file, const char* name, std::wstring_view text) {
     file.printer.OpenElement(name, false);
-    file.pushText(file.utf8(text));
+    file.pushText(text);
     file.printer.CloseElement(false);
 }
 

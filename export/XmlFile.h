@@ -170,6 +170,8 @@ class XmlFile {
     const char* utf8(std::wstring_view text);
     // A text of the element just opened, in UTF-8 (null counts as empty).
     void pushText(const char* utf8);
+    // A wide text of the element just opened.
+    void pushText(std::wstring_view text);
 
     Qv::Ptr<iFile> file;
     Printer printer;

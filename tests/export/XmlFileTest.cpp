@@ -71,6 +71,16 @@ TEST(XmlFile, WideTextBecomesTheBytesTheHostGivesIt) {
         appendUtf8(made, t);
         EXPECT_EQ(made, "prefix " + toUTF8(std::wstring_view(t)).str());
     }
+    // ASCII goes four characters at a time: one other character at every
+    // place of a longer text.
+    for (std::size_t at = 0; at < 11; ++at)
+        for (wchar_t odd : {wchar_t(0xF8), wchar_t(0x20AC), wchar_t(0x1B), wchar_t(-1)}) {
+            std::wstring t(11, L'a');
+            t[at] = odd;
+            std::string made;
+            appendUtf8(made, t);
+            EXPECT_EQ(made, toUTF8(std::wstring_view(t)).str()) << at;
+        }
 }
 
 // The printer's own buffer holds what tinyxml2's printer would: deep
@@ -125,6 +135,18 @@ TEST(XmlFile, CharactersXmlCannotCarryAreReplacedAndToldOncePerText) {
                          "c\td\ne\rf\xE2\x82",
                          {});
         xmlInlineElement(f, "fine", "Sn\xC3\xB8 \xF0\x9F\x8E\xAC", {});
+    }
+    // A control character anywhere in an otherwise plain wide text, which
+    // is converted four characters at a time.
+    for (std::size_t at = 0; at < 10; ++at) {
+        std::wstring t(10, L' ');
+        t[at] = L'\u0001';
+        XmlFile one;
+        one.replaceUnwritableCharacters(LoggerHandle(Qv::Ptr<iLogSink>(new CapturingLogSink)));
+        xmlInlineElement(one, "t", std::wstring_view(t));
+        std::string expected =
+            "<t>" + std::string(at, ' ') + "\xEF\xBF\xBD" + std::string(9 - at, ' ') + "</t>";
+        EXPECT_NE(std::string(one.text()).find(expected), std::string::npos) << at;
     }
     std::string text = f.text();
     const std::string r = "\xEF\xBF\xBD";
