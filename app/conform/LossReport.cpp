@@ -243,16 +243,18 @@ std::vector<Loss> targetLosses(const SequenceInfo& s, const std::string& target,
     if (!s.edit) return out;
     // Clips of media that the export leaves out become gaps: with
     // --skip-offline those of offline media, in fcpxml also those of media
-    // without any file (which the format cannot hold).
+    // without any file (which the format cannot hold). Other exports leave
+    // no clip out, and their clips are not looked up.
     EditStore& store = EditStore::current();
-    for (const ClipInfo& c : s.clips) {
-        Qv::Ptr<Edit> shot = c.shot.isValid() ? store.find(c.shot) : nullptr;
-        if (!shot) continue;
-        if (skipOffline && shot->isOffline())
-            out.push_back(at(s, "left-out", c.track, c.recordIn, c.name));
-        else if (target == "fcpxml" && !SystemCache::findEntryForCookie(shot->cookie))
-            out.push_back(at(s, "shot-without-file", c.track, c.recordIn, c.name));
-    }
+    if (skipOffline || target == "fcpxml")
+        for (const ClipInfo& c : s.clips) {
+            Qv::Ptr<Edit> shot = c.shot.isValid() ? store.find(c.shot) : nullptr;
+            if (!shot) continue;
+            if (skipOffline && shot->isOffline())
+                out.push_back(at(s, "left-out", c.track, c.recordIn, c.name));
+            else if (target == "fcpxml" && !SystemCache::findEntryForCookie(shot->cookie))
+                out.push_back(at(s, "shot-without-file", c.track, c.recordIn, c.name));
+        }
     if (target == "fcpxml") {
         fcpxmlLosses(s, out);
     } else if (target == "xmeml") {
