@@ -71,7 +71,7 @@ int runGuarded(int argc, char** argv) {
     }
     Commands commands(plugin, console);
     commands.setListRate(parsed.listRate);
-    setUpHeapFor(Batch::jobsFor(o.jobs, o.inputs.size()));
+    shareHeapAmong(Batch::jobsFor(o.jobs, o.inputs.size()));
     // The work on the documents: whatever it throws ends it as a failure of
     // those documents, in one sentence (convert and info guard each document
     // of a batch on its own, and go on past it).

@@ -32,19 +32,13 @@ void releaseFreedMemory() {
 #endif
 }
 
-void setUpHeapFor(int jobs) {
+void shareHeapAmong(int jobs) {
 #if defined(__GLIBC__) && !defined(QVXML_HEAP_IS_SANITIZERS)
     // Each new thread would otherwise get a heap of its own, grown a page
     // at a time (a system call and a page fault each): the writer's thread
     // of every export, although the memory the reading just gave back lies
     // ready in the heap it left. One heap a job: a job's threads take turns.
     if (jobs > 0) ::mallopt(M_ARENA_MAX, jobs);
-    // Blocks of up to 32 MB (the most glibc allows) come from the heap
-    // rather than a mapping of their own: what the reading of a document
-    // gives back (its text, its index) then serves its export, instead of
-    // being unmapped and the export's blocks paged in afresh. Freed blocks
-    // of a long document go back to the system through releaseFreedMemory.
-    ::mallopt(M_MMAP_THRESHOLD, 32 << 20);
 #else
     (void)jobs;
 #endif

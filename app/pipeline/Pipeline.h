@@ -20,10 +20,8 @@ std::string whyUnreadable(const std::string& input, const DocumentHead& head);
 // long convert would be the sum of its steps instead of the largest of them.
 void releaseFreedMemory();
 
-// Sets the heap up for a run of `jobs` side by side: its threads share as
-// many heaps as there are jobs, instead of one heap each, and blocks of up
-// to 32 MB come from those heaps, so that a step reuses what the one before
-// it gave back.
-void setUpHeapFor(int jobs);
+// Lets the threads of a run share as many heaps as it has jobs side by side,
+// instead of one heap each.
+void shareHeapAmong(int jobs);
 
 }  // namespace qvapp
