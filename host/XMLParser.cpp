@@ -332,6 +332,7 @@ struct XMLParser::Index {
     std::vector<Element> elements;  // in document order
     std::vector<NameSlot> slots;    // open addressing, power of two
     u32 names = 0;
+    bool outOfMemory = false;      // the scan ran out of memory: the index is empty
     std::vector<u32> nameOf;       // per element, during the scan: its name id
     std::vector<u32> openCount;    // per name id, during the scan
     std::vector<u32> nameLength;   // per name id, during the scan
@@ -347,7 +348,9 @@ struct XMLParser::Index {
             scan();
             group();
         } catch (const std::bad_alloc&) {
-            // Out of memory on a huge text: answer nothing rather than throw.
+            // Out of memory on a huge text: answer nothing rather than throw,
+            // and say why.
+            outOfMemory = true;
             elements.clear();
             names = 0;
             firstOfName.clear();
@@ -697,6 +700,10 @@ std::vector<std::unique_ptr<XMLParser>> XMLParser::sections_TopLevel(std::string
 std::vector<XMLParser::Tag> XMLParser::attributes() const {
     if (root_ == kNone) return {};
     return index_->attributesOf(root_);
+}
+
+bool XMLParser::outOfMemory() const {
+    return index_ && index_->outOfMemory;
 }
 
 bool XMLParser::hasText() const {

@@ -64,6 +64,9 @@ class XMLParser {
     static constexpr unsigned int kNoElement = 0xFFFFFFFFu;
     unsigned int element() const { return root_; }
     bool sameIndex(const XMLParser& other) const { return index_ == other.index_; }
+    // Whether the index of the text could not be made for want of memory:
+    // the parser then answers as over an empty text.
+    bool outOfMemory() const;
     // The element that element() numbered, as section() gives it; null for a
     // number this index does not hold or an element with nothing inside.
     std::unique_ptr<XMLParser> sectionAt(unsigned int element) const;

@@ -107,6 +107,10 @@ ImportResult XMLImportFiles(const ImportFileList& files, LoggerHandle log) {
         int parsed = 0;
         {
             XMLParser parser(doc.text, -1);
+            if (parser.outOfMemory()) {
+                result.status = kStatusNoMemory;
+                break;
+            }
             XMLFlavour flavour = detectXMLFlavour(parser);
             if (flavour < XMLFlavourQV1 || flavour > XMLFlavourQV2) {
                 result.status = kStatusUnknown;

@@ -68,4 +68,32 @@ TEST_F(Command, ImportSummarisesAndSnapshotsExportBack) {
               std::string::npos);
 }
 
+// A document that memory cannot hold the index of is told as such, never
+// as a document of a kind or version qvxml does not read. The command runs
+// under a ceiling on its address space (which the sanitizers, reserving
+// terabytes, cannot run under).
+TEST_F(Command, AnImportWithoutMemoryEnoughSaysSo) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "an address-space ceiling stops the sanitizers themselves";
+#endif
+    // 40 MB of empty elements, an index of three times that.
+    std::string doc = "<?xml version=\"1.0\"?>\n<xmeml version=\"5\"><sequence><name>x</name>";
+    doc.reserve(40u << 20);
+    while (doc.size() < (40u << 20))
+        doc += "<a/>";
+    doc += "</sequence></xmeml>\n";
+    std::string path = dir.file("long.xml");
+    qvtest::writeFile(path, doc);
+    bool refused = false;
+    for (int megabytes : {150, 200}) {
+        Outcome r = qvxml("import --quiet " + quote(path),
+                          "ulimit -v " + std::to_string(megabytes << 10) + ";");
+        if (r.status == 0) continue;
+        refused = true;
+        EXPECT_NE(r.err.find("not enough memory"), std::string::npos) << megabytes << ": " << r.err;
+        EXPECT_EQ(r.err.find("version"), std::string::npos) << megabytes << ": " << r.err;
+    }
+    EXPECT_TRUE(refused) << "no ceiling was low enough to matter";
+}
+
 }  // namespace
