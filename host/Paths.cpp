@@ -511,11 +511,15 @@ class TreeIndex {
         while (dirent* e = ::readdir(d)) {
             if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
             std::string name = e->d_name;
-            std::string full = childPath(dir, name);
-            bool gone;
-            Kind kind = kindOfEntry(full, e->d_type, gone);
-            if (gone) continue;
-            if (kind == Kind::Folder) subfolders.push_back(std::move(full));
+            // A regular file, the most of any tree, needs no path of its own.
+            Kind kind = Kind::File;
+            if (e->d_type != DT_REG) {
+                std::string full = childPath(dir, name);
+                bool gone;
+                kind = kindOfEntry(full, e->d_type, gone);
+                if (gone) continue;
+                if (kind == Kind::Folder) subfolders.push_back(std::move(full));
+            }
             entries_.push_back({std::move(name), here, kind});
         }
         ::closedir(d);
