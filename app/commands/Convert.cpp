@@ -142,7 +142,8 @@ Outcome Commands::convertDocument(std::size_t job, const std::string& input, con
         else
             losses.outputs.push_back(stems[i] + extension);
         if (e->isShot()) continue;
-        DocumentInfo info = describeTimeline({e}, format);
+        DocumentInfo info =
+            describeTimeline({e}, format, targetLossesReadTheBody(*e, flavour.name, o.skipOffline));
         if (info.sequences.empty()) continue;
         const SequenceInfo& s = info.sequences.front();
         for (Loss& l : targetLosses(s, flavour.name, o.silent, o.skipOffline))
@@ -240,7 +241,8 @@ Outcome Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& fla
     std::vector<LossRecord> records = console_->takeLosses();
     losses.warnings = console_->warnings();
     if (!edit->isShot()) {
-        DocumentInfo info = describeTimeline({edit}, "snapshot");
+        DocumentInfo info = describeTimeline(
+            {edit}, "snapshot", targetLossesReadTheBody(*edit, flavour.name, o.skipOffline));
         if (!info.sequences.empty()) {
             const SequenceInfo& s = info.sequences.front();
             losses.items = targetLosses(s, flavour.name, o.silent, o.skipOffline);

@@ -49,11 +49,12 @@ std::string sourceTimecode(const Edit& shot, double celTime) {
 class Describer {
   public:
     Describer(const IdentitySet& before, const std::string& documentPath, const std::string& format,
-              const Resolutions& resolutions, bool whereabouts = true)
+              const Resolutions& resolutions, bool whereabouts = true, bool body = true)
         : before_(before),
           resolutions_(resolutions),
           store_(EditStore::current()),
-          whereabouts_(whereabouts) {
+          whereabouts_(whereabouts),
+          body_(body) {
         doc_.path = documentPath;
         doc_.format = format;
     }
@@ -109,6 +110,10 @@ class Describer {
             t.channel = static_cast<int>(ch->index);
             t.levels = ch->hasTrackLevels && !ch->levels.empty();
             int track = static_cast<int>(s.tracks.size());
+            if (!body_) {
+                s.tracks.push_back(t);
+                continue;
+            }
             std::int64_t at = 0;
             for (const CelData& c : ch->cels) {
                 std::int64_t in = s.frameOf(c.editIn), out = s.frameOf(c.editOut);
@@ -146,9 +151,10 @@ class Describer {
             if (c.speed != 1) ++s.speedChanges;
             if (c.media >= 0) s.media.insert(c.media);
         }
-        for (const Ced2Cue& cue : e->cues)
-            s.markers.push_back({narrow(cue.name), narrow(cue.comment), s.frameOf(cue.in),
-                                 cue.out >= kCueOpenEnd ? -1 : s.frameOf(cue.out), cue.colour});
+        if (body_)
+            for (const Ced2Cue& cue : e->cues)
+                s.markers.push_back({narrow(cue.name), narrow(cue.comment), s.frameOf(cue.in),
+                                     cue.out >= kCueOpenEnd ? -1 : s.frameOf(cue.out), cue.colour});
         std::stable_sort(s.markers.begin(), s.markers.end(),
                          [](const MarkerInfo& a, const MarkerInfo& b) { return a.in < b.in; });
         return s;
@@ -311,6 +317,9 @@ class Describer {
     // but the loss report of a conversion read them. Finding a file's place
     // costs a stat and a realpath per shot.
     bool whereabouts_;
+    // The clips, gaps, transitions and markers; without them the tracks are
+    // listed with nothing on them.
+    bool body_;
 };
 
 }  // namespace
@@ -365,8 +374,8 @@ DocumentInfo describe(const std::vector<Qv::Ptr<Edit>>& sequences, const Identit
 }
 
 DocumentInfo describeTimeline(const std::vector<Qv::Ptr<Edit>>& sequences,
-                              const std::string& format) {
-    return Describer({}, {}, format, {}, false).run(sequences);
+                              const std::string& format, bool body) {
+    return Describer({}, {}, format, {}, false, body).run(sequences);
 }
 
 Resolutions resolutionsFrom(const std::vector<std::string>& lines) {

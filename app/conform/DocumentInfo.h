@@ -144,9 +144,11 @@ DocumentInfo describe(const std::vector<Qv::Ptr<Edit>>& sequences, const Identit
 // The timeline alone: tracks, clips, gaps, transitions and markers, with
 // each clip's media told apart by identity only (no place, status or
 // source timecode). What a conversion's loss report reads, at a fraction of
-// the cost.
+// the cost. Without the `body`, each sequence is told by its name, rate,
+// start, length and tracks alone, which is all that the losses of some
+// targets read (targetLossesReadTheBody).
 DocumentInfo describeTimeline(const std::vector<Qv::Ptr<Edit>>& sequences,
-                              const std::string& format);
+                              const std::string& format, bool body = true);
 
 // The name of a channel as editors number tracks: the lowest video track is
 // V1 (the editor's first video channel is the top one), audio A1 onwards.

@@ -295,6 +295,19 @@ std::vector<Loss> targetLosses(const SequenceInfo& s, const std::string& target,
     return out;
 }
 
+bool targetLossesReadTheBody(const Edit& sequence, const std::string& target, bool skipOffline) {
+    // Clips left out are found among the clips; fcpxml and native losses
+    // come from the clips and markers themselves.
+    if (skipOffline || target == "fcpxml" || target == "native") return true;
+    if (target != "xmeml") return false;
+    // xmeml loses multi-angle clips, and levels over 6 dB where it caps them.
+    if (config_int("xml_export_limit_to_6dB", 0) != 0) return true;
+    for (const StoredChannel& ch : sequence.channels)
+        for (const CelData& c : ch.cels)
+            if (!c.alternates.empty()) return true;
+    return false;
+}
+
 std::vector<Loss> writerLosses(const SequenceInfo& s, const std::vector<LossRecord>& records) {
     std::vector<Loss> out;
     for (const LossRecord& r : records) {

@@ -55,6 +55,11 @@ Loss lossOf(const LossRecord& record, const char* origin);
 // `silent` and `skipOffline` are the export's options of those names.
 std::vector<Loss> targetLosses(const SequenceInfo& sequence, const std::string& target, bool silent,
                                bool skipOffline);
+// Whether targetLosses can find anything in the clips, transitions and
+// markers of `sequence` for that target; when not, a description of the
+// sequence without them (describeTimeline's `body` false) gives it all it
+// reads.
+bool targetLossesReadTheBody(const Edit& sequence, const std::string& target, bool skipOffline);
 
 // The losses an export recorded as it wrote (clips it shortened, transitions
 // it replaced), placed on the sequence.

@@ -32,7 +32,7 @@ TEST_F(DocumentInfoTest, TheTimelineAloneGivesEveryTargetTheSameLosses) {
     const std::string folder = std::string(QVXML_CORPUS) + "/xmeml";
     std::vector<std::string> names = qvtest::listDirectory(folder);
     ASSERT_GE(names.size(), 20u) << folder;
-    int clips = 0;
+    int clips = 0, headOnly = 0;
     for (const std::string& name : names) {
         SCOPED_TRACE(name);
         EditStore project;
@@ -60,8 +60,49 @@ TEST_F(DocumentInfoTest, TheTimelineAloneGivesEveryTargetTheSameLosses) {
                 EXPECT_EQ(lossesOf(whole, target, skipOffline),
                           lossesOf(timeline, target, skipOffline))
                     << target << (skipOffline ? " --skip-offline" : "");
+        // A sequence whose losses for a target read no clip is described
+        // for it by its head alone: the same losses, and what the writer's
+        // own losses are placed by.
+        for (const Qv::Ptr<Edit>& e : sequences) {
+            DocumentInfo body = qvapp::describeTimeline({e}, "xmeml");
+            DocumentInfo head = qvapp::describeTimeline({e}, "xmeml", false);
+            ASSERT_EQ(body.sequences.size(), head.sequences.size());
+            for (std::size_t i = 0; i < body.sequences.size(); ++i) {
+                const qvapp::SequenceInfo &a = body.sequences[i], &b = head.sequences[i];
+                EXPECT_EQ(a.name, b.name);
+                EXPECT_EQ(a.ticks, b.ticks);
+                EXPECT_EQ(a.startFrame, b.startFrame);
+                EXPECT_EQ(a.dropFrame, b.dropFrame);
+                EXPECT_EQ(a.duration, b.duration);
+                EXPECT_EQ(a.tracks.size(), b.tracks.size());
+            }
+            for (const char* target : {"xmeml", "fcpxml", "native", "otio", "edl"})
+                for (bool skipOffline : {false, true}) {
+                    if (qvapp::targetLossesReadTheBody(*e, target, skipOffline)) continue;
+                    ++headOnly;
+                    EXPECT_EQ(lossesOf(body, target, skipOffline),
+                              lossesOf(head, target, skipOffline))
+                        << target << (skipOffline ? " --skip-offline" : "");
+                }
+        }
     }
     EXPECT_GT(clips, 1000);
+    EXPECT_GT(headOnly, 20);
+}
+
+// A multi-angle clip is an xmeml loss (when it cannot go out as a group),
+// so a sequence that holds one is read to its clips for xmeml.
+TEST_F(DocumentInfoTest, MultiAngleClipsAreReadForXmeml) {
+    Qv::Ptr<Edit> seq(new Edit(newCookie(kCookieEdit, 255)));
+    StoredChannel video;
+    video.cels.emplace_back();
+    seq->channels.push_back(video);
+    EXPECT_FALSE(qvapp::targetLossesReadTheBody(*seq, "xmeml", false));
+    EXPECT_TRUE(qvapp::targetLossesReadTheBody(*seq, "xmeml", true));
+    EXPECT_TRUE(qvapp::targetLossesReadTheBody(*seq, "fcpxml", false));
+    seq->channels.back().cels.back().alternates.push_back({});
+    EXPECT_TRUE(qvapp::targetLossesReadTheBody(*seq, "xmeml", false));
+    EXPECT_FALSE(qvapp::targetLossesReadTheBody(*seq, "otio", false));
 }
 
 }  // namespace
