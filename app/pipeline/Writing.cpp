@@ -19,8 +19,9 @@ namespace qvapp {
 namespace {
 
 // Whether the plug-in writes `edit` in well under the half second after
-// which an export shows that it is at work: a few microseconds a cel, so a
-// hundred thousand cels at most (the sequences it holds count for little).
+// which an export shows that it is at work: about two microseconds a cel,
+// so a hundred thousand cels at most. Only the edit's own cels are counted:
+// a short edit of long nested sequences is written without a spinner.
 bool exportsQuickly(const Edit& edit) {
     constexpr std::size_t kQuickCels = 100000;
     std::size_t cels = 0;
