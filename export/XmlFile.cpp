@@ -58,16 +58,12 @@ std::size_t character(const unsigned char* s, bool& allowed) {
     return length;
 }
 
-}  // namespace
-
-namespace {
-
 // Appends `text` to `out` in UTF-8; true when every character is printable
 // ASCII (from space on), which no writer needs to clean.
 bool appendUtf8Plain(std::string& out, std::wstring_view text) {
     // Most text is ASCII: it goes over a character a byte, four at a time
-    // where wide characters are four bytes, and the rest from the first
-    // character that is not.
+    // where wide characters are four bytes; from the first character that
+    // is not, the rest goes as the host turns it.
     const std::size_t at = out.size(), n = text.size();
     out.resize(at + n);
     char* p = out.data() + at;
@@ -99,13 +95,7 @@ bool appendUtf8Plain(std::string& out, std::wstring_view text) {
     }
     if (i == n) return plain;
     out.resize(at + i);
-    for (; i < n; ++i) {
-        char32_t c = static_cast<char32_t>(w[i]);
-        if (c < 0x80)
-            out.push_back(static_cast<char>(c));
-        else
-            appendUTF8(out, c);
-    }
+    appendUTF8(out, text.substr(i));
     return false;
 }
 

@@ -83,8 +83,8 @@ class Printer : public tinyxml2::XMLPrinter {
             return writeLong(data, size);
         char* at = end_;
         // Up to 16 bytes: two copies of fixed size that overlap, reading
-        // within the piece only.
-        // The shortest first: most pieces are "<", ">" or "</".
+        // within the piece only; the shortest first, as most pieces are "<",
+        // ">" or "</".
         if (size < 4) {
             if (size > 0) {
                 at[0] = data[0];
@@ -108,9 +108,9 @@ class Printer : public tinyxml2::XMLPrinter {
         *end_++ = c;
     }
     // The indentation of a line in one piece: four spaces a level, as the
-    // printer's own writes them a level at a time.
-    // Copied 32 spaces at a time from a row of them, the last copy running
-    // on into the free room (which the next piece writes over).
+    // printer's own writes them a level at a time. They are copied 32 at a
+    // time from a row of spaces, the last copy running on into the free room
+    // (which the next piece writes over).
     void PrintSpace(int depth) override {
         std::size_t n = depth > 0 ? 4 * static_cast<std::size_t>(depth) : 0;
         if (n + kSpaceRow >= room()) [[unlikely]]

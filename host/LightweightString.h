@@ -188,6 +188,8 @@ inline LightweightString<wchar_t>& operator+=(LightweightString<wchar_t>& a,
 LightweightString<char> toUTF8(const LightweightString<wchar_t>& text);
 // Appends one code point as UTF-8 (U+FFFD for one it cannot carry).
 void appendUTF8(std::string& out, char32_t c);
+// Appends 32-bit text as UTF-8, as toUTF8 makes it.
+void appendUTF8(std::string& out, std::wstring_view text);
 LightweightString<char> toUTF8(std::wstring_view text);
 LightweightString<wchar_t> fromUTF8(const LightweightString<char>& text);
 LightweightString<wchar_t> fromUTF8(const char* text, int length = -1);

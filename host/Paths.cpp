@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -29,10 +30,10 @@ bool isUNC(const WS& s) {
     return s.size() >= 2 && s[0] == L'\\' && s[1] == L'\\';
 }
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+int hexValue(char32_t c) {
+    if (c >= '0' && c <= '9') return static_cast<int>(c - '0');
+    if (c >= 'a' && c <= 'f') return static_cast<int>(c - 'a' + 10);
+    if (c >= 'A' && c <= 'F') return static_cast<int>(c - 'A' + 10);
     return -1;
 }
 
@@ -54,31 +55,52 @@ bool keptInURL(unsigned c) {
            c == '.' || c == '_' || c == '~' || c == '/';
 }
 
-const char kHexDigits[] = "0123456789ABCDEF";
+// Appends a byte of a path to a file URL: itself, or its escape.
+template <class String>
+void appendEscaped(String& out, unsigned b) {
+    using Char = typename String::value_type;
+    static const char hex[] = "0123456789ABCDEF";
+    if (keptInURL(b)) {
+        out.push_back(static_cast<Char>(b));
+        return;
+    }
+    out.push_back(static_cast<Char>('%'));
+    out.push_back(static_cast<Char>(hex[b >> 4]));
+    out.push_back(static_cast<Char>(hex[b & 15]));
+}
+
+// Hands `put` each byte that `s` stands for, its escapes decoded, and stops
+// where `put` says false (returning false). An escape needs a character
+// after its two digits; otherwise the '%' stands for itself.
+template <class Char, class Put>
+bool forEachDecoded(std::basic_string_view<Char> s, Put put) {
+    using Unsigned = std::make_unsigned_t<Char>;
+    auto at = [&](size_t i) { return static_cast<char32_t>(static_cast<Unsigned>(s[i])); };
+    for (size_t i = 0; i < s.size(); ++i) {
+        if (s[i] == '%' && i + 2 < s.size()) {
+            int hi = hexValue(at(i + 1));
+            int lo = hexValue(at(i + 2));
+            if (hi >= 0 && lo >= 0) {
+                if (!put(static_cast<char32_t>(hi * 16 + lo))) return false;
+                i += 2;
+                continue;
+            }
+        }
+        if (!put(at(i))) return false;
+    }
+    return true;
+}
 
 // `rest` of a file URL decoded, when it and what its escapes stand for are
 // all ASCII: each byte is then a character of the path. False otherwise.
 bool decodeAsciiPath(std::wstring_view rest, std::wstring& path) {
     path.clear();
     path.reserve(rest.size());
-    for (size_t i = 0; i < rest.size(); ++i) {
-        wchar_t c = rest[i];
-        if (c < 0 || c >= 0x80) return false;
-        // As percentDecode reads an escape.
-        if (c == L'%' && i + 2 < rest.size() && rest[i + 1] < 0x80 && rest[i + 2] < 0x80) {
-            int hi = hexValue(static_cast<char>(rest[i + 1]));
-            int lo = hexValue(static_cast<char>(rest[i + 2]));
-            if (hi >= 0 && lo >= 0) {
-                int b = hi * 16 + lo;
-                if (b >= 0x80) return false;
-                path.push_back(static_cast<wchar_t>(b));
-                i += 2;
-                continue;
-            }
-        }
-        path.push_back(c);
-    }
-    return true;
+    return forEachDecoded(rest, [&](char32_t b) {
+        if (b >= 0x80) return false;
+        path.push_back(static_cast<wchar_t>(b));
+        return true;
+    });
 }
 
 }  // namespace
@@ -125,16 +147,8 @@ bool locator_UNCToURL(WS& in, WS& out) {
         url = L"file://";
         url.append(host);
         if (pathPart.empty()) url.push_back(L'/');
-        for (wchar_t c : pathPart) {
-            unsigned b = c == L'\\' ? '/' : static_cast<unsigned>(c);
-            if (keptInURL(b)) {
-                url.push_back(static_cast<wchar_t>(b));
-            } else {
-                url.push_back(L'%');
-                url.push_back(static_cast<wchar_t>(kHexDigits[b >> 4]));
-                url.push_back(static_cast<wchar_t>(kHexDigits[b & 15]));
-            }
-        }
+        for (wchar_t c : pathPart)
+            appendEscaped(url, c == L'\\' ? '/' : static_cast<unsigned>(c));
         out = WS(url);
         return true;
     }
@@ -167,38 +181,20 @@ bool locator_UNCToLocal(WS& in, WS& out) {
 }
 
 LightweightString<char> percentEncode(const LightweightString<char>& text) {
-    const char* hex = kHexDigits;
     std::string out;
     out.reserve(text.size() + text.size() / 4);
-    for (char ch : text.view()) {
-        unsigned char c = static_cast<unsigned char>(ch);
-        if (keptInURL(c)) {
-            out.push_back(static_cast<char>(c));
-        } else {
-            out.push_back('%');
-            out.push_back(hex[c >> 4]);
-            out.push_back(hex[c & 15]);
-        }
-    }
+    for (char c : text.view())
+        appendEscaped(out, static_cast<unsigned char>(c));
     return LightweightString<char>(out);
 }
 
 LightweightString<char> percentDecode(const LightweightString<char>& text) {
     std::string out;
-    std::string_view s = text.view();
-    out.reserve(s.size());
-    for (size_t i = 0; i < s.size(); ++i) {
-        if (s[i] == '%' && i + 2 < s.size()) {
-            int hi = hexValue(s[i + 1]);
-            int lo = hexValue(s[i + 2]);
-            if (hi >= 0 && lo >= 0) {
-                out.push_back(static_cast<char>(hi * 16 + lo));
-                i += 2;
-                continue;
-            }
-        }
-        out.push_back(s[i]);
-    }
+    out.reserve(text.size());
+    forEachDecoded(text.view(), [&](char32_t b) {
+        out.push_back(static_cast<char>(b));
+        return true;
+    });
     return LightweightString<char>(out);
 }
 

@@ -79,11 +79,21 @@ void appendUTF8(std::string& out, char32_t c) {
     }
 }
 
+void appendUTF8(std::string& out, std::wstring_view text) {
+    // Runs of ASCII, as most text is, go over a character a byte.
+    const std::size_t at = out.size();
+    std::size_t i = 0;
+    out.resize(at + text.size());
+    for (; i < text.size() && static_cast<char32_t>(text[i]) < 0x80; ++i)
+        out[at + i] = static_cast<char>(text[i]);
+    out.resize(at + i);
+    for (; i < text.size(); ++i)
+        appendUTF8(out, static_cast<char32_t>(text[i]));
+}
+
 LightweightString<char> toUTF8(std::wstring_view text) {
     std::string out;
-    out.reserve(text.size());
-    for (wchar_t c : text)
-        appendUTF8(out, static_cast<char32_t>(c));
+    appendUTF8(out, text);
     return LightweightString<char>(out);
 }
 

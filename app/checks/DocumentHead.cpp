@@ -4,11 +4,7 @@
 #include <fstream>
 #include <string_view>
 
-#include "app/pipeline/Text.h"
-#include "edl/EdlImport.h"
-#include "host/Paths.h"
 #include "host/XMLParser.h"
-#include "otio/OtioImport.h"
 
 namespace qvapp {
 
@@ -163,12 +159,6 @@ VersionMend mendVersion(const DocumentHead& head) {
     m.offset = head.attributeOffset;
     m.length = head.valueOffset + head.valueLength + 1 - head.attributeOffset;
     return m;
-}
-
-std::string documentFormat(const std::string& path) {
-    if (QvOtio::isOtioDocument(pathFromBytes(absolute(path)))) return "otio";
-    if (QvEdl::isEdlDocument(pathFromBytes(absolute(path)))) return "edl";
-    return formatName(readDocumentHead(path).kind);
 }
 
 std::string formatName(DocumentHead::Kind kind) {

@@ -27,10 +27,8 @@ DocumentHead readDocumentHead(const std::string& path);
 // The same of a document's text, as it is handed to the readers.
 DocumentHead readDocumentHead(std::string_view text);
 
-// The kind of document a file is, as the conform tools name it: "otio",
-// "xmeml", "native", "fcpxml", "edl", or "" for none of these.
-std::string documentFormat(const std::string& path);
-// The name of an XML document's kind, as documentFormat gives it.
+// The name of an XML document's kind, as the conform tools name formats:
+// "xmeml", "native", "fcpxml", or "" for none of these.
 std::string formatName(DocumentHead::Kind kind);
 
 // A document whose version the readers would refuse only for its spelling,

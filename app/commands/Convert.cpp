@@ -93,7 +93,7 @@ Outcome Commands::convertDocument(std::size_t job, const std::string& input, con
                                            "(--lenient writes it)");
     mapImportedLocators({});
     losses.read = true;
-    std::string format = formats_.empty() ? documentFormat(input) : formats_.back();
+    std::string format = formats_.back();
     // What reading lost: the import's own account of it.
     if (!read_.empty()) losses.items = std::move(read_.back().items);
 

@@ -237,7 +237,7 @@ Outcome Commands::readForLooking(const std::string& input, std::vector<Qv::Ptr<E
     // The shots keep the locators their document gave, so that what was
     // moved by --map-path can be told; only what is written is moved.
     if (Outcome r = importDocuments({input}, sequences, lenient); !r.ok()) return r;
-    format = formats_.empty() ? documentFormat(input) : formats_.back();
+    format = formats_.back();
     return {};
 }
 

@@ -16,22 +16,10 @@ namespace qvapp {
 inline LightweightString<wchar_t> wide(const std::string& s) {
     return fromUTF8(s.c_str());
 }
-// toUTF8's bytes, made in one string: runs of ASCII, as most names are,
-// are copied a character at a time without a call for each.
+// toUTF8's bytes, made in one string.
 inline std::string narrow(const LightweightString<wchar_t>& s) {
-    std::wstring_view text = s.view();
-    std::string out(text.size(), '\0');
-    std::size_t n = 0, i = 0;
-    for (; i < text.size() && static_cast<char32_t>(text[i]) < 0x80; ++i)
-        out[n++] = static_cast<char>(text[i]);
-    out.resize(n);
-    for (; i < text.size(); ++i) {
-        char32_t c = static_cast<char32_t>(text[i]);
-        if (c < 0x80)
-            out.push_back(static_cast<char>(c));
-        else
-            appendUTF8(out, c);
-    }
+    std::string out;
+    appendUTF8(out, s.view());
     return out;
 }
 // Paths are bytes: these keep them whole on the way through the host, even
