@@ -91,16 +91,16 @@ bool forEachDecoded(std::basic_string_view<Char> s, Put put) {
     return true;
 }
 
-// `rest` of a file URL decoded, when it and what its escapes stand for are
-// all ASCII: each byte is then a character of the path. False otherwise.
-bool decodeAsciiPath(std::wstring_view rest, std::wstring& path) {
-    path.clear();
-    path.reserve(rest.size());
-    return forEachDecoded(rest, [&](char32_t b) {
-        if (b >= 0x80) return false;
-        path.push_back(static_cast<wchar_t>(b));
-        return true;
-    });
+// Appends the bytes of one character of a path: itself below 0x80, the raw
+// byte that pathFromBytes kept as U+DC80..U+DCFF, UTF-8 otherwise.
+void appendPathBytes(std::string& out, wchar_t w) {
+    char32_t c = static_cast<char32_t>(w);
+    if (c < 0x80)
+        out.push_back(static_cast<char>(c));
+    else if (c >= 0xDC80 && c <= 0xDCFF)
+        out.push_back(static_cast<char>(c - 0xDC00));
+    else
+        appendUTF8(out, c);
 }
 
 }  // namespace
@@ -136,31 +136,27 @@ bool locator_UNCToURL(WS& in, WS& out) {
     if (!isUNC(in)) return false;
     std::wstring_view rest = in.view().substr(2);
     size_t slash = rest.find(L'\\');
+    std::wstring_view host = rest.substr(0, slash);
     std::wstring_view pathPart =
         slash == std::wstring_view::npos ? std::wstring_view() : rest.substr(slash);
-    // An ASCII path is its own bytes: encoded here in one pass.
-    if (std::all_of(pathPart.begin(), pathPart.end(),
-                    [](wchar_t c) { return c >= 0 && c < 0x80; })) {
-        std::wstring_view host = rest.substr(0, slash);
-        std::wstring url;
-        url.reserve(7 + host.size() + 3 * pathPart.size() + 1);
-        url = L"file://";
-        url.append(host);
-        if (pathPart.empty()) url.push_back(L'/');
-        for (wchar_t c : pathPart)
+    // The path's bytes, escaped where a URL needs it, in one pass.
+    std::wstring url;
+    url.reserve(7 + host.size() + 3 * pathPart.size() + 1);
+    url = L"file://";
+    url.append(host);
+    if (pathPart.empty()) url.push_back(L'/');
+    std::string bytes;
+    for (wchar_t c : pathPart) {
+        if (c >= 0 && c < 0x80) {
             appendEscaped(url, c == L'\\' ? '/' : static_cast<unsigned>(c));
-        out = WS(url);
-        return true;
+            continue;
+        }
+        bytes.clear();
+        appendPathBytes(bytes, c);
+        for (char b : bytes)
+            appendEscaped(url, static_cast<unsigned char>(b));
     }
-    std::wstring host(rest.substr(0, slash));
-    std::wstring path;
-    if (slash != std::wstring_view::npos) {
-        for (wchar_t c : rest.substr(slash))
-            path.push_back(c == L'\\' ? L'/' : c);
-    }
-    if (path.empty()) path = L"/";
-    LightweightString<char> encoded = percentEncode(pathBytes(WS(path)));
-    out = WS(L"file://") + WS(host) + fromUTF8(encoded);
+    out = WS(url);
     return true;
 }
 
@@ -213,11 +209,23 @@ WS locatorToPlatformForm(const WS& locator) {
         host = rest.substr(0, slash);
         rest = slash == std::wstring_view::npos ? std::wstring_view() : rest.substr(slash);
     }
-    // The escapes stand for the bytes of the path, which need not be UTF-8.
-    std::wstring ascii;
-    WS path = decodeAsciiPath(rest, ascii)
-                  ? WS(ascii)
-                  : pathFromBytes(percentDecode(pathBytes(WS(rest))).view());
+    // The escapes stand for the bytes of the path, which need not be UTF-8;
+    // the other characters stand for their own bytes.
+    std::string bytes;
+    bytes.reserve(rest.size());
+    for (size_t i = 0; i < rest.size(); ++i) {
+        if (rest[i] == L'%' && i + 2 < rest.size()) {
+            int hi = hexValue(static_cast<char32_t>(rest[i + 1]));
+            int lo = hexValue(static_cast<char32_t>(rest[i + 2]));
+            if (hi >= 0 && lo >= 0) {
+                bytes.push_back(static_cast<char>(hi * 16 + lo));
+                i += 2;
+                continue;
+            }
+        }
+        appendPathBytes(bytes, rest[i]);
+    }
+    WS path = pathFromBytes(bytes);
     if (path.empty()) path = WS(L"/");
     if (host.empty() || host == L"localhost") return path;
     std::wstring unc = L"\\\\" + std::wstring(host);
@@ -314,18 +322,8 @@ WS pathFromBytes(std::string_view bytes) {
 std::string pathBytes(const WS& path) {
     std::string out;
     out.reserve(path.size());
-    for (wchar_t w : path.view()) {
-        char32_t c = static_cast<char32_t>(w);
-        if (c < 0x80) {
-            out.push_back(static_cast<char>(c));
-            continue;
-        }
-        if (c >= 0xDC80 && c <= 0xDCFF) {
-            out.push_back(static_cast<char>(c - 0xDC00));
-            continue;
-        }
-        appendUTF8(out, c);
-    }
+    for (wchar_t w : path.view())
+        appendPathBytes(out, w);
     return out;
 }
 
