@@ -3,12 +3,15 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 namespace {
 struct Settings {
     std::mutex mutex;
-    std::map<std::string, int> ints;
-    std::map<std::string, bool> bools;
+    // Looked up by the caller's own text, with no string made for it: the
+    // writers ask for a setting once per clip.
+    std::map<std::string, int, std::less<>> ints;
+    std::map<std::string, bool, std::less<>> bools;
 };
 Settings& settings() {
     static Settings s;
@@ -19,7 +22,7 @@ Settings& settings() {
 int config_int(const char* key, int defaultValue) {
     Settings& s = settings();
     std::lock_guard<std::mutex> lock(s.mutex);
-    auto it = s.ints.find(key ? key : "");
+    auto it = s.ints.find(std::string_view(key ? key : ""));
     return it == s.ints.end() ? defaultValue : it->second;
 }
 
@@ -38,7 +41,7 @@ void clear_config_int(const char* key) {
 bool EditorPreferences::getPreference(const LightweightString<char>& key, bool defaultValue) const {
     Settings& s = settings();
     std::lock_guard<std::mutex> lock(s.mutex);
-    auto it = s.bools.find(key.str());
+    auto it = s.bools.find(key.view());
     return it == s.bools.end() ? defaultValue : it->second;
 }
 

@@ -50,7 +50,7 @@ void Edit::verifyClipLength() {
     if (!(length > 0)) length = getEndTime();
 }
 
-LightweightString<char> Edit::getConfig(const std::string& key) const {
+LightweightString<char> Edit::getConfig(std::string_view key) const {
     auto it = config.find(key);
     return it == config.end() ? LightweightString<char>() : it->second;
 }

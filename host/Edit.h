@@ -79,7 +79,7 @@ class Edit : public iObject {
     void setConfig(const std::string& key, const LightweightString<char>& value) {
         config[key] = value;
     }
-    LightweightString<char> getConfig(const std::string& key) const;
+    LightweightString<char> getConfig(std::string_view key) const;
 
     Cookie cookie;
     LightweightString<wchar_t> name;
@@ -93,7 +93,7 @@ class Edit : public iObject {
     std::vector<Ced2Cue> cues;
     std::vector<EditLabel> labels;
     LightweightString<char> videoReelId, audioReelId, filmReelId, labRollId;
-    std::map<std::string, LightweightString<char>> config;
+    std::map<std::string, LightweightString<char>, std::less<>> config;
     ShotVideoMetadata videoMetadata;
     double audioSampleRate = 0;  // hertz, as a document gave it; 0 unknown
     Aud::SampleRate audioInputSampleRate;
