@@ -271,8 +271,10 @@ void FCP5XMLWriter::printAudioLevels(CChannel* channel, CED2* seq, double editIn
                 value = kGain599dB;
                 clipped = true;
             }
-            char text[64];
-            std::snprintf(text, sizeof text, "%.8f", value);
+            // As printf's "%.8f" writes it, without parsing a format.
+            char text[400];
+            *std::to_chars(text, text + sizeof text - 1, value, std::chars_format::fixed, 8).ptr =
+                '\0';
             leaf(xmlFile, "value", text);
         }
     }
