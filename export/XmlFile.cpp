@@ -177,14 +177,25 @@ void Printer::grow(std::size_t more) {
     buffer_ = std::move(bigger);
     end_ = buffer_.get() + used;
     limit_ = buffer_.get() + capacity;
-    placeFlushMark();
+}
+
+void Printer::makeRoom(std::size_t more) {
+    if (more < room()) return;
+    flush();
+    if (more >= room()) grow(more);
+}
+
+void Printer::streamTo(iFile* file) {
+    file_ = file;
+    // What was made before the file was opened stays until the buffer is
+    // full, as it would have been made with the file.
+    if (file_ && limit_ - buffer_.get() < kChunk) grow(kChunk - held());
 }
 
 void Printer::writeLong(const char* data, std::size_t size) {
-    if (size >= room()) grow(size);
+    makeRoom(size);
     if (size) std::memcpy(end_, data, size);
     end_ += size;
-    if (end_ > flushMark_) flush();
 }
 
 void Printer::Print(const char* format, ...) {
@@ -198,7 +209,7 @@ void Printer::Print(const char* format, ...) {
     va_end(args);
     if (length > 0) {
         std::size_t n = static_cast<std::size_t>(length);
-        if (n >= room()) grow(n);
+        makeRoom(n);
         std::vsnprintf(end_, n + 1, format, again);
         end_ += n;
     }

@@ -43,9 +43,9 @@ void appendUtf8(std::string& out, std::wstring_view text);
 // The printer, made safe against closing more elements than were opened (the
 // root of a document that no writer began, say): such a close does nothing.
 // What it makes goes into a buffer of its own rather than the printer's, so
-// that each small piece costs an append. Given a file (streamTo), it hands
-// the file what it has made whenever that passes a chunk, and keeps only the
-// rest.
+// that each small piece costs an append. Given a file (streamTo), the buffer
+// is a chunk that goes to the file whenever it is full, so that a long
+// document is never held whole; without one the buffer grows.
 class Printer : public tinyxml2::XMLPrinter {
   public:
     Printer() : tinyxml2::XMLPrinter(nullptr, false, 0) {}
@@ -54,10 +54,7 @@ class Printer : public tinyxml2::XMLPrinter {
         if (openElements() > 0) tinyxml2::XMLPrinter::CloseElement(compactMode);
     }
     // From now on pieces go to `file` (null: they stay in memory).
-    void streamTo(iFile* file) {
-        file_ = file;
-        placeFlushMark();
-    }
+    void streamTo(iFile* file);
     // Hands the file what is held; true when anything went to it so far.
     void flush();
     bool streamed() const { return streamed_; }
@@ -68,8 +65,12 @@ class Printer : public tinyxml2::XMLPrinter {
         return buffer_.get();
     }
 
-    // What is held in memory at most before it goes to the file.
-    static constexpr int kChunk = 1 << 18;
+    // The buffer's size while a file takes what is made: what is held in
+    // memory at most before it goes to the file (unless a single piece is
+    // longer). Small enough for the allocator to take from the memory that
+    // reading freed, where a bigger block would be mapped afresh, a page
+    // fault a page.
+    static constexpr int kChunk = 1 << 16;
 
   protected:
     // The printer writes a document in pieces of a few bytes each ("<", a
@@ -99,8 +100,6 @@ class Printer : public tinyxml2::XMLPrinter {
             std::memcpy(at + size - 8, data + size - 8, 8);
         }
         end_ = at + size;
-        if (end_ > flushMark_) [[unlikely]]
-            flush();
     }
     void Putc(char c) override {
         if (room() <= 1) [[unlikely]]
@@ -114,7 +113,7 @@ class Printer : public tinyxml2::XMLPrinter {
     void PrintSpace(int depth) override {
         std::size_t n = depth > 0 ? 4 * static_cast<std::size_t>(depth) : 0;
         if (n + kSpaceRow >= room()) [[unlikely]]
-            grow(n + kSpaceRow);
+            makeRoom(n + kSpaceRow);
         char* at = end_;
         for (std::size_t i = 0; i < n; i += kSpaceRow)
             std::memcpy(at + i, kSpaces, kSpaceRow);
@@ -128,13 +127,10 @@ class Printer : public tinyxml2::XMLPrinter {
     std::size_t room() const { return static_cast<std::size_t>(limit_ - end_); }
     // Makes room for `more` bytes and the zero after them.
     void grow(std::size_t more);
-    // Write's long pieces, and the pieces that need a bigger buffer.
+    // The same, handing the file what is held first when there is one.
+    void makeRoom(std::size_t more);
+    // Write's long pieces, and the pieces that do not fit.
     void writeLong(const char* data, std::size_t size);
-    // Past this the held text goes to the file: a chunk into the buffer
-    // when there is a file, else its end, which the text never passes.
-    void placeFlushMark() {
-        flushMark_ = file_ && limit_ - buffer_.get() > kChunk ? buffer_.get() + kChunk : limit_;
-    }
 
     static constexpr std::size_t kSpaceRow = 32;
     static constexpr char kSpaces[kSpaceRow + 1] = "                                ";
@@ -142,7 +138,6 @@ class Printer : public tinyxml2::XMLPrinter {
     std::unique_ptr<char[]> buffer_;
     char* end_ = nullptr;
     char* limit_ = nullptr;  // the end of the buffer
-    char* flushMark_ = nullptr;
     iFile* file_ = nullptr;
     bool streamed_ = false;
 };

@@ -156,9 +156,12 @@ Outcome Commands::exportEdit(const Qv::Ptr<Edit>& edit, const Flavour& flavour, 
             if (tick >= 5)
                 console_->status(std::string("exporting ") + label + " " + spinner[tick % 4]);
         r = task->wait();
+        // The writer and its lists of a long edit are gone. A quick
+        // export's are small, and asking the allocator what it holds walks
+        // every free block the reading left: the next document's reading
+        // hands memory back anyway.
+        releaseFreedMemory();
     }
-    // The writer and its lists of the edit are gone.
-    releaseFreedMemory();
     console_->clearProgress();
     // The paths the pipeline reported lie in the staging folder.
     console_->takeWrittenPaths();
