@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 namespace XML {
 
@@ -56,6 +57,27 @@ std::size_t character(const unsigned char* s, bool& allowed) {
     if (code < least[length] || (code >= 0xD800 && code <= 0xDFFF) || code > 0x10FFFF) return 0;
     allowed = code != 0xFFFE && code != 0xFFFF;
     return length;
+}
+
+// How many bytes `text` begins with that are printable ASCII (from space
+// on): eight at a time, then one at a time up to the first that is not (or
+// the end).
+std::size_t plainLength(const char* text) {
+    const std::size_t n = std::strlen(text);
+    std::size_t i = 0;
+    constexpr std::uint64_t kHigh = 0x8080808080808080ull;
+    constexpr std::uint64_t kUp = 0x6060606060606060ull;
+    for (; i + 8 <= n; i += 8) {
+        std::uint64_t w;
+        std::memcpy(&w, text + i, 8);
+        // With no high bit set nothing carries between bytes, and a byte
+        // lifts past 0x7F exactly when it is a space or above.
+        if ((w & kHigh) | (~(w + kUp) & kHigh)) break;
+    }
+    const auto* s = reinterpret_cast<const unsigned char*>(text);
+    while (s[i] >= 0x20 && s[i] < 0x80)
+        ++i;
+    return i;
 }
 
 // Appends `text` to `out` in UTF-8; true when every character is printable
@@ -117,10 +139,8 @@ void XmlFile::replaceUnwritableCharacters(LoggerHandle log) {
 const char* XmlFile::writable(const char* utf8, std::string& scratch) {
     if (!replacing_ || !utf8) return utf8;
     const auto* s = reinterpret_cast<const unsigned char*>(utf8);
-    std::size_t i = 0;
     // Most texts are plain: look before copying.
-    while (s[i] >= 0x20 && s[i] < 0x80)
-        ++i;
+    std::size_t i = plainLength(utf8);
     if (!s[i]) return utf8;
     scratch.assign(utf8, i);
     bool replaced = false;

@@ -156,6 +156,23 @@ TEST(XmlFile, CharactersXmlCannotCarryAreReplacedAndToldOncePerText) {
             "<t>" + std::string(at, ' ') + "\xEF\xBF\xBD" + std::string(9 - at, ' ') + "</t>";
         EXPECT_NE(std::string(one.text()).find(expected), std::string::npos) << at;
     }
+    // The same in UTF-8 text, which is looked at eight bytes at a time: a
+    // byte just below space, and one that is no UTF-8, at every position;
+    // DEL and '~' around them stay.
+    for (char odd : {'\x1F', '\x80'}) {
+        for (std::size_t at = 0; at < 20; ++at) {
+            std::string t(20, '~');
+            t[at] = odd;
+            t[(at + 7) % 20] = '\x7F';
+            XmlFile one;
+            one.replaceUnwritableCharacters(LoggerHandle(Qv::Ptr<iLogSink>(new CapturingLogSink)));
+            xmlInlineElement(one, "t", t.c_str());
+            std::string expected = t;
+            expected.replace(at, 1, "\xEF\xBF\xBD");
+            EXPECT_NE(std::string(one.text()).find("<t>" + expected + "</t>"), std::string::npos)
+                << at;
+        }
+    }
     std::string text = f.text();
     const std::string r = "\xEF\xBF\xBD";
     EXPECT_NE(text.find("<root name=\"a" + r + "b\">"), std::string::npos) << text;
