@@ -193,6 +193,9 @@ int CED2List::PrepareED2ListsForExport(const CookieVec& cookies, CED2List& seqLi
 
     auto reach = [&](const Cookie& c, int depth) {
         if (!c.isValid() || c.isMagic()) return;
+        // Most cels play an edit reached already (the store keeps each edit
+        // under its own cookie's uuid): no look-up for them.
+        if (seen.count(c.uuid)) return;
         Qv::Ptr<Edit> target = store.find(c);
         if (!target || !seen.insert(key(target->cookie)).second) return;
         if (target->isShot()) {
