@@ -55,18 +55,19 @@ bool keptInURL(unsigned c) {
            c == '.' || c == '_' || c == '~' || c == '/';
 }
 
-// Appends a byte of a path to a file URL: itself, or its escape.
-template <class String>
-void appendEscaped(String& out, unsigned b) {
-    using Char = typename String::value_type;
+// Writes a byte of a path into a file URL at `out` (three places at most):
+// itself, or its escape. Returns where the next goes.
+template <class Char>
+Char* putEscaped(Char* out, unsigned b) {
     static const char hex[] = "0123456789ABCDEF";
     if (keptInURL(b)) {
-        out.push_back(static_cast<Char>(b));
-        return;
+        *out++ = static_cast<Char>(b);
+        return out;
     }
-    out.push_back(static_cast<Char>('%'));
-    out.push_back(static_cast<Char>(hex[b >> 4]));
-    out.push_back(static_cast<Char>(hex[b & 15]));
+    *out++ = static_cast<Char>('%');
+    *out++ = static_cast<Char>(hex[b >> 4]);
+    *out++ = static_cast<Char>(hex[b & 15]);
+    return out;
 }
 
 // Hands `put` each byte that `s` stands for, its escapes decoded, and stops
@@ -91,16 +92,29 @@ bool forEachDecoded(std::basic_string_view<Char> s, Put put) {
     return true;
 }
 
-// Appends the bytes of one character of a path: itself below 0x80, the raw
-// byte that pathFromBytes kept as U+DC80..U+DCFF, UTF-8 otherwise.
-void appendPathBytes(std::string& out, wchar_t w) {
+// Writes the bytes of one character of a path at `out` (four at most):
+// itself below 0x80, the raw byte that pathFromBytes kept as U+DC80..U+DCFF,
+// UTF-8 otherwise. Returns where the next goes.
+char* putPathBytes(char* out, wchar_t w) {
     char32_t c = static_cast<char32_t>(w);
-    if (c < 0x80)
-        out.push_back(static_cast<char>(c));
-    else if (c >= 0xDC80 && c <= 0xDCFF)
-        out.push_back(static_cast<char>(c - 0xDC00));
-    else
-        appendUTF8(out, c);
+    if (c < 0x80) {
+        *out++ = static_cast<char>(c);
+    } else if (c >= 0xDC80 && c <= 0xDCFF) {
+        *out++ = static_cast<char>(c - 0xDC00);
+    } else {
+        std::string utf8;  // four bytes at most: held in place
+        appendUTF8(utf8, c);
+        std::memcpy(out, utf8.data(), utf8.size());
+        out += utf8.size();
+    }
+    return out;
+}
+
+// The paths below are built in place: sized for the longest they can be,
+// written through a pointer, and cut to what was written.
+template <class String>
+void cutAt(String& s, const typename String::value_type* end) {
+    s.resize(static_cast<std::size_t>(end - s.data()));
 }
 
 }  // namespace
@@ -123,11 +137,11 @@ bool locator_IsLocal(const WS& locator) {
 
 bool locator_LocalToUNC(WS& in, WS& out) {
     if (in.empty() || in[0] != L'/' || (in.size() > 1 && in[1] == L'/')) return false;
-    std::wstring s;
-    s.reserve(11 + in.size());
-    s = L"\\\\localhost";
+    std::wstring s(11 + in.size(), L'\0');
+    std::wstring_view prefix = L"\\\\localhost";
+    wchar_t* p = std::copy(prefix.begin(), prefix.end(), s.data());
     for (wchar_t c : in.view())
-        s.push_back(c == L'/' ? L'\\' : c);
+        *p++ = c == L'/' ? L'\\' : c;
     out = WS(s);
     return true;
 }
@@ -140,22 +154,22 @@ bool locator_UNCToURL(WS& in, WS& out) {
     std::wstring_view pathPart =
         slash == std::wstring_view::npos ? std::wstring_view() : rest.substr(slash);
     // The path's bytes, escaped where a URL needs it, in one pass.
-    std::wstring url;
-    url.reserve(7 + host.size() + 3 * pathPart.size() + 1);
-    url = L"file://";
-    url.append(host);
-    if (pathPart.empty()) url.push_back(L'/');
-    std::string bytes;
+    std::wstring url(7 + host.size() + 12 * pathPart.size() + 1, L'\0');
+    std::wstring_view scheme = L"file://";
+    wchar_t* p = std::copy(scheme.begin(), scheme.end(), url.data());
+    p = std::copy(host.begin(), host.end(), p);
+    if (pathPart.empty()) *p++ = L'/';
     for (wchar_t c : pathPart) {
         if (c >= 0 && c < 0x80) {
-            appendEscaped(url, c == L'\\' ? '/' : static_cast<unsigned>(c));
+            p = putEscaped(p, c == L'\\' ? '/' : static_cast<unsigned>(c));
             continue;
         }
-        bytes.clear();
-        appendPathBytes(bytes, c);
-        for (char b : bytes)
-            appendEscaped(url, static_cast<unsigned char>(b));
+        char bytes[4];
+        char* end = putPathBytes(bytes, c);
+        for (char* b = bytes; b < end; ++b)
+            p = putEscaped(p, static_cast<unsigned char>(*b));
     }
+    cutAt(url, p);
     out = WS(url);
     return true;
 }
@@ -177,10 +191,11 @@ bool locator_UNCToLocal(WS& in, WS& out) {
 }
 
 LightweightString<char> percentEncode(const LightweightString<char>& text) {
-    std::string out;
-    out.reserve(text.size() + text.size() / 4);
+    std::string out(3 * text.size(), '\0');
+    char* p = out.data();
     for (char c : text.view())
-        appendEscaped(out, static_cast<unsigned char>(c));
+        p = putEscaped(p, static_cast<unsigned char>(c));
+    cutAt(out, p);
     return LightweightString<char>(out);
 }
 
@@ -211,26 +226,28 @@ WS locatorToPlatformForm(const WS& locator) {
     }
     // The escapes stand for the bytes of the path, which need not be UTF-8;
     // the other characters stand for their own bytes.
-    std::string bytes;
-    bytes.reserve(rest.size());
+    std::string bytes(4 * rest.size(), '\0');
+    char* p = bytes.data();
     for (size_t i = 0; i < rest.size(); ++i) {
         if (rest[i] == L'%' && i + 2 < rest.size()) {
             int hi = hexValue(static_cast<char32_t>(rest[i + 1]));
             int lo = hexValue(static_cast<char32_t>(rest[i + 2]));
             if (hi >= 0 && lo >= 0) {
-                bytes.push_back(static_cast<char>(hi * 16 + lo));
+                *p++ = static_cast<char>(hi * 16 + lo);
                 i += 2;
                 continue;
             }
         }
-        appendPathBytes(bytes, rest[i]);
+        p = putPathBytes(p, rest[i]);
     }
+    cutAt(bytes, p);
     WS path = pathFromBytes(bytes);
     if (path.empty()) path = WS(L"/");
     if (host.empty() || host == L"localhost") return path;
-    std::wstring unc = L"\\\\" + std::wstring(host);
+    std::wstring unc(2 + host.size() + path.size(), L'\\');
+    wchar_t* q = std::copy(host.begin(), host.end(), unc.data() + 2);
     for (wchar_t c : path.view())
-        unc.push_back(c == L'/' ? L'\\' : c);
+        *q++ = c == L'/' ? L'\\' : c;
     return WS(unc);
 }
 
@@ -283,13 +300,14 @@ WS joinPath(const WS& dir, const WS& name) {
 }
 
 WS pathFromBytes(std::string_view bytes) {
-    std::wstring out;
-    out.reserve(bytes.size());
+    // A character for each byte at most.
+    std::wstring out(bytes.size(), L'\0');
+    wchar_t* p = out.data();
     size_t i = 0;
     while (i < bytes.size()) {
         unsigned char b = static_cast<unsigned char>(bytes[i]);
         if (b < 0x80) {
-            out.push_back(static_cast<wchar_t>(b));
+            *p++ = static_cast<wchar_t>(b);
             ++i;
             continue;
         }
@@ -309,21 +327,23 @@ WS pathFromBytes(std::string_view bytes) {
             c = (c << 6) | (cb & 0x3F);
         }
         if (ok && c >= minimum[extra] && c <= 0x10FFFF && !(c >= 0xD800 && c <= 0xDFFF)) {
-            out.push_back(static_cast<wchar_t>(c));
+            *p++ = static_cast<wchar_t>(c);
             i += extra + 1;
         } else {
-            out.push_back(static_cast<wchar_t>(0xDC00 + b));
+            *p++ = static_cast<wchar_t>(0xDC00 + b);
             ++i;
         }
     }
+    cutAt(out, p);
     return WS(out);
 }
 
 std::string pathBytes(const WS& path) {
-    std::string out;
-    out.reserve(path.size());
+    std::string out(4 * path.size(), '\0');
+    char* p = out.data();
     for (wchar_t w : path.view())
-        appendPathBytes(out, w);
+        p = putPathBytes(p, w);
+    cutAt(out, p);
     return out;
 }
 

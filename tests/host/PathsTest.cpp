@@ -37,8 +37,8 @@ TEST(Locators, LocalPathsSurviveTheUrlRoundTrip) {
     EXPECT_EQ(url, L"file://localhost/media/day%201/a.mov");
 }
 
-// ASCII paths take a shorter road than the others; both must give what
-// the escapes say, byte for byte, at the edges of an escape too.
+// What the escapes say, byte for byte, at the edges of an escape too, and
+// for bytes that are no UTF-8 (kept as U+DC80..U+DCFF) both ways.
 TEST(Locators, EscapesAtTheirEdges) {
     EXPECT_EQ(locatorToPlatformForm(L"file:///a%2fb%2F"), L"/a/b/");
     EXPECT_EQ(locatorToPlatformForm(L"file:///caf%C3%A9.mov"), L"/caf\u00e9.mov");
@@ -46,9 +46,12 @@ TEST(Locators, EscapesAtTheirEdges) {
     EXPECT_EQ(locatorToPlatformForm(L"file:///a%41"), L"/aA");
     EXPECT_EQ(locatorToPlatformForm(L"file:///snø%20b"), L"/snø b");
     EXPECT_EQ(locatorToPlatformForm(L"file://server"), L"\\\\server\\");
+    EXPECT_EQ(locatorToPlatformForm(L"file:///caf%E9"), WS(L"/caf\xDCE9"));
+    EXPECT_EQ(locatorToPlatformForm(L"file://h/%E9/\u00e9"), WS(L"\\\\h\\\xDCE9\\\u00e9"));
     for (auto [unc, url] : {std::pair{L"\\\\h\\x y%~_.-", L"file://h/x%20y%25~_.-"},
                             std::pair{L"\\\\server", L"file://server/"},
-                            std::pair{L"\\\\h\\\u00e9#", L"file://h/%C3%A9%23"}}) {
+                            std::pair{L"\\\\h\\\u00e9#", L"file://h/%C3%A9%23"},
+                            std::pair{L"\\\\h\\caf\xDCE9", L"file://h/caf%E9"}}) {
         WS in(unc), out;
         ASSERT_TRUE(locator_UNCToURL(in, out));
         EXPECT_EQ(out, WS(url));
