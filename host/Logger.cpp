@@ -31,7 +31,11 @@ LightweightString<char> formatTextV(const char* format, va_list args) {
     va_copy(ap, args);
     for (const char* p = format; *p;) {
         if (*p != '%') {
-            out.push_back(*p++);
+            // The text up to the next directive, in one piece.
+            const char* next = std::strchr(p, '%');
+            std::size_t n = next ? static_cast<std::size_t>(next - p) : std::strlen(p);
+            out.append(p, n);
+            p += n;
             continue;
         }
         // Collect one conversion directive: flags, width, precision,
@@ -118,10 +122,16 @@ LightweightString<char> formatTextV(const char* format, va_list args) {
                     std::string narrowDirective =
                         directive.substr(0, directive.size() - 1 - length.size());
                     narrowDirective.push_back('s');
-                    appendConverted(out, narrowDirective, u.c_str());
+                    if (narrowDirective.size() == 2)  // a bare "%s": the text as it is
+                        out.append(u.c_str());
+                    else
+                        appendConverted(out, narrowDirective, u.c_str());
                 } else {
                     const char* s = va_arg(ap, const char*);
-                    appendConverted(out, directive, s ? s : "(null)");
+                    if (directive.size() == 2)
+                        out.append(s ? s : "(null)");
+                    else
+                        appendConverted(out, directive, s ? s : "(null)");
                 }
                 break;
             default:

@@ -103,6 +103,10 @@ TEST(LightweightVector, CopyOnWrite) {
 TEST(FormatText, WideArgumentsBecomeUtf8WhateverTheLocale) {
     EXPECT_EQ(formatText("<%ls|%S|%s|%5.1f|%d%%>", L"sn\u00f8", L"\u65e5", "n", 2.25, 7),
               "<sn\xC3\xB8|\xE6\x97\xA5|n|  2.2|7%>");
+    // Bare texts go in as they are; widths and precisions still count.
+    EXPECT_EQ(formatText("[%-4s|%.2s|%3S|%S]", "ab", "xyz", L"w", L"\u00f8"),
+              "[ab  |xy|  w|\xC3\xB8]");
+    EXPECT_EQ(formatText("no directive at all"), "no directive at all");
 }
 
 TEST(LoggerHandle, DefaultSwallowsAndCopiesShareIndent) {
