@@ -8,7 +8,10 @@
 namespace XML {
 
 CED2ClipRefMapRec::CED2ClipRefMapRec(const Cookie& cookie, CED2* shot, bool ghost)
-    : ced2(shot), isGhost(ghost), ref(cookie.asWString()), nextSameRef_(CED2ClipRefMap::npos) {}
+    : ced2(shot), isGhost(ghost), ref(cookie.asWString()), nextSameRef_(CED2ClipRefMap::npos) {
+    appendUtf8(refUtf8, ref.view());
+    fileId = "file_" + refUtf8 + "_0";
+}
 
 LightweightString<wchar_t> CED2ClipRefMapRec::getFileElementRef(unsigned int) const {
     return ref + L"_0";

@@ -619,7 +619,7 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
         if (plan.nested) {
             if (!printNestedSequence(shot, counter)) return false;
         } else {
-            leaf(xmlFile, "masterclipid", plan.rec->ref);
+            leaf(xmlFile, "masterclipid", plan.rec->refUtf8.c_str());
             CED2* master = plan.master;
             if (plan.rec->isGhost) {
                 if (master) {
@@ -632,10 +632,13 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
             }
             // The original writer named a sub-clip's file by the sub-clip, so
             // that each of its clip items repeated the file in full.
-            LightweightString<wchar_t> ref = legacy
-                                                 ? plan.rec->getFileElementRef(cel->cookie.channel)
-                                                 : masterText(plan) + L"_0";
-            if (!printFileElement(master, plan.defined, ref)) return false;
+            const CED2ClipRefMapRec* named = legacy ? plan.rec : plan.masterRec;
+            if (named) {
+                if (!printFileElement(master, plan.defined, named->fileId)) return false;
+            } else {
+                LightweightString<wchar_t> ref = masterText(plan) + L"_0";
+                if (!printFileElement(master, plan.defined, ref)) return false;
+            }
         }
         if (std::fabs(static_cast<double>(cel->speed) - 1.0) >= 1e-6)
             printTimeRemap(cel->speed, plan.still, plan.reverse, channel->chanType == kChanVideo);

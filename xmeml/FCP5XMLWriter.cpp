@@ -105,7 +105,11 @@ void FCP5XMLWriter::printSampleCharacteristics(const ShotVideoMetadata& metadata
 }
 
 bool FCP5XMLWriter::printFileElement(CED2* shot, bool defined, LightweightString<wchar_t>& ref) {
-    xmlElement file(xmlFile, "file", Attribute{"id", idText("file_", ref).c_str()});
+    return printFileElement(shot, defined, idText("file_", ref));
+}
+
+bool FCP5XMLWriter::printFileElement(CED2* shot, bool defined, const std::string& id) {
+    xmlElement file(xmlFile, "file", Attribute{"id", id.c_str()});
     if (!shot || defined) return true;
 
     leaf(xmlFile, "name", shot->get_editName());

@@ -39,6 +39,10 @@ class CED2ClipRefMapRec {
     std::unique_ptr<unsigned char[]> chanDefined;
     std::size_t chanCount = 0;
     LightweightString<wchar_t> ref;  // the text of the shot's cookie, its key
+    // The same in UTF-8, and the id of the file that getFileElementRef
+    // names ("file_" and that reference): made once, written by every clip
+    // item of the shot.
+    std::string refUtf8, fileId;
 
   private:
     friend class CED2ClipRefMap;
@@ -124,6 +128,8 @@ class FCP5XMLWriter : public XMLWriter {
     // when `defined` is set or there is no shot. False on a reel identifier
     // that other systems would choke on.
     bool printFileElement(CED2* shot, bool defined, LightweightString<wchar_t>& ref);
+    // The same with the element's id made already, in UTF-8.
+    bool printFileElement(CED2* shot, bool defined, const std::string& id);
     // Frames at the rate of the shot that `cookie` plays; 1 for an unknown
     // shot. Drops the file marks of that shot.
     int cookieCelTimeToFrames(double time, Cookie cookie);
