@@ -43,11 +43,21 @@ class CED2ClipRefMapRec {
     // names ("file_" and that reference): made once, written by every clip
     // item of the shot.
     std::string refUtf8, fileId;
+    // The shot's name in UTF-8, which each of its clip items carries.
+    const char* nameUtf8() {
+        if (!nameMade_) {
+            if (ced2) appendUtf8(nameUtf8_, ced2->get_editName().view());
+            nameMade_ = true;
+        }
+        return nameUtf8_.c_str();
+    }
 
   private:
     friend class CED2ClipRefMap;
     void makeMarks();
     std::size_t nextSameRef_;  // the next record with this reference, or npos
+    std::string nameUtf8_;
+    bool nameMade_ = false;
 };
 
 // The registered shots, in order of registration, each under its cookie as
