@@ -22,13 +22,22 @@ inline void leaf(XmlFile& f, const char* name, const LightweightString<char>& te
 inline void leaf(XmlFile& f, const char* name, const LightweightString<wchar_t>& text) {
     xmlInlineElement(f, name, text);
 }
-// A leaf with a whole number, in decimal: digits need no cleaning.
+// A text the writer composes itself from printable ASCII (a fixed word, a
+// number it formatted), never one from the edit: it needs no cleaning and
+// goes to the printer as it is.
+struct Plain {
+    const char* text;
+};
+inline void leaf(XmlFile& f, const char* name, Plain text) {
+    f.printer.OpenElement(name, false);
+    f.printer.PushText(text.text, false);
+    f.printer.CloseElement(false);
+}
+// A leaf with a whole number, in decimal.
 inline void leaf(XmlFile& f, const char* name, int value) {
     char text[16];
     *std::to_chars(text, text + sizeof text - 1, value).ptr = '\0';
-    f.printer.OpenElement(name, false);
-    f.printer.PushText(text, false);
-    f.printer.CloseElement(false);
+    leaf(f, name, Plain{text});
 }
 
 // The text of an `id`: `prefix` and then `rest` in UTF-8.

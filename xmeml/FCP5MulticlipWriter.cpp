@@ -84,8 +84,8 @@ bool FCP5XMLWriter::writeMulticlipGroup(AlternatesList& group) {
             std::string multiName = idText("", shot->get_editName()) + " - multi";
             multiName.resize(std::min(multiName.find('"'), multiName.size()));
             xmlInlineElement(xmlFile, "name", Attribute{"id", multiName.c_str()});
-            leaf(xmlFile, "collapsed", "FALSE");
-            leaf(xmlFile, "synctype", "1");
+            leaf(xmlFile, "collapsed", Plain{"FALSE"});
+            leaf(xmlFile, "synctype", Plain{"1"});
             bool firstAngle = true;
             for (const AlternatesList::AltListRec& member : group.list) {
                 CED2ClipRefMapRec* angleRec = nullptr;
@@ -93,8 +93,8 @@ bool FCP5XMLWriter::writeMulticlipGroup(AlternatesList& group) {
                 LightweightString<wchar_t> ci = angleRec->ref;
                 xmlElement angle(xmlFile, "angle");
                 if (firstAngle) {
-                    leaf(xmlFile, "activevideoangle", "TRUE");
-                    leaf(xmlFile, "activaudioangle", "TRUE");
+                    leaf(xmlFile, "activevideoangle", Plain{"TRUE"});
+                    leaf(xmlFile, "activaudioangle", Plain{"TRUE"});
                     firstAngle = false;
                 }
                 LightweightString<wchar_t> angleMaster = L"master_" + ci;
@@ -116,15 +116,15 @@ bool FCP5XMLWriter::writeMulticlipGroup(AlternatesList& group) {
                 xmlElement clipitem(xmlFile, "clipitem",
                                     Attribute{"id", idText("clipitem-", counter++).c_str()});
                 leaf(xmlFile, "masterclipid", masterId);
-                leaf(xmlFile, "syncoffset", "0");
+                leaf(xmlFile, "syncoffset", Plain{"0"});
                 subclipInfo();
                 if (!printFileElement(master, false, ref)) return false;
                 {
                     xmlElement sourcetrack(xmlFile, "sourcetrack");
-                    leaf(xmlFile, "mediatype", "audio");
+                    leaf(xmlFile, "mediatype", Plain{"audio"});
                     leaf(xmlFile, "trackindex", index);
                 }
-                leaf(xmlFile, "multiclip", "multiclip1");
+                leaf(xmlFile, "multiclip", Plain{"multiclip1"});
             }
             ++index;
         }

@@ -173,7 +173,7 @@ void FCP5XMLWriter::printTransition(CED2Cell* cel, CChannel* channel, bool isVid
         truncateToInt64(share * (frames / Qv::getFramesPerSecond(seqRate)) * kTicksPerSecond);
     char text[32];
     std::snprintf(text, sizeof text, "%ld", ticks);
-    leaf(xmlFile, "cutPointTicks", text);
+    leaf(xmlFile, "cutPointTicks", Plain{text});
 
     xmlElement effect(xmlFile, "effect");
     const char* effectName = "Cross Fade";
@@ -186,15 +186,16 @@ void FCP5XMLWriter::printTransition(CED2Cell* cel, CChannel* channel, bool isVid
         effectName = category = wipe ? "Wipe" : "Cross Dissolve";
         if (!wipe) category = "Dissolve";
     }
-    leaf(xmlFile, "effecttype", "transition");
-    leaf(xmlFile, "name", effectName);
-    leaf(xmlFile, "mediatype", mediaType);
-    leaf(xmlFile, "effectcategory", category);
-    leaf(xmlFile, "effectid", effectName);
-    leaf(xmlFile, "startratio", "0");
-    leaf(xmlFile, "endratio", "1");
+    leaf(xmlFile, "effecttype", Plain{"transition"});
+    leaf(xmlFile, "name", Plain{effectName});
+    leaf(xmlFile, "mediatype", Plain{mediaType});
+    leaf(xmlFile, "effectcategory", Plain{category});
+    leaf(xmlFile, "effectid", Plain{effectName});
+    leaf(xmlFile, "startratio", Plain{"0"});
+    leaf(xmlFile, "endratio", Plain{"1"});
     if (wipe) leaf(xmlFile, "wipecode", cel->GetSMPTEWipeCode());
-    leaf(xmlFile, "reverse", wipe && cel->GetWipeDirection() == eWipeReverse ? "TRUE" : "FALSE");
+    leaf(xmlFile, "reverse",
+         Plain{wipe && cel->GetWipeDirection() == eWipeReverse ? "TRUE" : "FALSE"});
 }
 
 LossRecord FCP5XMLWriter::lossHere(const char* kind, CChannel* channel,
@@ -217,11 +218,11 @@ void FCP5XMLWriter::warnBadSegment(const char* what, const char* loss, CChannel*
 
 void FCP5XMLWriter::printEffectHeader(const char* name, const char* id, const char* category,
                                       const char* type, const char* mediaType) {
-    leaf(xmlFile, "name", name);
-    leaf(xmlFile, "effectid", id);
-    leaf(xmlFile, "effectcategory", category);
-    leaf(xmlFile, "effecttype", type);
-    leaf(xmlFile, "mediatype", mediaType);
+    leaf(xmlFile, "name", Plain{name});
+    leaf(xmlFile, "effectid", Plain{id});
+    leaf(xmlFile, "effectcategory", Plain{category});
+    leaf(xmlFile, "effecttype", Plain{type});
+    leaf(xmlFile, "mediatype", Plain{mediaType});
 }
 
 void FCP5XMLWriter::printTimeRemap(float speed, bool still, bool reverse, bool isVideo) {
@@ -238,11 +239,11 @@ void FCP5XMLWriter::printTimeRemap(float speed, bool still, bool reverse, bool i
     printEffectHeader("Time Remap", "timeremap", "motion", "motion", isVideo ? "video" : "audio");
     auto parameter = [&](const char* id, const char* text) {
         xmlElement element(xmlFile, "parameter");
-        leaf(xmlFile, "parameterid", id);
-        leaf(xmlFile, "name", id);
-        leaf(xmlFile, "valuemin", "-100000");
-        leaf(xmlFile, "valuemax", "100000");
-        leaf(xmlFile, "value", text);
+        leaf(xmlFile, "parameterid", Plain{id});
+        leaf(xmlFile, "name", Plain{id});
+        leaf(xmlFile, "valuemin", Plain{"-100000"});
+        leaf(xmlFile, "valuemax", Plain{"100000"});
+        leaf(xmlFile, "value", Plain{text});
     };
     parameter("speed", value);
     if (reverse) parameter("reverse", "TRUE");
@@ -258,8 +259,8 @@ void FCP5XMLWriter::printAudioLevels(CChannel* channel, CED2* seq, double editIn
         xmlElement effect(xmlFile, "effect");
         printEffectHeader("Audio Levels", "audiolevels", "audiolevels", "audiolevels", "audio");
         xmlElement parameter(xmlFile, "parameter");
-        leaf(xmlFile, "name", "Level");
-        leaf(xmlFile, "parameterid", "level");
+        leaf(xmlFile, "name", Plain{"Level"});
+        leaf(xmlFile, "parameterid", Plain{"level"});
         for (CED2TrackLevel* level : each<CED2TrackLevel>(channel->levels)) {
             double t = level->position * seqLength;
             if (t < editIn || t > editOut) continue;
@@ -275,7 +276,7 @@ void FCP5XMLWriter::printAudioLevels(CChannel* channel, CED2* seq, double editIn
             char text[400];
             *std::to_chars(text, text + sizeof text - 1, value, std::chars_format::fixed, 8).ptr =
                 '\0';
-            leaf(xmlFile, "value", text);
+            leaf(xmlFile, "value", Plain{text});
         }
     }
     if (clipped) LogBoth("xml export - audio levels clipped to 6dB\n");
@@ -608,11 +609,11 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
         leaf(xmlFile, "in", seqCelTimeToFrames(plan.inValue));
         leaf(xmlFile, "out", seqCelTimeToFrames(plan.outValue));
         if (transitionOpen)
-            leaf(xmlFile, "start", "-1");
+            leaf(xmlFile, "start", Plain{"-1"});
         else
             leaf(xmlFile, "start", seqCelTimeToFrames(plan.editIn));
         if (extendTail)
-            leaf(xmlFile, "end", "-1");
+            leaf(xmlFile, "end", Plain{"-1"});
         else
             leaf(xmlFile, "end", seqCelTimeToFrames(plan.editOut));
 
@@ -663,7 +664,7 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
 
         {
             xmlElement sourcetrack(xmlFile, "sourcetrack");
-            leaf(xmlFile, "mediatype", isVideo ? "video" : "audio");
+            leaf(xmlFile, "mediatype", Plain{isVideo ? "video" : "audio"});
             if (!isVideo) leaf(xmlFile, "trackindex", static_cast<int>(cel->cookie.channel));
         }
         transitionLength = 0.0;

@@ -55,19 +55,19 @@ void FCP5XMLWriter::printRateElement(double rate) {
         Qv::FrameRate known = Qv::getEquivalentQvFrameRate(rate);
         if (!Qv::isKnownFrameRate(known) && !(rate >= 1 && rate < 1000)) known = seqRate;
         bool ntsc = Qv::isKnownFrameRate(known) && Qv::has1001Factor(known);
-        leaf(xmlFile, "ntsc", ntsc ? "TRUE" : "FALSE");
+        leaf(xmlFile, "ntsc", Plain{ntsc ? "TRUE" : "FALSE"});
         leaf(xmlFile, "timebase",
              Qv::isKnownFrameRate(known) ? static_cast<int>(Qv::getTicksPerSecond(known))
                                          : static_cast<int>(std::lround(rate)));
         return;
     }
-    leaf(xmlFile, "ntsc", "FALSE");
+    leaf(xmlFile, "ntsc", Plain{"FALSE"});
     leaf(xmlFile, "timebase", truncateToInt32(rate));
 }
 
 void FCP5XMLWriter::printSeqRateElement() {
     xmlElement r(xmlFile, "rate");
-    leaf(xmlFile, "ntsc", Qv::has1001Factor(seqRate) ? "TRUE" : "FALSE");
+    leaf(xmlFile, "ntsc", Plain{Qv::has1001Factor(seqRate) ? "TRUE" : "FALSE"});
     leaf(xmlFile, "timebase", static_cast<int>(Qv::getTicksPerSecond(seqRate)));
 }
 
@@ -85,9 +85,9 @@ void FCP5XMLWriter::printTimecodeElement(const EditLabel* label, bool withReel,
     }
     leaf(xmlFile, "string", label->get_string(0));
     leaf(xmlFile, "frame", label->get_start());
-    leaf(xmlFile, "source", "source");
+    leaf(xmlFile, "source", Plain{"source"});
     LabelType format = label->get_format();
-    leaf(xmlFile, "displayformat", format == 7 || format == 33 ? "DF" : "NDF");
+    leaf(xmlFile, "displayformat", Plain{format == 7 || format == 33 ? "DF" : "NDF"});
     if (withReel) {
         xmlElement reel(xmlFile, "reel");
         leaf(xmlFile, "name", reelName);
@@ -99,8 +99,8 @@ void FCP5XMLWriter::printSampleCharacteristics(const ShotVideoMetadata& metadata
     leaf(xmlFile, "width", boundedInt(metadata.getWidth(), 5));
     leaf(xmlFile, "height", boundedInt(metadata.getHeight(), 5));
     if (metadata.getAspectRatio() == Qv::Image::eAspectSquare) {
-        leaf(xmlFile, "pixelaspectratio", "square");
-        leaf(xmlFile, "anamorphic", "FALSE");
+        leaf(xmlFile, "pixelaspectratio", Plain{"square"});
+        leaf(xmlFile, "anamorphic", Plain{"FALSE"});
     }
 }
 
@@ -225,7 +225,7 @@ void FCP5XMLWriter::writeMarkers(CED2* ced2, double rate) {
         }
         leaf(xmlFile, "in", in);
         if (cue.out == kCueOpenEnd)
-            leaf(xmlFile, "out", "-1");
+            leaf(xmlFile, "out", Plain{"-1"});
         else
             leaf(xmlFile, "out", out);
         LightweightString<wchar_t> colour;
@@ -249,7 +249,7 @@ void FCP5XMLWriter::printMasterClipHeader(const LightweightString<wchar_t>& name
     leaf(xmlFile, "duration", celTimeToFrames(length, rate));
     printRateElement(rate);
     leaf(xmlFile, "masterclipid", masterId);
-    leaf(xmlFile, "ismasterclip", "TRUE");
+    leaf(xmlFile, "ismasterclip", Plain{"TRUE"});
 }
 
 bool FCP5XMLWriter::writeShotOnly(CED2List& first, CED2List& second) {

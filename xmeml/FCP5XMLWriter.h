@@ -207,7 +207,8 @@ class FCP5XMLWriter : public XMLWriter {
     void printSubclipInfo(int startOffset, int endOffset);
     void printTransition(CED2Cell* cel, CChannel* channel, bool isVideo, int number,
                          const char* alignment);
-    // The first children of a filter's effect, in their fixed order.
+    // The first children of a filter's effect, in their fixed order: words of
+    // the writer's own, in ASCII.
     void printEffectHeader(const char* name, const char* id, const char* category, const char* type,
                            const char* mediaType);
     void printTimeRemap(float speed, bool still, bool reverse, bool isVideo);
