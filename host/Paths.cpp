@@ -478,43 +478,61 @@ Kind kindOfEntry(const std::string& full, unsigned char type, bool& gone) {
 
 // Every name in a folder and the folders below it, in the order the search
 // reports them: a folder's own entries, then each sub-folder's, in name
-// order.
+// order. A tree holds thousands of names: they are kept one after another in
+// a single text and found through an open-addressed table of entry numbers,
+// so that the index costs a few blocks of memory rather than two for each
+// name.
 class TreeIndex {
   public:
-    struct Entry {
-        std::string name;
-        std::uint32_t folder;
-        Kind kind;
-    };
-
     explicit TreeIndex(const std::string& root) {
         walk(root, 0);
         // Entries of one name are chained in the order of the walk: folder
         // by folder, as the search visits them.
+        std::size_t size = 16;
+        while (size < 2 * entries_.size())
+            size *= 2;
+        slots_.assign(size, kNone);
         next_.assign(entries_.size(), kNone);
-        byName_.reserve(entries_.size());
+        std::vector<std::uint32_t> last(entries_.size(), kNone);
         for (std::uint32_t i = 0; i < entries_.size(); ++i) {
-            auto [it, fresh] = byName_.try_emplace(entries_[i].name, Chain{i, i});
-            if (!fresh) {
-                next_[it->second.last] = i;
-                it->second.last = i;
+            std::uint32_t& slot = slots_[slotAt(nameOf(i))];
+            if (slot == kNone) {
+                slot = i;
+                last[i] = i;
+            } else {
+                next_[last[slot]] = i;
+                last[slot] = i;
             }
         }
     }
 
     template <class Visit>
     void find(const std::string& name, Visit visit) const {
-        auto it = byName_.find(name);
-        if (it == byName_.end()) return;
-        for (std::uint32_t i = it->second.first; i != kNone; i = next_[i])
-            visit(childPath(folders_[entries_[i].folder], entries_[i].name), entries_[i].kind);
+        for (std::uint32_t i = slots_[slotAt(name)]; i != kNone; i = next_[i])
+            visit(childPath(folders_[entries_[i].folder], std::string(nameOf(i))),
+                  entries_[i].kind);
     }
 
   private:
     static constexpr std::uint32_t kNone = 0xFFFFFFFF;
-    struct Chain {
-        std::uint32_t first, last;
+    struct Entry {
+        std::uint32_t offset, length;  // of the name in names_
+        std::uint32_t folder;
+        Kind kind;
     };
+
+    std::string_view nameOf(std::uint32_t i) const {
+        return std::string_view(names_).substr(entries_[i].offset, entries_[i].length);
+    }
+    // The slot of the first entry so named, or the empty one where it would
+    // go; the table is never full.
+    std::size_t slotAt(std::string_view name) const {
+        const std::size_t mask = slots_.size() - 1;
+        std::size_t at = std::hash<std::string_view>{}(name)&mask;
+        while (slots_[at] != kNone && nameOf(slots_[at]) != name)
+            at = (at + 1) & mask;
+        return at;
+    }
 
     void walk(const std::string& dir, int depth) {
         DIR* d = ::opendir(dir.empty() ? "." : dir.c_str());
@@ -524,17 +542,19 @@ class TreeIndex {
         std::vector<std::string> subfolders;
         while (dirent* e = ::readdir(d)) {
             if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
-            std::string name = e->d_name;
+            std::string_view name = e->d_name;
             // A regular file, the most of any tree, needs no path of its own.
             Kind kind = Kind::File;
             if (e->d_type != DT_REG) {
-                std::string full = childPath(dir, name);
+                std::string full = childPath(dir, std::string(name));
                 bool gone;
                 kind = kindOfEntry(full, e->d_type, gone);
                 if (gone) continue;
                 if (kind == Kind::Folder) subfolders.push_back(std::move(full));
             }
-            entries_.push_back({std::move(name), here, kind});
+            entries_.push_back({static_cast<std::uint32_t>(names_.size()),
+                                static_cast<std::uint32_t>(name.size()), here, kind});
+            names_.append(name);
         }
         ::closedir(d);
         // Links to folders are not followed, so the walk cannot loop; the
@@ -548,10 +568,10 @@ class TreeIndex {
     }
 
     std::vector<std::string> folders_;
+    std::string names_;
     std::vector<Entry> entries_;
-    // Views of the names in entries_, made once the walk is over.
-    std::unordered_map<std::string_view, Chain> byName_;
-    std::vector<std::uint32_t> next_;
+    std::vector<std::uint32_t> slots_;  // a power of two, at least twice the entries
+    std::vector<std::uint32_t> next_;   // the next entry of the same name
 };
 
 thread_local DirectorySearchScope::State* currentSearch = nullptr;

@@ -229,6 +229,27 @@ TEST(Directories, TheSearchAnswersAsReadingEachFolderDid) {
               std::vector<std::string>{root + "/b"});
 }
 
+// A crowded tree, where names collide in the search's table: every name in
+// two of three folders, found in both and in the order of the walk.
+TEST(Directories, ACrowdedTreeFindsEveryNameWhereItIs) {
+    qvtest::TempDir dir;
+    std::string root = dir.path();
+    for (const char* sub : {"one", "two"})
+        ASSERT_EQ(::mkdir((root + "/" + sub).c_str(), 0755), 0);
+    const char* homes[3][2] = {{"", "/one"}, {"/one", "/two"}, {"", "/two"}};
+    for (int i = 0; i < 600; ++i)
+        for (const char* home : homes[i % 3])
+            qvtest::writeFile(root + home + "/n" + std::to_string(i) + ".mov", "x");
+    DirectorySearchScope scope;
+    for (int i = 0; i < 610; i += 7) {
+        std::string name = "n" + std::to_string(i) + ".mov";
+        std::vector<std::string> expected;
+        readingEachFolder(root, name, kDirIncludeFiles | kDirRecurse, 0, expected);
+        EXPECT_EQ(searched(root, name, kDirIncludeFiles | kDirRecurse), expected) << name;
+        EXPECT_EQ(expected.size(), i < 600 ? 2u : 0u) << name;
+    }
+}
+
 // A name that reaches a file in the other case too (as on a drive that folds
 // case, here by a hard link) is still compared byte for byte.
 TEST(Directories, NamesThatReachOneFileInBothCases) {
