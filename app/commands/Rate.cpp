@@ -49,14 +49,17 @@ Outcome Commands::rate(const Options& o) {
                      (head.kind == DocumentHead::Kind::Native && head.firstAttribute == "Version" &&
                       (head.firstValue == "1.0" || head.firstValue == "2.0"));
         if (!known) return Outcome(kExitUnknownDocument, whyUnreadable(input, head));
-        // A rate whose text is damaged is told as such, as import tells it:
-        // the import says which element and line, and the answer is untrusted.
-        if (!o.lenient) {
+        // The document is read as import reads it, so that what kept the
+        // rate from being told is said as import says it: a damaged rate
+        // (which element and line; the answer is untrusted unless
+        // --lenient), or a document too large for the memory there is.
+        {
             EditStore project;
             ScopedCurrentStore scope(project);
             std::vector<Qv::Ptr<Edit>> sequences;
-            if (Outcome read = importDocuments({input}, sequences, false); !read.ok()) return read;
-            if (!untrusted_.empty())
+            if (Outcome read = importDocuments({input}, sequences, o.lenient); !read.ok())
+                return read;
+            if (!o.lenient && !untrusted_.empty())
                 return Outcome(kExitUntrusted, "the frame rate of " + inQuotes(input) +
                                                    " cannot be trusted: it is damaged (see the "
                                                    "warnings above)");
