@@ -142,13 +142,11 @@ Outcome Commands::convertDocument(std::size_t job, const std::string& input, con
         else
             losses.outputs.push_back(stems[i] + extension);
         if (e->isShot()) continue;
-        DocumentInfo info =
-            describeTimeline({e}, format, targetLossesReadTheBody(*e, flavour.name, o.skipOffline));
-        if (info.sequences.empty()) continue;
-        const SequenceInfo& s = info.sequences.front();
-        for (Loss& l : targetLosses(s, flavour.name, o.silent, o.skipOffline))
+        SequenceView view(e, format);
+        if (!view.head()) continue;
+        for (Loss& l : targetLosses(view, flavour.name, o.silent, o.skipOffline))
             losses.items.push_back(std::move(l));
-        for (Loss& l : writerLosses(s, records))
+        for (Loss& l : writerLosses(*view.head(), records))
             losses.items.push_back(std::move(l));
     }
     losses.warnings = console_->warnings();
@@ -241,12 +239,10 @@ Outcome Commands::exportWithReport(const Qv::Ptr<Edit>& edit, const Flavour& fla
     std::vector<LossRecord> records = console_->takeLosses();
     losses.warnings = console_->warnings();
     if (!edit->isShot()) {
-        DocumentInfo info = describeTimeline(
-            {edit}, "snapshot", targetLossesReadTheBody(*edit, flavour.name, o.skipOffline));
-        if (!info.sequences.empty()) {
-            const SequenceInfo& s = info.sequences.front();
-            losses.items = targetLosses(s, flavour.name, o.silent, o.skipOffline);
-            for (Loss& l : writerLosses(s, records))
+        SequenceView view(edit, "snapshot");
+        if (view.head()) {
+            losses.items = targetLosses(view, flavour.name, o.silent, o.skipOffline);
+            for (Loss& l : writerLosses(*view.head(), records))
                 losses.items.push_back(std::move(l));
         }
     }

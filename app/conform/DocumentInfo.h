@@ -146,7 +146,7 @@ DocumentInfo describe(const std::vector<Qv::Ptr<Edit>>& sequences, const Identit
 // source timecode). What a conversion's loss report reads, at a fraction of
 // the cost. Without the `body`, each sequence is told by its name, rate,
 // start, length and tracks alone, which is all that the losses of some
-// targets read (targetLossesReadTheBody).
+// conversions read (see SequenceView).
 DocumentInfo describeTimeline(const std::vector<Qv::Ptr<Edit>>& sequences,
                               const std::string& format, bool body = true);
 

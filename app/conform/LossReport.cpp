@@ -237,16 +237,32 @@ Loss lossOf(const LossRecord& r, const char* origin) {
     return l;
 }
 
-std::vector<Loss> targetLosses(const SequenceInfo& s, const std::string& target, bool silent,
+SequenceView::SequenceView(const Qv::Ptr<Edit>& edit, const std::string& format)
+    : edit_(edit), format_(format), headOnly_(describeTimeline({edit}, format, false)) {
+    if (!headOnly_.sequences.empty()) head_ = &headOnly_.sequences.front();
+}
+
+const SequenceInfo& SequenceView::body() const {
+    if (!whole_) {
+        described_ = describeTimeline({edit_}, format_);
+        whole_ = &described_.sequences.front();
+    }
+    return *whole_;
+}
+
+std::vector<Loss> targetLosses(const SequenceView& view, const std::string& target, bool silent,
                                bool skipOffline) {
     std::vector<Loss> out;
-    if (!s.edit) return out;
+    const SequenceInfo* head = view.bodyDescribed() ? &view.body() : view.head();
+    if (!head || !head->edit) return out;
+    const Edit& edit = *head->edit;
     // Clips of media that the export leaves out become gaps: with
     // --skip-offline those of offline media, in fcpxml also those of media
     // without any file (which the format cannot hold). Other exports leave
     // no clip out, and their clips are not looked up.
     EditStore& store = EditStore::current();
-    if (skipOffline || target == "fcpxml")
+    if (skipOffline || target == "fcpxml") {
+        const SequenceInfo& s = view.body();
         for (const ClipInfo& c : s.clips) {
             Qv::Ptr<Edit> shot = c.shot.isValid() ? store.find(c.shot) : nullptr;
             if (!shot) continue;
@@ -255,21 +271,32 @@ std::vector<Loss> targetLosses(const SequenceInfo& s, const std::string& target,
             else if (target == "fcpxml" && !SystemCache::findEntryForCookie(shot->cookie))
                 out.push_back(at(s, "shot-without-file", c.track, c.recordIn, c.name));
         }
+    }
     if (target == "fcpxml") {
-        fcpxmlLosses(s, out);
+        fcpxmlLosses(view.body(), out);
     } else if (target == "xmeml") {
-        // One multi-angle cel alone can go out as a multiclip, when silent.
-        int video = 0, angles = 0;
-        for (const ClipInfo& c : s.clips) {
-            video += s.tracks[static_cast<std::size_t>(c.track)].video;
-            angles += c.multiAngle;
+        // Multi-angle cels: seen in the edit itself, so that a sequence
+        // without them is not described to its clips for them.
+        bool angled = false;
+        for (const StoredChannel& ch : edit.channels)
+            for (const CelData& c : ch.cels)
+                angled = angled || !c.alternates.empty();
+        if (angled) {
+            const SequenceInfo& s = view.body();
+            // One multi-angle cel alone can go out as a multiclip, when silent.
+            int video = 0, angles = 0;
+            for (const ClipInfo& c : s.clips) {
+                video += s.tracks[static_cast<std::size_t>(c.track)].video;
+                angles += c.multiAngle;
+            }
+            bool group = silent && video == 1 && angles >= 1 &&
+                         config_int("suppress_FCP7XML_multiclip_group", 0) == 0;
+            for (const ClipInfo& c : s.clips)
+                if (c.multiAngle && !group)
+                    out.push_back(at(s, "multi-angle-flat", c.track, c.recordIn, c.name));
         }
-        bool group = silent && video == 1 && angles >= 1 &&
-                     config_int("suppress_FCP7XML_multiclip_group", 0) == 0;
-        for (const ClipInfo& c : s.clips)
-            if (c.multiAngle && !group)
-                out.push_back(at(s, "multi-angle-flat", c.track, c.recordIn, c.name));
-        if (config_int("xml_export_limit_to_6dB", 0) != 0)
+        if (config_int("xml_export_limit_to_6dB", 0) != 0) {
+            const SequenceInfo& s = view.body();
             for (const ClipInfo& c : s.clips) {
                 const TrackInfo& t = s.tracks[static_cast<std::size_t>(c.track)];
                 const StoredChannel* ch = channelOf(s, t);
@@ -283,7 +310,9 @@ std::vector<Loss> targetLosses(const SequenceInfo& s, const std::string& target,
                         break;
                     }
             }
+        }
     } else if (target == "native") {
+        const SequenceInfo& s = view.body();
         for (const MarkerInfo& m : s.markers)
             out.push_back(at(s, "marker", -1, m.in, m.name));
         for (const ClipInfo& c : s.clips) {
@@ -293,19 +322,6 @@ std::vector<Loss> targetLosses(const SequenceInfo& s, const std::string& target,
         }
     }
     return out;
-}
-
-bool targetLossesReadTheBody(const Edit& sequence, const std::string& target, bool skipOffline) {
-    // Clips left out are found among the clips; fcpxml and native losses
-    // come from the clips and markers themselves.
-    if (skipOffline || target == "fcpxml" || target == "native") return true;
-    if (target != "xmeml") return false;
-    // xmeml loses multi-angle clips, and levels over 6 dB where it caps them.
-    if (config_int("xml_export_limit_to_6dB", 0) != 0) return true;
-    for (const StoredChannel& ch : sequence.channels)
-        for (const CelData& c : ch.cels)
-            if (!c.alternates.empty()) return true;
-    return false;
 }
 
 std::vector<Loss> writerLosses(const SequenceInfo& s, const std::vector<LossRecord>& records) {

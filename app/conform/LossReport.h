@@ -50,16 +50,34 @@ bool kindReplacesMaterial(const std::string& kind);
 // A record as a loss of the report, of "reader" or "writer" origin.
 Loss lossOf(const LossRecord& record, const char* origin);
 
+// A sequence as a conversion's loss report reads it: given whole, or made
+// from its edit, told by its name, rate, start, length and tracks, and
+// described to its clips, transitions and markers only when the report
+// first asks for them (most conversions to xmeml never do).
+class SequenceView {
+  public:
+    explicit SequenceView(const SequenceInfo& whole) : whole_(&whole) {}
+    SequenceView(const Qv::Ptr<Edit>& edit, const std::string& format);
+    // Null when the edit is no sequence to describe.
+    const SequenceInfo* head() const { return head_; }
+    // The whole description; only where head() is not null.
+    const SequenceInfo& body() const;
+    bool bodyDescribed() const { return whole_ != nullptr; }
+
+  private:
+    Qv::Ptr<Edit> edit_;
+    std::string format_;
+    DocumentInfo headOnly_;
+    mutable DocumentInfo described_;
+    const SequenceInfo* head_ = nullptr;
+    mutable const SequenceInfo* whole_ = nullptr;
+};
+
 // What the target format cannot hold of a sequence, found by comparing the
 // project's edit with the format: "native", "xmeml", "fcpxml" or "otio".
 // `silent` and `skipOffline` are the export's options of those names.
-std::vector<Loss> targetLosses(const SequenceInfo& sequence, const std::string& target, bool silent,
+std::vector<Loss> targetLosses(const SequenceView& sequence, const std::string& target, bool silent,
                                bool skipOffline);
-// Whether targetLosses can find anything in the clips, transitions and
-// markers of `sequence` for that target; when not, a description of the
-// sequence without them (describeTimeline's `body` false) gives it all it
-// reads.
-bool targetLossesReadTheBody(const Edit& sequence, const std::string& target, bool skipOffline);
 
 // The losses an export recorded as it wrote (clips it shortened, transitions
 // it replaced), placed on the sequence.
