@@ -22,6 +22,14 @@ void appendConverted(std::string& out, const std::string& directive, T value) {
     out.append(big.data(), static_cast<size_t>(n));
 }
 
+// A text: as it is for a bare "%s", the most common directive.
+void appendConverted(std::string& out, const std::string& directive, const char* text) {
+    if (directive == "%s")
+        out.append(text);
+    else
+        appendConverted<const char*>(out, directive, text);
+}
+
 }  // namespace
 
 LightweightString<char> formatTextV(const char* format, va_list args) {
@@ -122,16 +130,10 @@ LightweightString<char> formatTextV(const char* format, va_list args) {
                     std::string narrowDirective =
                         directive.substr(0, directive.size() - 1 - length.size());
                     narrowDirective.push_back('s');
-                    if (narrowDirective.size() == 2)  // a bare "%s": the text as it is
-                        out.append(u.c_str());
-                    else
-                        appendConverted(out, narrowDirective, u.c_str());
+                    appendConverted(out, narrowDirective, u.c_str());
                 } else {
                     const char* s = va_arg(ap, const char*);
-                    if (directive.size() == 2)
-                        out.append(s ? s : "(null)");
-                    else
-                        appendConverted(out, directive, s ? s : "(null)");
+                    appendConverted(out, directive, s ? s : "(null)");
                 }
                 break;
             default:

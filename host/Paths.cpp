@@ -70,11 +70,11 @@ Char* putEscaped(Char* out, unsigned b) {
     return out;
 }
 
-// Hands `put` each byte that `s` stands for, its escapes decoded, and stops
-// where `put` says false (returning false). An escape needs a character
-// after its two digits; otherwise the '%' stands for itself.
+// Hands `put` what each character of `s` stands for: the byte of an escape
+// (with `escaped` true), or the character itself. An escape needs a
+// character after its two digits; otherwise the '%' stands for itself.
 template <class Char, class Put>
-bool forEachDecoded(std::basic_string_view<Char> s, Put put) {
+void forEachDecoded(std::basic_string_view<Char> s, Put put) {
     using Unsigned = std::make_unsigned_t<Char>;
     auto at = [&](size_t i) { return static_cast<char32_t>(static_cast<Unsigned>(s[i])); };
     for (size_t i = 0; i < s.size(); ++i) {
@@ -82,14 +82,13 @@ bool forEachDecoded(std::basic_string_view<Char> s, Put put) {
             int hi = hexValue(at(i + 1));
             int lo = hexValue(at(i + 2));
             if (hi >= 0 && lo >= 0) {
-                if (!put(static_cast<char32_t>(hi * 16 + lo))) return false;
+                put(static_cast<char32_t>(hi * 16 + lo), true);
                 i += 2;
                 continue;
             }
         }
-        if (!put(at(i))) return false;
+        put(at(i), false);
     }
-    return true;
 }
 
 // Writes the bytes of one character of a path at `out` (four at most):
@@ -202,10 +201,7 @@ LightweightString<char> percentEncode(const LightweightString<char>& text) {
 LightweightString<char> percentDecode(const LightweightString<char>& text) {
     std::string out;
     out.reserve(text.size());
-    forEachDecoded(text.view(), [&](char32_t b) {
-        out.push_back(static_cast<char>(b));
-        return true;
-    });
+    forEachDecoded(text.view(), [&](char32_t b, bool) { out.push_back(static_cast<char>(b)); });
     return LightweightString<char>(out);
 }
 
@@ -228,18 +224,12 @@ WS locatorToPlatformForm(const WS& locator) {
     // the other characters stand for their own bytes.
     std::string bytes(4 * rest.size(), '\0');
     char* p = bytes.data();
-    for (size_t i = 0; i < rest.size(); ++i) {
-        if (rest[i] == L'%' && i + 2 < rest.size()) {
-            int hi = hexValue(static_cast<char32_t>(rest[i + 1]));
-            int lo = hexValue(static_cast<char32_t>(rest[i + 2]));
-            if (hi >= 0 && lo >= 0) {
-                *p++ = static_cast<char>(hi * 16 + lo);
-                i += 2;
-                continue;
-            }
-        }
-        p = putPathBytes(p, rest[i]);
-    }
+    forEachDecoded(rest, [&](char32_t c, bool escaped) {
+        if (escaped)
+            *p++ = static_cast<char>(c);
+        else
+            p = putPathBytes(p, static_cast<wchar_t>(c));
+    });
     cutAt(bytes, p);
     WS path = pathFromBytes(bytes);
     if (path.empty()) path = WS(L"/");

@@ -11,6 +11,7 @@ CED2ClipRefMapRec::CED2ClipRefMapRec(const Cookie& cookie, CED2* shot, bool ghos
     : ced2(shot), isGhost(ghost), ref(cookie.asWString()), nextSameRef_(CED2ClipRefMap::npos) {
     appendUtf8(refUtf8, ref.view());
     fileId = "file_" + refUtf8 + "_0";
+    if (shot) appendUtf8(nameUtf8, shot->get_editName().view());
 }
 
 LightweightString<wchar_t> CED2ClipRefMapRec::getFileElementRef(unsigned int) const {

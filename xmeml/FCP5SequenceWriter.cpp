@@ -596,7 +596,7 @@ bool FCP5XMLWriter::printSeqTrack(CChannel* channel, CED2* seq, unsigned int& co
         xmlElement clipitem(xmlFile, "clipitem",
                             Attribute{"id", idText("clipitem-", counter).c_str()});
         ++counter;
-        leaf(xmlFile, "name", plan.rec->nameUtf8());
+        leaf(xmlFile, "name", plan.rec->nameUtf8.c_str());
         if (legacy) {
             // The original writer gave a clip item its media's rate, while
             // its in and out count frames of the sequence.

@@ -44,20 +44,12 @@ class CED2ClipRefMapRec {
     // item of the shot.
     std::string refUtf8, fileId;
     // The shot's name in UTF-8, which each of its clip items carries.
-    const char* nameUtf8() {
-        if (!nameMade_) {
-            if (ced2) appendUtf8(nameUtf8_, ced2->get_editName().view());
-            nameMade_ = true;
-        }
-        return nameUtf8_.c_str();
-    }
+    std::string nameUtf8;
 
   private:
     friend class CED2ClipRefMap;
     void makeMarks();
     std::size_t nextSameRef_;  // the next record with this reference, or npos
-    std::string nameUtf8_;
-    bool nameMade_ = false;
 };
 
 // The registered shots, in order of registration, each under its cookie as

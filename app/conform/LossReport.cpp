@@ -253,7 +253,7 @@ const SequenceInfo& SequenceView::body() const {
 std::vector<Loss> targetLosses(const SequenceView& view, const std::string& target, bool silent,
                                bool skipOffline) {
     std::vector<Loss> out;
-    const SequenceInfo* head = view.bodyDescribed() ? &view.body() : view.head();
+    const SequenceInfo* head = view.head();
     if (!head || !head->edit) return out;
     const Edit& edit = *head->edit;
     // Clips of media that the export leaves out become gaps: with

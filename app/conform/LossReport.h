@@ -56,9 +56,10 @@ Loss lossOf(const LossRecord& record, const char* origin);
 // first asks for them (most conversions to xmeml never do).
 class SequenceView {
   public:
-    explicit SequenceView(const SequenceInfo& whole) : whole_(&whole) {}
+    explicit SequenceView(const SequenceInfo& whole) : head_(&whole), whole_(&whole) {}
     SequenceView(const Qv::Ptr<Edit>& edit, const std::string& format);
-    // Null when the edit is no sequence to describe.
+    // Null when the edit is no sequence to describe. Its name, rate, start,
+    // length and tracks are the whole description's.
     const SequenceInfo* head() const { return head_; }
     // The whole description; only where head() is not null.
     const SequenceInfo& body() const;

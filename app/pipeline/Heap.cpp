@@ -6,25 +6,18 @@
 #endif
 
 #include "app/pipeline/Pipeline.h"
+#include "host/Sanitizers.h"
 
 // Under AddressSanitizer (or another sanitizer that owns the heap), glibc's
 // allocator holds nothing of ours, and asking it about itself would set it
 // up for the first time from whichever job thread asks first: two jobs of a
 // batch doing so at once leave its count of threads wrong, and glibc aborts
 // when one of them exits.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define QVXML_HEAP_IS_SANITIZERS 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || \
-    __has_feature(memory_sanitizer)
-#define QVXML_HEAP_IS_SANITIZERS 1
-#endif
-#endif
 
 namespace qvapp {
 
 void releaseFreedMemory() {
-#if defined(__GLIBC__) && !defined(QVXML_HEAP_IS_SANITIZERS)
+#if defined(__GLIBC__) && !defined(QVXML_UNDER_SANITIZERS)
     // What is handed back costs a page fault a page when it is wanted again:
     // worth it only when much is held, as after a long document.
     constexpr std::size_t kWorthReleasing = std::size_t{32} << 20;
@@ -33,7 +26,7 @@ void releaseFreedMemory() {
 }
 
 void shareHeapAmong(int jobs) {
-#if defined(__GLIBC__) && !defined(QVXML_HEAP_IS_SANITIZERS)
+#if defined(__GLIBC__) && !defined(QVXML_UNDER_SANITIZERS)
     // Each new thread would otherwise get a heap of its own, grown a page
     // at a time (a system call and a page fault each): the writer's thread
     // of every export, although the memory the reading just gave back lies

@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "host/Sanitizers.h"
 #include "tests/app/CommandRunner.h"
 #include "tests/support/TestSupport.h"
 
@@ -72,17 +73,9 @@ TEST_F(Command, ImportSummarisesAndSnapshotsExportBack) {
 // as a document of a kind or version qvxml does not read. The command runs
 // under a ceiling on its address space (which the sanitizers, reserving
 // terabytes, cannot run under).
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define QVXML_TEST_UNDER_SANITIZERS 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || \
-    __has_feature(memory_sanitizer)
-#define QVXML_TEST_UNDER_SANITIZERS 1
-#endif
-#endif
 
 TEST_F(Command, AnImportWithoutMemoryEnoughSaysSo) {
-#ifdef QVXML_TEST_UNDER_SANITIZERS
+#ifdef QVXML_UNDER_SANITIZERS
     GTEST_SKIP() << "an address-space ceiling stops the sanitizers themselves";
 #endif
     // 40 MB of empty elements, an index of three times that.
